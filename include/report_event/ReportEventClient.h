@@ -1,0 +1,41 @@
+// Publishing events: the publisher interface of libreport_event.
+#ifndef REPORT_EVENT_REPORT_EVENT_CLIENT_H
+#define REPORT_EVENT_REPORT_EVENT_CLIENT_H
+
+#include <string>
+
+// The one publisher of a process (a process manager). It serves one resource and sends event records to the reader that
+// opened the resource most recently. Its failures are written to the system log.
+//
+// Threads. Both operations may be called from any thread; records are published one at a time, in the order in which
+// callers get in. Neither may be called from a signal handler. A process that has registered a service does not unload
+// the library, and stops publishing before it exits. A child of fork must leave by exec or _exit.
+class __attribute__((visibility("default"))) ReportEventClient {
+public:
+    virtual ~ReportEventClient();
+
+    // Returns the process's publisher, made by the first call. Any thread.
+    static ReportEventClient& GetInstance();
+
+    // Registers the resource service and the pool of shared memory under `name`. Called once. `name` is not used after
+    // the call.
+    //   0         success
+    //   0xF10207  the service could not be registered; nothing was registered
+    //   0xF10208  the pool could not be registered; the service stays registered. To try again, call again
+    virtual int RegisterResService(const std::string& name) = 0;
+
+    // Publishes one record of `size` bytes, at most 3960, unchanged (EventRecord.h has its format). The bytes are
+    // copied before the call returns. One attempt: nothing is queued or retried here. Does not wait for the reader.
+    //   0         the record was handed to the current reader, or dropped because no reader has the resource open (in
+    //             that case neither `buf` nor `size` is looked at)
+    //   0xF10204  `buf` is null
+    //   0xF10205  `size` is above 3960
+    //   0xF10209  no block is free in the pool: the reader is slower than the publisher. Try again later; each such
+    //             attempt writes a line to the system log, so do not try in a tight loop
+    //   0xF1020A  the record could not be written into its block
+    //   0xF1020B  the record could not be enqueued; the reader may just be leaving
+    // After any code but 0 the record was not published, and the next call starts afresh.
+    virtual int ReportEvent(const char* buf, unsigned int size) = 0;
+};
+
+#endif  // REPORT_EVENT_REPORT_EVENT_CLIENT_H
