@@ -1,0 +1,116 @@
+// A mutex, its scope guard and its condition variable, annotated so that clang's -Wthread-safety proves that guarded
+// members are only touched under their lock. Other compilers see plain standard primitives.
+#ifndef REPORT_EVENT_PLATFORM_HOST_COMMON_MUTEX_H
+#define REPORT_EVENT_PLATFORM_HOST_COMMON_MUTEX_H
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+
+#if defined(__clang__)
+#define HOST_THREAD_ANNOTATION(x) __attribute__((x))
+#else
+#define HOST_THREAD_ANNOTATION(x)
+#endif
+
+#define HOST_CAPABILITY(name) HOST_THREAD_ANNOTATION(capability(name))
+#define HOST_SCOPED_CAPABILITY HOST_THREAD_ANNOTATION(scoped_lockable)
+#define HOST_GUARDED_BY(mutex) HOST_THREAD_ANNOTATION(guarded_by(mutex))
+#define HOST_PT_GUARDED_BY(mutex) HOST_THREAD_ANNOTATION(pt_guarded_by(mutex))
+#define HOST_REQUIRES(...) HOST_THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
+#define HOST_EXCLUDES(...) HOST_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
+#define HOST_ACQUIRE(...) HOST_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
+#define HOST_RELEASE(...) HOST_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
+#define HOST_NO_THREAD_SAFETY_ANALYSIS HOST_THREAD_ANNOTATION(no_thread_safety_analysis)
+
+namespace host_platform {
+
+class HOST_CAPABILITY("mutex") Mutex {
+public:
+    constexpr Mutex() = default;
+    Mutex(const Mutex&) = delete;
+    Mutex& operator=(const Mutex&) = delete;
+
+    void Lock() HOST_ACQUIRE()
+    {
+        mutex_.lock();
+    }
+    void Unlock() HOST_RELEASE()
+    {
+        mutex_.unlock();
+    }
+
+private:
+    friend class CondVar;
+    std::mutex mutex_;
+};
+
+// Holds a mutex for the length of a scope.
+class HOST_SCOPED_CAPABILITY MutexLock {
+public:
+    explicit MutexLock(Mutex& mutex) HOST_ACQUIRE(mutex) : mutex_(mutex)
+    {
+        mutex_.Lock();
+    }
+    ~MutexLock() HOST_RELEASE()
+    {
+        mutex_.Unlock();
+    }
+    MutexLock(const MutexLock&) = delete;
+    MutexLock& operator=(const MutexLock&) = delete;
+
+private:
+    Mutex& mutex_;
+};
+
+// Waits may end without a notification: the caller loops on its condition, in its own scope, where the analysis can see
+// that the lock is held.
+class CondVar {
+public:
+    CondVar() = default;
+    CondVar(const CondVar&) = delete;
+    CondVar& operator=(const CondVar&) = delete;
+
+    void Wait(Mutex& mutex) HOST_REQUIRES(mutex)
+    {
+        Borrowed lock(mutex.mutex_);
+        condition_.wait(lock.lock);
+    }
+
+    // False when the deadline has passed.
+    bool WaitUntil(Mutex& mutex, std::chrono::steady_clock::time_point deadline) HOST_REQUIRES(mutex)
+    {
+        Borrowed lock(mutex.mutex_);
+        return condition_.wait_until(lock.lock, deadline) == std::cv_status::no_timeout;
+    }
+
+    void NotifyOne()
+    {
+        condition_.notify_one();
+    }
+    void NotifyAll()
+    {
+        condition_.notify_all();
+    }
+
+private:
+    // The standard's view of a mutex that the caller has locked and keeps.
+    struct Borrowed {
+        explicit Borrowed(std::mutex& mutex) : lock(mutex, std::adopt_lock)
+        {
+        }
+        ~Borrowed()
+        {
+            lock.release();
+        }
+        Borrowed(const Borrowed&) = delete;
+        Borrowed& operator=(const Borrowed&) = delete;
+        std::unique_lock<std::mutex> lock;
+    };
+
+    std::condition_variable condition_;
+};
+
+}  // namespace host_platform
+
+#endif  // REPORT_EVENT_PLATFORM_HOST_COMMON_MUTEX_H

@@ -1,0 +1,84 @@
+#include "platform/host/iam/BlockPool.h"
+
+#include <cstring>
+
+#include "platform/host/iam/SharedMemory.h"
+
+namespace host_platform::iam {
+
+Status BlockPool::Create(const PoolShape& shape)
+{
+    records_.resize(shape.blockCount);
+    free_.reserve(shape.blockCount);
+    for (uint32_t block = shape.blockCount; block > 0; --block) {
+        free_.push_back(static_cast<uint16_t>(block - 1));
+    }
+    shape_ = shape;
+    return CreateSharedMemory("iam-pool", shape.bytes, Sharing::READ_ONLY, memoryFd_, memory_);
+}
+
+uint32_t BlockPool::Allocate(uint32_t length, uint64_t sequence)
+{
+    const uint16_t block = free_.back();
+    free_.pop_back();
+    Record& record = records_[block];
+    record.sequence = sequence;
+    record.length = length;
+    record.place = Place::ALLOCATED;
+    return block;
+}
+
+bool BlockPool::IsAllocated(uint32_t block, uint64_t sequence) const
+{
+    return block < records_.size() && records_[block].place == Place::ALLOCATED && records_[block].sequence == sequence;
+}
+
+bool BlockPool::Write(uint32_t block, const void* data, uint32_t size, uint32_t offset)
+{
+    const uint32_t room = records_[block].length;
+    if (offset > room || size > room - offset) {
+        return false;
+    }
+    if (size != 0) {
+        memcpy(memory_.Bytes() + size_t{block} * shape_.blockStride + offset, data, size);
+    }
+    return true;
+}
+
+void BlockPool::Free(uint32_t block)
+{
+    PutBack(block);
+}
+
+uint32_t BlockPool::Queue(uint32_t block, BlockFifo& fifo)
+{
+    Record& record = records_[block];
+    record.place = Place::QUEUED;
+    if (fifo.count++ == 0) {
+        fifo.first = block;
+    } else {
+        records_[fifo.last].next = static_cast<uint16_t>(block);
+    }
+    fifo.last = block;
+    ++queued_;
+    return record.length;
+}
+
+void BlockPool::TakeBack(uint32_t count, BlockFifo& fifo)
+{
+    for (uint32_t i = 0; i < count; ++i) {
+        const uint32_t block = fifo.first;
+        fifo.first = records_[block].next;
+        PutBack(block);
+    }
+    fifo.count -= count;
+    queued_ -= count;
+}
+
+void BlockPool::PutBack(uint32_t block)
+{
+    records_[block].place = Place::FREE;
+    free_.push_back(static_cast<uint16_t>(block));
+}
+
+}  // namespace host_platform::iam

@@ -1,0 +1,104 @@
+// Owners of what the kernel hands out: a descriptor, a mapping.
+#ifndef REPORT_EVENT_PLATFORM_HOST_IAM_DESCRIPTOR_H
+#define REPORT_EVENT_PLATFORM_HOST_IAM_DESCRIPTOR_H
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <utility>
+
+namespace host_platform::iam {
+
+// Closes its descriptor when it goes, and leaves errno alone.
+class UniqueFd {
+public:
+    UniqueFd() = default;
+    explicit UniqueFd(int fd) : fd_(fd)
+    {
+    }
+    UniqueFd(UniqueFd&& other) noexcept : fd_(other.Release())
+    {
+    }
+    UniqueFd& operator=(UniqueFd&& other) noexcept
+    {
+        Reset(other.Release());
+        return *this;
+    }
+    ~UniqueFd()
+    {
+        Reset();
+    }
+
+    int Get() const
+    {
+        return fd_;
+    }
+    explicit operator bool() const
+    {
+        return fd_ >= 0;
+    }
+    int Release()
+    {
+        return std::exchange(fd_, -1);
+    }
+    void Reset(int fd = -1)
+    {
+        const int old = std::exchange(fd_, fd);
+        if (old >= 0) {
+            const int saved = errno;
+            close(old);
+            errno = saved;
+        }
+    }
+
+private:
+    int fd_ = -1;
+};
+
+// Unmaps its memory when it goes.
+class Mapping {
+public:
+    Mapping() = default;
+    Mapping(void* address, size_t size) : address_(address), size_(size)
+    {
+    }
+    Mapping(Mapping&& other) noexcept
+        : address_(std::exchange(other.address_, nullptr)), size_(std::exchange(other.size_, 0))
+    {
+    }
+    Mapping& operator=(Mapping&& other) noexcept
+    {
+        std::swap(address_, other.address_);
+        std::swap(size_, other.size_);
+        return *this;
+    }
+    ~Mapping()
+    {
+        if (address_ != nullptr) {
+            munmap(address_, size_);
+        }
+    }
+
+    unsigned char* Bytes() const
+    {
+        return static_cast<unsigned char*>(address_);
+    }
+    size_t Size() const
+    {
+        return size_;
+    }
+    explicit operator bool() const
+    {
+        return address_ != nullptr;
+    }
+
+private:
+    void* address_ = nullptr;
+    size_t size_ = 0;
+};
+
+}  // namespace host_platform::iam
+
+#endif  // REPORT_EVENT_PLATFORM_HOST_IAM_DESCRIPTOR_H

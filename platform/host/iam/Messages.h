@@ -1,0 +1,34 @@
+// Sends and receives the messages of Protocol.h over a packet socket, with the descriptors that belong to them.
+#ifndef REPORT_EVENT_PLATFORM_HOST_IAM_MESSAGES_H
+#define REPORT_EVENT_PLATFORM_HOST_IAM_MESSAGES_H
+
+#include <array>
+#include <initializer_list>
+
+#include "platform/host/iam/Descriptor.h"
+#include "platform/host/iam/Protocol.h"
+#include "platform/host/iam/Status.h"
+
+namespace host_platform::iam {
+
+struct ReceivedMessage {
+    MessageType type{};
+    Message message;
+    std::array<UniqueFd, 2> descriptors;  // as many as DescriptorCount(type), the rest empty
+};
+
+// Never blocks, never raises SIGPIPE.
+Status SendMessage(int socket, const Message& message, std::initializer_list<int> descriptors = {});
+Status SendMessage(int socket, MessageType type);
+
+// Never blocks. EAGAIN when nothing is there, EPIPE when the peer has hung up, EPROTO when what it sent is not exactly
+// one sound message with the descriptors that belong to it (all that came with it are closed), EMFILE when the process
+// has no room for those.
+Status ReceiveMessage(int socket, ReceivedMessage& received);
+
+// Fails with EACCES unless the process at the other end runs as this process's user.
+Status CheckPeerUser(int socket, int* pid = nullptr);
+
+}  // namespace host_platform::iam
+
+#endif  // REPORT_EVENT_PLATFORM_HOST_IAM_MESSAGES_H

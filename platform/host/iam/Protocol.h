@@ -1,0 +1,147 @@
+// What the two processes of a resource say to each other, as bytes: pure functions and layouts, no I/O.
+//
+// The reader connects to the service's socket and sends HELLO; the service answers RING with the ring and the bell; the
+// reader maps the ring and answers READY; the service lets its user know and answers CONNECTED. POOL carries the pool
+// as soon as there is one, once per connection, after RING. After READY the reader sends nothing more. Both run on one
+// machine, so integers are in its byte order.
+//
+// Nothing that a peer sent or wrote is used before a function of this file has found it sound.
+#ifndef REPORT_EVENT_PLATFORM_HOST_IAM_PROTOCOL_H
+#define REPORT_EVENT_PLATFORM_HOST_IAM_PROTOCOL_H
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <optional>
+
+namespace host_platform::iam {
+
+constexpr uint32_t PROTOCOL_MAGIC = 0x52544D49;
+constexpr uint16_t PROTOCOL_VERSION = 1;
+
+constexpr uint32_t RING_ENTRIES = 1024;       // what this service offers; a pool never has more blocks
+constexpr uint32_t RING_ENTRIES_MAX = 65536;  // what a reader accepts
+constexpr uint64_t POOL_BYTES_MAX = uint64_t{1} << 30;
+constexpr uint32_t POOL_BLOCKS_MAX = RING_ENTRIES;
+constexpr uint32_t BLOCK_ALIGNMENT = 64;
+
+enum class MessageType : uint16_t { HELLO = 1, RING = 2, READY = 3, POOL = 4, CONNECTED = 5 };
+
+// Every message has this one form; fields that its type does not use are zero.
+struct Message {
+    uint32_t magic = PROTOCOL_MAGIC;
+    uint16_t version = PROTOCOL_VERSION;
+    uint16_t type = 0;
+    uint64_t bytes = 0;   // RING, POOL: size of the shared memory that travels with it
+    uint32_t count = 0;   // RING: entries; POOL: blocks
+    uint32_t stride = 0;  // POOL: distance between two blocks, and the room in each
+};
+static_assert(sizeof(Message) == 24, "no padding: a message is compared and sent as bytes");
+
+struct PoolShape {
+    uint64_t bytes = 0;
+    uint32_t blockCount = 0;
+    uint32_t blockStride = 0;
+};
+
+// The two ends write to different cache lines, two apart, because processors fetch lines in pairs.
+constexpr size_t RING_LINE = 128;
+constexpr size_t RING_HEADER_BYTES = 4 * RING_LINE;
+
+constexpr uint64_t RingBytes(uint32_t entries)
+{
+    return RING_HEADER_BYTES + uint64_t{entries} * sizeof(uint64_t);
+}
+
+// How many descriptors travel with a message of this type: RING has the ring and the bell, POOL the pool.
+constexpr size_t DescriptorCount(MessageType type)
+{
+    return type == MessageType::RING ? 2 : type == MessageType::POOL ? 1 : 0;
+}
+
+// The shape of a pool of this many bytes and blocks, or nothing if it cannot be had.
+inline std::optional<PoolShape> ShapePool(uint64_t bytes, uint32_t blockCount)
+{
+    if (bytes > POOL_BYTES_MAX || blockCount == 0 || blockCount > POOL_BLOCKS_MAX) {
+        return std::nullopt;
+    }
+    const uint64_t stride = bytes / blockCount / BLOCK_ALIGNMENT * BLOCK_ALIGNMENT;
+    if (stride == 0) {
+        return std::nullopt;
+    }
+    return PoolShape{bytes, blockCount, static_cast<uint32_t>(stride)};
+}
+
+inline bool RingMessageIsSound(const Message& message)
+{
+    const uint32_t entries = message.count;
+    return entries >= 2 && entries <= RING_ENTRIES_MAX && (entries & (entries - 1)) == 0 &&
+           message.bytes == RingBytes(entries) && message.stride == 0;
+}
+
+inline bool PoolMessageIsSound(const Message& message)
+{
+    return message.bytes <= POOL_BYTES_MAX && message.count > 0 && message.stride > 0 &&
+           message.stride % BLOCK_ALIGNMENT == 0 && uint64_t{message.count} * message.stride <= message.bytes;
+}
+
+// The message in these bytes, or nothing if they are not exactly one.
+inline std::optional<Message> ParseMessage(const unsigned char* bytes, size_t size)
+{
+    Message message;
+    if (size != sizeof message) {
+        return std::nullopt;
+    }
+    memcpy(&message, bytes, sizeof message);
+    if (message.magic != PROTOCOL_MAGIC || message.version != PROTOCOL_VERSION) {
+        return std::nullopt;
+    }
+    bool sound = false;
+    switch (static_cast<MessageType>(message.type)) {
+        case MessageType::HELLO:
+        case MessageType::READY:
+        case MessageType::CONNECTED:
+            sound = message.bytes == 0 && message.count == 0 && message.stride == 0;
+            break;
+        case MessageType::RING:
+            sound = RingMessageIsSound(message);
+            break;
+        case MessageType::POOL:
+            sound = PoolMessageIsSound(message);
+            break;
+    }
+    return sound ? std::optional<Message>(message) : std::nullopt;
+}
+
+// A ring entry: the block in the low half, the length of the record in the high half.
+constexpr uint64_t PackEntry(uint32_t block, uint32_t length)
+{
+    return uint64_t{length} << 32 | block;
+}
+
+struct RecordPlace {
+    uint64_t offset;  // in the pool
+    uint32_t length;
+};
+
+// Where the record of this entry lies, or nothing if that is not inside one block of the pool.
+inline std::optional<RecordPlace> LocateRecord(uint64_t entry, const PoolShape& pool)
+{
+    const auto block = static_cast<uint32_t>(entry);
+    const auto length = static_cast<uint32_t>(entry >> 32);
+    if (block >= pool.blockCount || length > pool.blockStride) {
+        return std::nullopt;
+    }
+    return RecordPlace{uint64_t{block} * pool.blockStride, length};
+}
+
+// Whether a peer's count of appended (or consumed) records can follow `known`, the count this side is sure of, when at
+// most `room` lie between. The counts have 64 bits and never wrap.
+constexpr bool CountIsSound(uint64_t claimed, uint64_t known, uint64_t room)
+{
+    return claimed >= known && claimed - known <= room;
+}
+
+}  // namespace host_platform::iam
+
+#endif  // REPORT_EVENT_PLATFORM_HOST_IAM_PROTOCOL_H

@@ -1,0 +1,200 @@
+// slog on a development host: diagnostic lines on standard error, event-log lines in a file named by the environment.
+//
+// The settings are read once, when the library is loaded. Everything that lives at file scope is trivially
+// destructible, so that logging works in any static initialiser and destructor of those who use it.
+#include <fcntl.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+
+#include "platform/host/slog/LogLine.h"
+#include "slog.h"
+
+namespace host_platform::slog {
+namespace {
+
+constexpr int LEVEL_LIMIT = 64;  // levels 0 to 63 have a bit each
+constexpr uint64_t DEFAULT_LEVELS = uint64_t{1} << 3;
+
+class ErrnoKeeper {
+public:
+    ErrnoKeeper() = default;
+    ~ErrnoKeeper()
+    {
+        errno = saved_;
+    }
+    ErrnoKeeper(const ErrnoKeeper&) = delete;
+    ErrnoKeeper& operator=(const ErrnoKeeper&) = delete;
+
+private:
+    const int saved_ = errno;
+};
+
+// A descriptor that lines go to, one write each. It belongs to the process and is never closed. After the first broken
+// pipe it stays silent for good: a SIGPIPE handler that logs would otherwise be called by its own message, without end.
+class LineSink {
+public:
+    constexpr explicit LineSink(int fd) : fd_(fd)
+    {
+    }
+
+    bool IsOpen() const
+    {
+        return fd_ >= 0;
+    }
+
+    void Write(const LogLine& line)
+    {
+        if (!broken_ && write(fd_, line.Data(), line.Size()) < 0 && errno == EPIPE) {
+            broken_ = true;
+        }
+    }
+
+    void Sync() const
+    {
+        fdatasync(fd_);  // fails where there is nothing to wait for, as on a pipe
+    }
+
+private:
+    const int fd_;
+    std::atomic<bool> broken_{false};
+    static_assert(std::atomic<bool>::is_always_lock_free, "a signal handler writes too");
+};
+
+void AppendOrigin(LogLine& line)
+{
+    char threadName[16] = {};
+    prctl(PR_GET_NAME, threadName);
+    line.Append("%.64s[%d/%s] ", program_invocation_short_name, static_cast<int>(getpid()), threadName);
+}
+
+LineSink standardError{STDERR_FILENO};
+
+void Complain(const char* format, ...) __attribute__((format(printf, 1, 2)));
+void Complain(const char* format, ...)
+{
+    LogLine line;
+    AppendOrigin(line);
+    va_list arguments;
+    va_start(arguments, format);
+    line.AppendList(format, arguments);
+    va_end(arguments);
+    line.Finish();
+    standardError.Write(line);
+}
+
+// Decimal numbers below LEVEL_LIMIT with a comma between each two; the empty text names no level.
+bool ParseLevels(const char* text, uint64_t& levels)
+{
+    levels = 0;
+    if (*text == '\0') {
+        return true;
+    }
+    for (;;) {
+        int level = 0;
+        const char* const number = text;
+        for (; *text >= '0' && *text <= '9' && level < LEVEL_LIMIT; ++text) {
+            level = level * 10 + (*text - '0');
+        }
+        if (text == number || level >= LEVEL_LIMIT) {
+            return false;
+        }
+        levels |= uint64_t{1} << level;
+        if (*text == '\0') {
+            return true;
+        }
+        if (*text++ != ',') {
+            return false;
+        }
+    }
+}
+
+uint64_t LevelsFromEnvironment()
+{
+    const char* const text = secure_getenv("SLOG_LEVELS");
+    uint64_t levels = DEFAULT_LEVELS;
+    if (text != nullptr && !ParseLevels(text, levels)) {
+        Complain("slog: SLOG_LEVELS='%.100s' is not a comma-separated list of levels 0 to %d; using 3", text,
+                 LEVEL_LIMIT - 1);
+        return DEFAULT_LEVELS;
+    }
+    return levels;
+}
+
+// Opens the event file, or returns -1 for none. Never on a standard descriptor that the process was started without:
+// whoever repairs those later would replace the file.
+int OpenEventFile()
+{
+    const ErrnoKeeper errnoKeeper;
+    const char* const path = secure_getenv("SLOG_EVENT_FILE");
+    if (path == nullptr || *path == '\0') {
+        return -1;
+    }
+    int fd = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY, 0640);
+    if (fd >= 0 && fd <= STDERR_FILENO) {
+        const int low = fd;
+        fd = fcntl(low, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+        close(low);
+    }
+    if (fd < 0) {
+        const int error = errno;
+        Complain("slog: SLOG_EVENT_FILE='%.400s' cannot be opened: %s; event-log lines go to standard error", path,
+                 strerrordesc_np(error));
+    }
+    return fd;
+}
+
+const uint64_t enabledLevels = LevelsFromEnvironment();
+LineSink eventFile{OpenEventFile()};
+
+}  // namespace
+}  // namespace host_platform::slog
+
+using namespace host_platform::slog;
+
+int CheckLogLevel(int /*module*/, int level)
+{
+    return level >= 0 && level < LEVEL_LIMIT && (enabledLevels >> level & 1) != 0 ? 1 : 0;
+}
+
+void DlogInner(int module, int level, const char* format, ...)
+{
+    const ErrnoKeeper errnoKeeper;
+    LogLine line;
+    AppendOrigin(line);
+    line.Append("level=%d module=%d: ", level, module);
+    va_list arguments;
+    va_start(arguments, format);
+    line.AppendList(format, arguments);
+    va_end(arguments);
+    line.Finish();
+    standardError.Write(line);
+}
+
+void DlogEventInner(int module, const char* format, ...)
+{
+    const ErrnoKeeper errnoKeeper;
+    LogLine line;
+    AppendOrigin(line);
+    line.Append("event module=0x%X: ", static_cast<unsigned int>(module));
+    va_list arguments;
+    va_start(arguments, format);
+    line.AppendList(format, arguments);
+    va_end(arguments);
+    line.Finish();
+    (eventFile.IsOpen() ? eventFile : standardError).Write(line);
+}
+
+void DlogFlush(void)
+{
+    // Every line was written when it was logged; what is left is the way to the disk.
+    const ErrnoKeeper errnoKeeper;
+    if (eventFile.IsOpen()) {
+        eventFile.Sync();
+    }
+}
