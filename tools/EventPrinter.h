@@ -1,0 +1,58 @@
+// Prints events, a line each, from the threads that deliver them.
+#ifndef REPORT_EVENT_TOOLS_EVENT_PRINTER_H
+#define REPORT_EVENT_TOOLS_EVENT_PRINTER_H
+
+#include <cstdint>
+#include <mutex>
+#include <string>
+
+#include "report_event/EventRecord.h"
+#include "report_event/EventTypes.h"
+#include "tools/EventText.h"
+#include "tools/ToolSupport.h"
+
+namespace tools {
+
+// Every line has been handed to the system when the call that prints it returns. The lock is held while a line is
+// written, and a slow reader of the output makes that long; so Stop, which any thread may call without the lock, makes
+// every print in progress give up: whoever unregisters calls it first and then waits for no reader.
+class EventPrinter {
+public:
+    static constexpr uint64_t UNLIMITED = UINT64_MAX;
+
+    // Ends after `limit` events.
+    EventPrinter(int fd, TextStyle style, uint64_t limit);
+
+    void PrintHeader();
+    void PrintFault(const EventInfo& event, const UDSInfoForCpp& uds);
+    void PrintDevice(ReportEvent::EventType family, const dsmi_event& event);
+
+    // Readable once nothing more will be printed: the limit is reached or the output cannot be written.
+    int EndedDescriptor() const
+    {
+        return ended_.Descriptor();
+    }
+    void Stop()
+    {
+        stopped_.Raise();
+    }
+    // The errno of the write that failed, 0 when none has. A closed pipe is EPIPE.
+    int WriteError() const;
+
+private:
+    void PrintEvent(const std::string& line);
+    bool Write(const std::string& line);
+    bool WaitUntilWritable() const;
+
+    const int fd_;
+    const TextStyle style_;
+    Flag ended_;
+    Flag stopped_;
+    mutable std::mutex mutex_;  // guards what follows
+    uint64_t remaining_;
+    int writeError_ = 0;
+};
+
+}  // namespace tools
+
+#endif  // REPORT_EVENT_TOOLS_EVENT_PRINTER_H

@@ -1,0 +1,191 @@
+#include "tools/ToolSupport.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <charconv>
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <iostream>
+#include <stdexcept>
+#include <system_error>
+
+namespace tools {
+
+namespace {
+
+struct NamedResult {
+    int code;
+    const char* name;
+};
+
+constexpr NamedResult RESULTS[] = {
+    {0xF10005, "resource file that cannot be opened"},
+    {0xF10204, "null pointer"},
+    {0xF10205, "wrong size"},
+    {0xF10206, "rejected, repeated or unknown resource name"},
+    {0xF10207, "service registration failed"},
+    {0xF10208, "pool registration failed"},
+    {0xF10209, "no block is free in the pool"},
+    {0xF1020A, "block write failed"},
+    {0xF1020B, "enqueue failed"},
+};
+
+int OpenStopSignals()
+{
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    return signalfd(-1, &signals, SFD_CLOEXEC);
+}
+
+bool PollReadable(int fd, int timeout)
+{
+    pollfd waited{fd, POLLIN, 0};
+    int ready = 0;
+    do {
+        ready = poll(&waited, 1, timeout);
+    } while (ready < 0 && errno == EINTR);
+    return ready > 0;
+}
+
+}  // namespace
+
+FileDescriptor::FileDescriptor(int fd, const char* what) : fd_(fd)
+{
+    if (fd_ < 0) {
+        throw std::system_error(errno, std::generic_category(), what);
+    }
+}
+
+FileDescriptor::~FileDescriptor()
+{
+    close(fd_);
+}
+
+Flag::Flag() : event_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "eventfd")
+{
+}
+
+void Flag::Raise()
+{
+    // Fails only when the counter is at its end, and then the flag has long been raised.
+    (void)eventfd_write(event_.Get(), 1);
+}
+
+StopSignals::StopSignals() : signals_(OpenStopSignals(), "signalfd")
+{
+}
+
+// The signal is left in the queue: that is what keeps the descriptor readable.
+bool StopSignals::WaitFor(std::chrono::milliseconds timeout) const
+{
+    return PollReadable(signals_.Get(), static_cast<int>(timeout.count()));
+}
+
+void StopSignals::Wait() const
+{
+    PollReadable(signals_.Get(), -1);
+}
+
+void PrepareStandardStreams()
+{
+    if (fcntl(STDOUT_FILENO, F_GETFD) < 0) {
+        throw std::runtime_error("standard output is closed");
+    }
+    for (int stream : {STDIN_FILENO, STDERR_FILENO}) {
+        // The lowest free number is taken: `stream`, as those below it are open.
+        if (fcntl(stream, F_GETFD) < 0 && open("/dev/null", O_RDWR) < 0) {
+            throw std::system_error(errno, std::generic_category(), "/dev/null");
+        }
+    }
+    std::signal(SIGPIPE, SIG_IGN);
+}
+
+std::optional<uint64_t> ParseNumber(const std::string& text)
+{
+    const bool hexadecimal = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
+    const char* end = text.data() + text.size();
+    uint64_t value = 0;
+    const auto [stop, error] = std::from_chars(text.data() + (hexadecimal ? 2 : 0), end, value, hexadecimal ? 16 : 10);
+    if (error != std::errc() || stop != end) {
+        return std::nullopt;
+    }
+    return value;
+}
+
+CLI::Option* AddNumber(CLI::App& app, const std::string& name, uint64_t& value, uint64_t least, uint64_t most,
+                       const std::string& description)
+{
+    const auto read = [name, &value, least, most](const std::string& text) {
+        const std::optional<uint64_t> number = ParseNumber(text);
+        if (!number || *number < least || *number > most) {
+            throw CLI::ValidationError(
+                name, "'" + text + "' is not a number from " + std::to_string(least) + " to " + std::to_string(most));
+        }
+        value = *number;
+    };
+    return app.add_option_function<std::string>(name, read, description)->type_name("N");
+}
+
+std::optional<int> ParseCommandLine(CLI::App& app, int argc, char** argv)
+{
+    try {
+        app.parse(argc, argv);
+        return std::nullopt;
+    } catch (const CLI::Success& request) {
+        app.exit(request);
+        std::cout.flush();
+        if (!std::cout) {
+            Complain("writing standard output failed");
+            return EXIT_RUNTIME_FAILURE;
+        }
+        return EXIT_SUCCESS;
+    } catch (const CLI::ParseError& error) {
+        Complain(std::string(error.what()) + " (--help lists the options)");
+        return EXIT_USAGE;
+    }
+}
+
+void StandardOutput::PrintLine(const std::string& line)
+{
+    if (over_ || (std::printf("%s\n", line.c_str()) >= 0 && std::fflush(stdout) == 0)) {
+        return;
+    }
+    over_ = true;
+    if (errno != EPIPE) {
+        failed_ = true;
+        Complain(std::string("writing standard output: ") + std::generic_category().message(errno));
+    }
+}
+
+void Complain(const std::string& message)
+{
+    std::fprintf(stderr, "%s: %s\n", program_invocation_short_name, message.c_str());
+}
+
+void Notify(const std::string& message)
+{
+    std::fprintf(stderr, "%s\n", message.c_str());
+}
+
+std::string DescribeResult(int code)
+{
+    char hex[16];
+    std::snprintf(hex, sizeof(hex), "0x%X", static_cast<unsigned int>(code));
+    for (const NamedResult& result : RESULTS) {
+        if (result.code == code) {
+            return std::string(hex) + " (" + result.name + ")";
+        }
+    }
+    return hex;
+}
+
+}  // namespace tools

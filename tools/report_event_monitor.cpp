@@ -1,0 +1,211 @@
+// report-event-monitor: prints the events of this machine's publishers as they arrive.
+#include <poll.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <deque>
+#include <exception>
+#include <set>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include "report_event/ReportEventServer.h"
+#include "tools/EventPrinter.h"
+#include "tools/Subscription.h"
+#include "tools/ToolSupport.h"
+
+namespace tools {
+namespace {
+
+constexpr const char* DEFAULT_FAULT_FILE = "dp:/res/pm/fm";
+constexpr const char* SECURITY_FILE = "dp:/res/iam/sec_event";
+
+struct Options {
+    std::vector<std::string> faultFiles;
+    bool security = false;
+    bool json = false;
+    bool follow = false;
+    uint64_t count = EventPrinter::UNLIMITED;
+};
+
+void AddOptions(CLI::App& app, Options& options)
+{
+    app.description(
+        "Prints fault and security events, one line each, as they arrive. On a terminal, columns\n"
+        "have a header and colours (unless NO_COLOR is set); times are those of arrival, local.\n"
+        "\n"
+        "It becomes the current reader of each resource it subscribes to: the newest reader takes\n"
+        "the whole stream, and whoever read the resource before receives nothing more, also after\n"
+        "the monitor has left.");
+    app.footer(JsonDescription() +
+               "\n"
+               "A lost process manager is printed as pm-lost; its resource stays lost unless --follow is\n"
+               "given. Any other resource is reopened for 5 seconds in any case.\n"
+               "\n"
+               "Exit status: 0 after SIGINT, SIGTERM, --count events or a closed pipe; 1 when a resource\n"
+               "cannot be subscribed or the output cannot be written; 2 for a wrong command line.\n"
+               "\n"
+               "The library logs to standard error; SLOG_LEVELS and SLOG_EVENT_FILE say what and where:\n"
+               "SLOG_LEVELS= silences it, but for event-log lines.");
+    app.set_version_flag("--version", REPORT_EVENT_VERSION, "Print the version and exit");
+    app.add_option("--fault", options.faultFiles,
+                   std::string("Subscribe to the fault events of this resource; may be repeated\n"
+                               "(without --fault and --security: ") +
+                       DEFAULT_FAULT_FILE + ")")
+        ->type_name("NAME")
+        ->allow_extra_args(false);
+    app.add_flag("--security", options.security, std::string("Subscribe to the security events, ") + SECURITY_FILE);
+    app.add_flag("--json", options.json, "Print one JSON object per line");
+    AddNumber(app, "--count", options.count, 1, EventPrinter::UNLIMITED - 1, "End after N events");
+    app.add_flag("--follow", options.follow,
+                 "Wait for resources that are not there, and register again when one goes\n"
+                 "away, until it is back");
+}
+
+// The library's rule for names, checked here so that the name at fault can be told.
+void CheckFaultFiles(const std::vector<std::string>& files)
+{
+    std::set<std::string> seen;
+    for (const std::string& file : files) {
+        const size_t colon = file.find(':');
+        if (colon == std::string::npos || file.find('.') != std::string::npos ||
+            file.find("/res/", colon) == std::string::npos) {
+            throw CLI::ValidationError("--fault", "'" + file +
+                                                      "' is not a resource name: it must have a ':' followed by "
+                                                      "\"/res/\", and no '.'");
+        }
+        if (!seen.insert(file).second) {
+            throw CLI::ValidationError("--fault", "'" + file + "' is given twice");
+        }
+    }
+}
+
+TextStyle ChooseStyle(bool json)
+{
+    if (json) {
+        return TextStyle::Json;
+    }
+    const char* noColour = std::getenv("NO_COLOR");  // NOLINT(concurrency-mt-unsafe): before any thread is started
+    const bool colour = isatty(STDOUT_FILENO) && (noColour == nullptr || *noColour == '\0');
+    return colour ? TextStyle::Colour : TextStyle::Plain;
+}
+
+void AddSubscriptions(std::deque<Subscription>& subscriptions, const Options& options, EventPrinter& printer)
+{
+    if (!options.faultFiles.empty()) {
+        const auto& files = options.faultFiles;
+        subscriptions.emplace_back(
+            files,
+            [&files, &printer] {
+                return ReportEventServer::GetInstance().FmRegisterMidReportEventImpl(
+                    files,
+                    [&printer](const EventInfo& event, const UDSInfoForCpp& uds) { printer.PrintFault(event, uds); },
+                    [&printer](const dsmi_event& event) { printer.PrintDevice(ReportEvent::FAULT_EVENT, event); });
+            },
+            [&files] { return ReportEventServer::GetInstance().FmUnregisterReportEventImpl(files); });
+    }
+    if (options.security) {
+        subscriptions.emplace_back(
+            std::vector<std::string>{SECURITY_FILE},
+            [&printer] {
+                return ReportEventServer::GetInstance().RegIDSEventReportHandlerImpl(
+                    [&printer](const dsmi_event& event) { printer.PrintDevice(ReportEvent::SECURITY_EVENT, event); });
+            },
+            [] { return ReportEventServer::GetInstance().UnregIDSEventReportHandlerImpl(); });
+    }
+}
+
+enum class Wake { Timeout, StopSignal, PrinterEnded, OutputClosed };
+
+Wake WaitForWake(const StopSignals& signals, const EventPrinter& printer, int timeout)
+{
+    // Standard output with no events asked for: a pipe whose reader has left is told all the same.
+    pollfd waited[] = {
+        {signals.Descriptor(), POLLIN, 0}, {printer.EndedDescriptor(), POLLIN, 0}, {STDOUT_FILENO, 0, 0}};
+    int ready = 0;
+    do {
+        ready = poll(waited, 3, timeout);
+    } while (ready < 0 && errno == EINTR);
+    if (ready <= 0) {
+        return Wake::Timeout;
+    }
+    if (waited[0].revents != 0) {
+        return Wake::StopSignal;
+    }
+    return waited[1].revents != 0 ? Wake::PrinterEnded : Wake::OutputClosed;
+}
+
+// Returns false when a family could not be subscribed and nobody asked to wait for it.
+bool StartAll(std::deque<Subscription>& subscriptions, bool follow)
+{
+    for (Subscription& subscription : subscriptions) {
+        const int result = subscription.Start();
+        if (result == 0) {
+            continue;
+        }
+        const std::string what = subscription.Files() + ": cannot subscribe: " + DescribeResult(result);
+        if (!follow) {
+            Complain(what + "; is its publisher running as this user?");
+            return false;
+        }
+        Notify(what + "; waiting for it");
+    }
+    return true;
+}
+
+int Monitor(const Options& options)
+{
+    PrepareStandardStreams();
+    const StopSignals signals;
+    const TextStyle style = ChooseStyle(options.json);
+    EventPrinter printer(STDOUT_FILENO, style, options.count);
+    if (style != TextStyle::Json && isatty(STDOUT_FILENO)) {
+        printer.PrintHeader();
+    }
+
+    std::deque<Subscription> subscriptions;
+    AddSubscriptions(subscriptions, options, printer);
+    const bool started = StartAll(subscriptions, options.follow);
+    const int timeout = options.follow ? static_cast<int>(Subscription::LOOK_INTERVAL.count()) : -1;
+    while (started && WaitForWake(signals, printer, timeout) == Wake::Timeout) {
+        for (Subscription& subscription : subscriptions) {
+            subscription.Renew();
+        }
+    }
+
+    printer.Stop();
+    subscriptions.clear();
+    const int error = printer.WriteError();
+    if (error != 0 && error != EPIPE) {
+        Complain(std::string("writing standard output: ") + std::generic_category().message(error));
+        return EXIT_RUNTIME_FAILURE;
+    }
+    return started ? EXIT_SUCCESS : EXIT_RUNTIME_FAILURE;
+}
+
+}  // namespace
+}  // namespace tools
+
+int main(int argc, char** argv)
+{
+    try {
+        tools::Options options;
+        CLI::App app("", "report-event-monitor");
+        tools::AddOptions(app, options);
+        app.callback([&options] { tools::CheckFaultFiles(options.faultFiles); });
+        if (const auto exitCode = tools::ParseCommandLine(app, argc, argv)) {
+            return *exitCode;
+        }
+        if (options.faultFiles.empty() && !options.security) {
+            options.faultFiles.emplace_back(tools::DEFAULT_FAULT_FILE);
+        }
+        return tools::Monitor(options);
+    } catch (const std::exception& error) {
+        tools::Complain(error.what());
+        return tools::EXIT_RUNTIME_FAILURE;
+    }
+}
