@@ -576,10 +576,15 @@ bool DeSerializeDsmiEventAndCallback(const unsigned char* payload, unsigned int 
 
 // What FTEDeSerialize fills. Owns the array of data identifiers from before the call on, whatever comes of it.
 struct FteOutput {
-    FTEInfo info = {};
-    UDSInfo uds = {};
+    FTEInfo info;
+    UDSInfo uds;
 
-    FteOutput() = default;
+    // All bytes zero, padding included, which an initializer does not promise.
+    FteOutput()
+    {
+        std::memset(&info, 0, sizeof(info));
+        std::memset(&uds, 0, sizeof(uds));
+    }
     FteOutput(const FteOutput&) = delete;
     FteOutput& operator=(const FteOutput&) = delete;
     ~FteOutput()

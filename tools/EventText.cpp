@@ -220,8 +220,7 @@ std::string DescribeDevice(TextStyle style, ArrivalTime arrival, ReportEvent::Ev
 std::string JsonDescription()
 {
     return "With --json, each line is one object with these keys, in this order:\n"
-           "  kind             fault, device, security, or pm-lost: a process manager is gone, and eventName is its "
-           "name\n"
+           "  kind             fault, device, security, or pm-lost: process manager eventName is gone\n"
            "  arrival          when the event arrived here: UTC, RFC 3339, microseconds\n"
            "  eventId          number\n"
            "  eventName        text; bytes that are not UTF-8 are replaced by U+FFFD\n"

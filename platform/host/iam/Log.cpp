@@ -3,6 +3,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdarg>
@@ -80,13 +81,42 @@ private:
     bool wasPending_ = false;
 };
 
-size_t Fitting(int written, size_t room)
-{
-    if (written < 0) {
-        return 0;
+class Line {
+public:
+    void Append(const char* format, ...) __attribute__((format(printf, 2, 3)))
+    {
+        va_list arguments;
+        va_start(arguments, format);
+        AppendList(format, arguments);
+        va_end(arguments);
     }
-    return static_cast<size_t>(written) < room ? static_cast<size_t>(written) : room - 1;
-}
+
+    void AppendList(const char* format, va_list arguments) __attribute__((format(printf, 2, 0)))
+    {
+        const size_t room = sizeof text_ - size_;
+        const int length = vsnprintf(text_ + size_, room, format, arguments);
+        if (length > 0) {
+            size_ += std::min(static_cast<size_t>(length), room - 1);
+        }
+    }
+
+    // Ends the line and writes it.
+    void Write()
+    {
+        // Names come from outside: one message stays one line.
+        std::replace_if(
+            text_, text_ + size_, [](char character) { return static_cast<unsigned char>(character) < ' '; }, '?');
+        text_[size_++] = '\n';  // in the place of the terminator
+        const PipeSignalHeldBack heldBack;
+        if (write(STDERR_FILENO, text_, size_) < 0) {
+            // There is nowhere to report it.
+        }
+    }
+
+private:
+    char text_[512] = {};
+    size_t size_ = 0;
+};
 
 }  // namespace
 
@@ -96,32 +126,17 @@ void Log(const char* format, ...)
     static LineBudget budget;
     const int saved = errno;
     uint64_t leftOut = 0;
-    if (!budget.Take(leftOut)) {
-        errno = saved;
-        return;
-    }
-    char line[512];
-    size_t size = Fitting(snprintf(line, sizeof line, "iam: "), sizeof line);
-    va_list arguments;
-    va_start(arguments, format);
-    size += Fitting(vsnprintf(line + size, sizeof line - size, format, arguments), sizeof line - size);
-    va_end(arguments);
-    if (leftOut != 0) {
-        const auto count = static_cast<unsigned long long>(leftOut);
-        size += Fitting(snprintf(line + size, sizeof line - size, " (%llu lines left out before)", count),
-                        sizeof line - size);
-    }
-    for (size_t i = 0; i < size; ++i) {
-        if (static_cast<unsigned char>(line[i]) < ' ') {
-            line[i] = '?';  // names come from outside: one message stays one line
+    if (budget.Take(leftOut)) {
+        Line line;
+        line.Append("iam: ");
+        va_list arguments;
+        va_start(arguments, format);
+        line.AppendList(format, arguments);
+        va_end(arguments);
+        if (leftOut != 0) {
+            line.Append(" (%llu lines left out before)", static_cast<unsigned long long>(leftOut));
         }
-    }
-    line[size++] = '\n';  // the terminator's place is free by now
-    {
-        const PipeSignalHeldBack heldBack;
-        if (write(STDERR_FILENO, line, size) < 0) {
-            // There is nowhere to report it.
-        }
+        line.Write();
     }
     errno = saved;
 }

@@ -11,7 +11,7 @@ namespace {
 // Consumed blocks are taken back once this many bytes have been queued since the last time. Looking at the reader's
 // count costs a cache miss, so small records share one look; large ones fill the caches soon, so their blocks come back
 // after a few and are used again while they are warm.
-constexpr uint64_t TAKE_BACK_BYTES = 16 * 1024;
+constexpr uint64_t TAKE_BACK_BYTES = uint64_t{16} * 1024;
 
 constexpr uint64_t SEQUENCE_LIMIT = uint64_t{1} << 40;
 
@@ -318,7 +318,7 @@ ServiceDirectory& ServiceDirectory::Instance()
     return *directory;
 }
 
-ResourceService* ServiceDirectory::Find(const std::string& name, size_t& number) const
+ResourceService* ServiceDirectory::Find(std::string_view name, size_t& number) const
 {
     for (number = 0; number < SERVICE_LIMIT; ++number) {
         ResourceService* const service = At(number);

@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "iam.h"
@@ -134,7 +135,7 @@ public:
 
     // Null when there is no room for another name. Throws std::bad_alloc.
     ResourceService* FindOrAdd(const std::string& name, size_t& number);
-    ResourceService* Find(const std::string& name, size_t& number) const;
+    ResourceService* Find(std::string_view name, size_t& number) const;
     // Null when no service has this number. Wait-free: every published record passes here.
     ResourceService* At(size_t number) const
     {

@@ -279,7 +279,11 @@ int64_t IAMFastRead(int fd, void* buffer, size_t length)
 
 int __wrap_open(const char* name, int flags, ...)
 {
-    if (name == nullptr || !IsResourceName(name)) {
+    if (name == nullptr) {
+        errno = EFAULT;
+        return -1;
+    }
+    if (!IsResourceName(name)) {
         mode_t mode = 0;
         if ((flags & (O_CREAT | O_TMPFILE)) != 0) {
             va_list arguments;
