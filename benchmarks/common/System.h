@@ -1,0 +1,86 @@
+// What both processes of a run need of the system: an owned descriptor, errors with their cause, clocks.
+#ifndef REPORT_EVENT_BENCHMARKS_SYSTEM_H
+#define REPORT_EVENT_BENCHMARKS_SYSTEM_H
+
+#include <sys/resource.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <string>
+#include <system_error>
+#include <utility>
+
+namespace bench {
+
+[[noreturn]] inline void ThrowErrno(const std::string& what)
+{
+    throw std::system_error(errno, std::generic_category(), what);
+}
+
+// Passes a result of 0 or more through and throws errno otherwise.
+template <class Result>
+Result Check(Result result, const char* what)
+{
+    if (result < 0) {
+        ThrowErrno(what);
+    }
+    return result;
+}
+
+class FileDescriptor {
+public:
+    FileDescriptor() = default;
+    explicit FileDescriptor(int fd) : fd_(fd)
+    {
+    }
+    FileDescriptor(FileDescriptor&& other) noexcept : fd_(std::exchange(other.fd_, -1))
+    {
+    }
+    FileDescriptor& operator=(FileDescriptor&& other) noexcept
+    {
+        std::swap(fd_, other.fd_);
+        other.Close();
+        return *this;
+    }
+    ~FileDescriptor()
+    {
+        Close();
+    }
+
+    int Get() const
+    {
+        return fd_;
+    }
+    void Close()
+    {
+        if (fd_ >= 0) {
+            close(std::exchange(fd_, -1));
+        }
+    }
+
+private:
+    int fd_ = -1;
+};
+
+// Nanoseconds of the clock that all processes of the machine share.
+inline int64_t NowNs()
+{
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return int64_t{now.tv_sec} * 1000000000 + now.tv_nsec;
+}
+
+// User and system time of all threads of this process so far.
+inline double CpuSeconds()
+{
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    const auto seconds = [](const timeval& time) { return double(time.tv_sec) + double(time.tv_usec) * 1e-6; };
+    return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+}
+
+}  // namespace bench
+
+#endif  // REPORT_EVENT_BENCHMARKS_SYSTEM_H

@@ -1,0 +1,218 @@
+// Publishing one record: the library alone, on the host platform with readers of all kinds, and the floor below both;
+// and reading one record on the host platform.
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+
+#include <algorithm>
+#include <cstring>
+#include <functional>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "benchmarks/common/System.h"
+#include "benchmarks/micro/Allocations.h"
+#include "benchmarks/micro/NullPlatform.h"
+#include "benchmarks/micro/ReaderProcess.h"
+#include "benchmarks/micro/Rows.h"
+#include "iam.h"
+#include "publisher/ReportEventClientImpl.h"
+#include "report_event/EventRecord.h"
+
+namespace bench {
+namespace {
+
+constexpr const char* RESOURCE = "dp:/res/bench/micro";
+constexpr size_t POOL_BLOCKS = 1000;
+constexpr size_t BLOCK_STRIDE = 4032;
+constexpr size_t LEAD = 300;   // published before a timed batch, so that the reader is at work while it runs
+constexpr size_t BATCH = 256;  // together with the lead, well within the pool
+constexpr int64_t WAITING_ITERATIONS = 500;
+constexpr useconds_t FALL_ASLEEP_US = 200;
+constexpr size_t READER_COUNTS[] = {1, 8, 64, 256};
+
+using Record = std::vector<char>;
+
+Record MakeRecord()
+{
+    dsmi_event event{};
+    event.assertion = 1;
+    const ReportEvent::RawRecord raw = ReportEvent::MakeRawRecord(ReportEvent::FAULT_EVENT, false, event);
+    return {raw.bytes, raw.bytes + sizeof(raw.bytes)};
+}
+
+// This process as a publisher.
+ReportEventClient& Publisher()
+{
+    static ReportEventClient& publisher = [&]() -> ReportEventClient& {
+        ReportEventClient& client = ReportEventClient::GetInstance();
+        if (client.RegisterResService(RESOURCE) != 0) {
+            throw std::runtime_error("cannot serve the resource");
+        }
+        return client;
+    }();
+    return publisher;
+}
+
+void Publish(ReportEventClient& publisher, const Record& record, size_t times)
+{
+    for (size_t i = 0; i < times; ++i) {
+        if (publisher.ReportEvent(record.data(), static_cast<unsigned int>(record.size())) != 0) {
+            throw std::runtime_error("ReportEvent failed");
+        }
+    }
+}
+
+// Time and allocations of what stands between Start and Stop, added up over a run.
+class Stopwatch {
+public:
+    void Start()
+    {
+        allocationsAtStart_ = AllocationCount();
+        startNs_ = NowNs();
+    }
+    double StopSeconds()
+    {
+        const int64_t elapsed = NowNs() - startNs_;
+        allocations_ += AllocationCount() - allocationsAtStart_;
+        return double(elapsed) * 1e-9;
+    }
+    uint64_t Allocations() const
+    {
+        return allocations_;
+    }
+
+private:
+    int64_t startNs_ = 0;
+    uint64_t allocationsAtStart_ = 0;
+    uint64_t allocations_ = 0;
+};
+
+// A reader that is at work all the while: no bell is rung, blocks come back as it goes.
+void PublishToBusyReader(benchmark::State& state, size_t readers)
+{
+    ReportEventClient& publisher = Publisher();
+    const Record record = MakeRecord();
+    const ReaderProcess reader(RESOURCE, readers);
+    Stopwatch watch;
+    uint64_t published = 0;
+    while (state.KeepRunningBatch(BATCH)) {
+        Publish(publisher, record, LEAD);
+        watch.Start();
+        Publish(publisher, record, BATCH);
+        state.SetIterationTime(watch.StopSeconds());
+        reader.AwaitTaken(published += LEAD + BATCH);
+    }
+    ReportAllocations(state, watch.Allocations());
+}
+
+// A reader that sleeps: every record rings the bell.
+void PublishToWaitingReader(benchmark::State& state)
+{
+    ReportEventClient& publisher = Publisher();
+    const Record record = MakeRecord();
+    const ReaderProcess reader(RESOURCE, 1);
+    Stopwatch watch;
+    uint64_t published = 0;
+    for (auto _ : state) {
+        usleep(FALL_ASLEEP_US);
+        watch.Start();
+        Publish(publisher, record, 1);
+        state.SetIterationTime(watch.StopSeconds());
+        reader.AwaitTaken(++published);
+    }
+    ReportAllocations(state, watch.Allocations());
+}
+
+void PublishInLoop(benchmark::State& state, ReportEventClient& publisher)
+{
+    const Record record = MakeRecord();
+    const uint64_t before = AllocationCount();
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(publisher.ReportEvent(record.data(), static_cast<unsigned int>(record.size())));
+    }
+    ReportAllocations(state, AllocationCount() - before);
+}
+
+void PublishToNobody(benchmark::State& state)
+{
+    PublishInLoop(state, Publisher());
+}
+
+void PublishOnNullPlatform(benchmark::State& state)
+{
+    const NullPlatform platform;
+    IAMRTFSMgrFile file{};
+    ProcMgr::ReportEventClientImpl::MyOpen(&file);
+    PublishInLoop(state, ReportEventClient::GetInstance());
+    ProcMgr::ReportEventClientImpl::MyClose(&file);
+}
+
+// This process reads from itself what it has published before: the reader never sleeps.
+void ReadRecords(benchmark::State& state)
+{
+    ReportEventClient& publisher = Publisher();
+    const Record record = MakeRecord();
+    Record buffer(ReportEvent::RECORD_SIZE_MAX);
+    const FileDescriptor reader(Check(open(RESOURCE, O_RDWR), "cannot open the resource"));
+    Stopwatch watch;
+    while (state.KeepRunningBatch(BATCH)) {
+        Publish(publisher, record, BATCH);
+        watch.Start();
+        for (size_t i = 0; i < BATCH; ++i) {
+            if (IAMFastRead(reader.Get(), buffer.data(), buffer.size()) != static_cast<int64_t>(record.size())) {
+                throw std::runtime_error("IAMFastRead failed");
+            }
+        }
+        state.SetIterationTime(watch.StopSeconds());
+    }
+    ReportAllocations(state, watch.Allocations());
+}
+
+// What no publish can do without: take a lock that nobody else wants and copy the record into a pool.
+void LockAndCopy(benchmark::State& state)
+{
+    const Record record(static_cast<size_t>(state.range(0)), 1);
+    Record pool(POOL_BLOCKS * BLOCK_STRIDE);
+    std::mutex mutex;
+    size_t block = 0;
+    const uint64_t before = AllocationCount();
+    for (auto _ : state) {
+        const std::lock_guard<std::mutex> lock(mutex);
+        std::memcpy(pool.data() + block * BLOCK_STRIDE, record.data(), record.size());
+        benchmark::ClobberMemory();
+        block = block + 1 < POOL_BLOCKS ? block + 1 : 0;
+    }
+    ReportAllocations(state, AllocationCount() - before);
+}
+
+// A row whose failures end up in its own line.
+benchmark::internal::Benchmark* AddRow(const std::string& name, const std::function<void(benchmark::State&)>& body)
+{
+    return benchmark::RegisterBenchmark(name.c_str(), [body](benchmark::State& state) {
+        try {
+            body(state);
+        } catch (const std::exception& error) {
+            state.SkipWithError(error.what());
+        }
+    });
+}
+
+}  // namespace
+
+void RegisterPublishRows()
+{
+    AddRow("Floor/lock_and_copy", LockAndCopy)->Arg(ReportEvent::RAW_RECORD_SIZE)->Arg(ReportEvent::RECORD_SIZE_MAX);
+    AddRow("ReportEvent/null_platform", PublishOnNullPlatform);
+    AddRow("ReportEvent/host/no_reader", PublishToNobody);
+    for (const size_t readers : READER_COUNTS) {
+        AddRow("ReportEvent/host/busy_reader/readers:" + std::to_string(readers), [readers](benchmark::State& state) {
+            PublishToBusyReader(state, readers);
+        })->UseManualTime();
+    }
+    AddRow("ReportEvent/host/waiting_reader", PublishToWaitingReader)->UseManualTime()->Iterations(WAITING_ITERATIONS);
+    AddRow("IAMFastRead", ReadRecords)->UseManualTime();
+}
+
+}  // namespace bench

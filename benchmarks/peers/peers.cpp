@@ -1,0 +1,133 @@
+// peers: the same records as road, over what a user would pick instead, and over the two floors that bound road.
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "benchmarks/common/Arrivals.h"
+#include "benchmarks/common/Options.h"
+#include "benchmarks/common/Sending.h"
+#include "benchmarks/common/StampedRecord.h"
+#include "benchmarks/common/TwoProcesses.h"
+#include "benchmarks/peers/Transport.h"
+
+namespace bench {
+namespace {
+
+constexpr int EXIT_USAGE = 2;
+constexpr int EXIT_UNAVAILABLE = 77;
+constexpr size_t PING_BYTES = StampedRecord::SIZE_MIN;
+
+struct Row {
+    const char* name;
+    const char* description;
+    std::unique_ptr<Transport> (*make)(size_t recordSize);
+    bool latencyOnly;
+};
+
+constexpr Row ROWS[] = {
+    {"ring", "floor: a bare ring and pool in shared memory, with a bell for a receiver that sleeps", MakeRingAndPool,
+     false},
+    {"ping", "floor (latency only): number and time through a pipe, awaited in poll on the pipe and a socket", MakePing,
+     true},
+    {"seqpacket", "unix-domain SOCK_SEQPACKET socket", MakeSeqPacket, false},
+    {"pipe", "packet-mode pipe of 1 MiB", MakePacketPipe, false},
+    {"mq", "POSIX message queue, as deep as the system lets it be", MakeMessageQueue, false},
+    {"zeromq", "ZeroMQ PUSH and PULL over ipc", MakeZeroMq, false},
+};
+
+const Row& FindRow(const std::string& name)
+{
+    for (const Row& row : ROWS) {
+        if (name == row.name) {
+            return row;
+        }
+    }
+    throw std::invalid_argument("there is no row '" + name + "'; peers --list names them");
+}
+
+void ReceiveAll(Receiver& receiver, const StampedRecord& record, Arrivals& arrivals)
+{
+    BytesCheck check(record);
+    std::vector<unsigned char> buffer(record.Size());
+    while (const size_t size = receiver.Receive(buffer.data(), buffer.size())) {
+        arrivals.Take(check, {buffer.data(), size}, arrivals.EntryTime());
+    }
+    arrivals.Finish();
+}
+
+int Run(const Row& row, const Options& options)
+{
+    if (row.latencyOnly && options.mode != Mode::LATENCY) {
+        throw std::invalid_argument(std::string(row.name) + " measures latency only");
+    }
+    HoldEndingSignals();
+    const StampedRecord record = StampedRecord::Plain(row.latencyOnly ? PING_BYTES : options.size);
+    const std::unique_ptr<Transport> transport = row.make(record.Size());
+    Arrivals arrivals(options);
+    SenderProcess sender(
+        [&](Link& link) { RunSender(link, options, record, [&] { return transport->OpenSender(); }); });
+
+    const std::unique_ptr<Receiver> receiver = transport->OpenReceiver();
+    sender.Line().Say(Word::CONNECT);
+    std::exception_ptr failure;
+    std::thread thread([&] {
+        try {
+            ReceiveAll(*receiver, record, arrivals);
+        } catch (...) {
+            failure = std::current_exception();
+            arrivals.Finish();
+        }
+    });
+    Result result;
+    try {
+        sender.Line().Await(Word::READY);
+        result = Supervise(sender.Line(), options, arrivals);
+    } catch (const std::exception& error) {
+        // The thread may wait for records that never come: there is nothing to join.
+        std::fprintf(stderr, "peers: %s: %s\n", row.name, error.what());
+        std::_Exit(EXIT_FAILURE);
+    }
+    thread.join();  // every transport ends its stream
+    sender.Finish();
+    if (failure) {
+        std::rethrow_exception(failure);
+    }
+    return PrintResult("peers", options, result, arrivals);
+}
+
+int Main(int argc, char** argv)
+{
+    if (argc == 2 && std::string(argv[1]) == "--list") {
+        for (const Row& row : ROWS) {
+            std::printf("%-10s %s\n", row.name, row.description);
+        }
+        return EXIT_SUCCESS;
+    }
+    if (argc != 5) {
+        std::fputs("usage: peers ROW throughput|latency SIZE COUNT\n       peers --list\n", stderr);
+        return EXIT_USAGE;
+    }
+    return Run(FindRow(argv[1]), ParseOptions(argv[2], argv[3], argv[4]));
+}
+
+}  // namespace
+}  // namespace bench
+
+int main(int argc, char** argv)
+{
+    try {
+        return bench::Main(argc, argv);
+    } catch (const bench::Unavailable& error) {
+        std::fprintf(stderr, "peers: not available here: %s\n", error.what());
+        return bench::EXIT_UNAVAILABLE;
+    } catch (const std::invalid_argument& error) {
+        std::fprintf(stderr, "peers: %s\n", error.what());
+        return bench::EXIT_USAGE;
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "peers: %s\n", error.what());
+        return EXIT_FAILURE;
+    }
+}

@@ -1,0 +1,76 @@
+#!/usr/bin/env bash
+# Builds the examples against an installed tree, away from the build tree, by find_package and by pkg-config, and lets
+# each pair talk. Usage: check_installed_tree.sh BUILD_DIRECTORY COMPILER TOOLCHAIN_FILE EMULATOR (the last two may be
+# empty). CMAKE names the cmake to use.
+set -euo pipefail
+build=$1 compiler=$2 toolchain=$3
+read -ra emulator <<<"$4"
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
+cmake=${CMAKE:-cmake}
+unset LD_LIBRARY_PATH
+work=$(mktemp -d)
+pids=()
+clean_up() {
+  for pid in "${pids[@]}"; do kill -KILL "$pid" 2>/dev/null || true; done
+  rm -rf "$work"
+}
+trap clean_up EXIT
+
+# await WHAT COMMAND...: until the command succeeds.
+await() {
+  local deadline=$((SECONDS + 30))
+  until "${@:2}" >/dev/null 2>&1; do
+    if [ "$SECONDS" -ge "$deadline" ]; then
+      printf 'this did not happen: %s\n' "$1" >&2
+      tail -n 20 "$work"/*.out >&2 || true
+      exit 1
+    fi
+    sleep 0.02
+  done
+}
+serving() { [ -n "$(find "$IAM_RUNTIME_DIR" -type s)" ]; }
+
+# talk DIRECTORY: its publisher's events reach its client, which leaves in order.
+talk() {
+  export IAM_RUNTIME_DIR=$work/runtime
+  rm -rf "$IAM_RUNTIME_DIR"
+  mkdir -m 700 "$IAM_RUNTIME_DIR"
+  "${emulator[@]}" "$1/publisher" >"$work/publisher.out" 2>&1 &
+  pids=($!)
+  await "the publisher serves" serving
+  "${emulator[@]}" "$1/client" >"$work/client.out" 2>&1 &
+  pids+=($!)
+  await "an event arrives" grep -Eq '^device 0x1001: fan [0-9]+ stopped$' "$work/client.out"
+  kill -TERM "${pids[1]}"
+  wait "${pids[1]}"
+  kill -KILL "${pids[0]}"
+  wait "${pids[0]}" 2>/dev/null || true
+  pids=()
+}
+
+# Installed, then moved: nothing of the tree depends on where it was put first.
+"$cmake" --install "$build" --prefix "$work/first" >"$work/install.out"
+prefix=$work/prefix
+mv "$work/first" "$prefix"
+"${emulator[@]}" "$prefix/bin/report-event-monitor" --version
+"${emulator[@]}" "$prefix/bin/report-event-publish" --version
+
+mkdir "$work/source" "$work/by_hand"
+cp "$root"/examples/{client,publisher}.cpp "$root/tests/package/consumer/CMakeLists.txt" "$work/source"
+options=(-DCMAKE_CXX_COMPILER="$compiler")
+[ -z "$toolchain" ] || options=(-DCMAKE_TOOLCHAIN_FILE="$toolchain")
+{
+  "$cmake" -S "$work/source" -B "$work/by_cmake" -DCMAKE_PREFIX_PATH="$prefix" "${options[@]}"
+  "$cmake" --build "$work/by_cmake"
+} >"$work/cmake.out" 2>&1 || { cat "$work/cmake.out" >&2; exit 1; }
+talk "$work/by_cmake"
+
+PKG_CONFIG_LIBDIR=$(dirname "$(find "$prefix" -name report_event.pc)")
+export PKG_CONFIG_LIBDIR
+[ "$(pkg-config --modversion report_event)" = "$(cat "$root/VERSION")" ]
+read -ra library < <(pkg-config --cflags --libs report_event)
+read -ra platform < <(pkg-config --libs report_event_host_platform)
+rpath=-Wl,-rpath,$(pkg-config --variable=libdir report_event)
+"$compiler" -std=c++17 -o "$work/by_hand/client" "$work/source/client.cpp" "${library[@]}" "${platform[@]}" "$rpath"
+"$compiler" -std=c++17 -o "$work/by_hand/publisher" "$work/source/publisher.cpp" "${library[@]}" "$rpath"
+talk "$work/by_hand"

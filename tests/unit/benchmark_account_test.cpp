@@ -1,0 +1,91 @@
+// The account that the benchmarks keep of what arrives: a record that is lost, repeated, late or damaged must show.
+#include <gtest/gtest.h>
+#include <poll.h>
+
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "benchmarks/common/Arrivals.h"
+#include "benchmarks/common/Histogram.h"
+#include "benchmarks/common/StampedRecord.h"
+
+namespace bench {
+namespace {
+
+constexpr uint64_t COUNT = 5;
+
+struct Arriving {
+    uint64_t number;
+    int damagedByte = -1;  // one bit of it is wrong
+};
+
+struct AccountCase {
+    const char* name;
+    std::vector<Arriving> records;
+    uint64_t lost;
+    bool complete;
+};
+
+class Account : public testing::TestWithParam<AccountCase> {};
+
+TEST_P(Account, CountsEveryRecordThatDidNotArriveOnceInPlaceAndWhole) {
+    constexpr size_t SIZE = 362;
+    Arrivals arrivals({Mode::LATENCY, SIZE, COUNT, 0});
+    BytesCheck check(StampedRecord::Plain(SIZE));
+    for (const Arriving& arriving : GetParam().records) {
+        StampedRecord sent = StampedRecord::Plain(SIZE);
+        sent.Stamp(arriving.number);
+        sent.StampTime(1000);
+        std::vector<unsigned char> bytes(sent.Data(), sent.Data() + sent.Size());
+        if (arriving.damagedByte >= 0) { bytes[static_cast<size_t>(arriving.damagedByte)] ^= 1; }
+        arrivals.Take(check, {bytes.data(), bytes.size()}, 3000);
+    }
+
+    pollfd done{arrivals.DoneFd(), POLLIN, 0};
+    EXPECT_EQ(poll(&done, 1, 0) == 1, GetParam().complete);
+    EXPECT_EQ(arrivals.Lost(), GetParam().lost);
+    EXPECT_EQ(arrivals.Taken(), GetParam().records.size());
+    EXPECT_EQ(arrivals.Latencies().Max(), 2000u);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Benchmark, Account,
+    testing::Values(AccountCase{"all_in_order", {{0}, {1}, {2}, {3}, {4}}, 0, true},
+                    AccountCase{"one_missing", {{0}, {1}, {3}, {4}}, 1, true},
+                    AccountCase{"the_last_missing", {{0}, {1}, {2}, {3}}, 1, false},
+                    AccountCase{"one_repeated", {{0}, {1}, {1}, {2}, {3}, {4}}, 1, true},
+                    AccountCase{"two_swapped", {{0}, {2}, {1}, {3}, {4}}, 2, true},
+                    AccountCase{"damaged_in_the_pattern", {{0}, {1, 100}, {2}, {3}, {4}}, 1, true},
+                    AccountCase{"damaged_in_a_number", {{0}, {1, 64}, {2}, {3}, {4}}, 1, true},
+                    AccountCase{"damaged_in_the_first_number", {{0}, {1, 0}, {2}, {3}, {4}}, 1, true},
+                    AccountCase{"damaged_in_the_last_byte", {{0}, {1}, {2}, {3}, {4, 361}}, 1, true}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST(Account, TakesNoRecordOfAnotherLength) {
+    for (const size_t size : {size_t{15}, size_t{361}, size_t{363}}) {
+        Arrivals arrivals({Mode::THROUGHPUT, 362, 1, 0});
+        BytesCheck check(StampedRecord::Plain(362));
+        const StampedRecord sent = StampedRecord::Plain(363);
+        arrivals.Take(check, {sent.Data(), size}, 0);
+        EXPECT_EQ(arrivals.Lost(), 1u) << size;
+    }
+}
+
+TEST(Account, QuantilesAreWithinHalfAPercentOfTheValues) {
+    Histogram histogram;
+    EXPECT_EQ(histogram.Quantile(0.5), 0);
+    for (int64_t value = 1; value <= 1000000; ++value) { histogram.Add(value); }
+    for (const double share : {0.0001, 0.01, 0.5, 0.99, 0.9999}) {
+        EXPECT_NEAR(histogram.Quantile(share), share * 1e6, share * 1e6 * 0.005) << share;
+    }
+    EXPECT_EQ(histogram.Quantile(1), 1e6);
+    histogram.Add(INT64_MAX);
+    EXPECT_EQ(histogram.Max(), static_cast<uint64_t>(INT64_MAX));
+    EXPECT_EQ(histogram.Quantile(1), double(INT64_MAX));
+}
+
+}  // namespace
+}  // namespace bench
