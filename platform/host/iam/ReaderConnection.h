@@ -22,9 +22,9 @@ namespace host_platform::iam {
 
 class ReaderConnection {
 public:
-    // Connects to whoever serves the resource: one second in all, whatever the other side does. Once, before any other
-    // call. ENOENT or ECONNREFUSED when nobody serves it, ETIMEDOUT when the service does not answer, EPROTO when what
-    // it answers makes no sense, EACCES when it runs as another user.
+    // Connects to whoever serves the resource: at most a second in all, whatever the other side does. Once, before any
+    // other call. ENOENT or ECONNREFUSED when nobody serves it, ETIMEDOUT when the service does not answer, EPROTO when
+    // what it answers makes no sense, EACCES when it runs as another user.
     Status Connect(const std::string& resource);
 
     // Returns the length of the record, or a negative errno value:
@@ -57,6 +57,7 @@ private:
 
     int64_t ReadAlone(void* buffer, size_t length);
     int64_t Deliver(void* buffer, size_t length);
+    void FetchAhead() const;
     int Sleep();
     int HearService();
     int Broken(const char* cause);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <new>
+#include <type_traits>
 #include <utility>
 
 namespace host_platform::iam {
@@ -81,17 +82,26 @@ void ResourceService::FinishEnd()
     }
     endpoint.reset();  // before anyone is told that the name is free
     pool.reset();
-    const MutexLock lock(mutex_);
-    life_ = Life::IDLE;
+    {
+        const MutexLock lock(mutex_);
+        life_ = Life::IDLE;
+    }
+    const MutexLock lock(endMutex_);  // whoever waits has looked before this, and is waiting by now, or looks after it
     ended_.NotifyAll();
 }
 
 void ResourceService::WaitForEnd()
 {
-    const MutexLock lock(mutex_);
-    while (life_ == Life::ENDING) {
-        ended_.Wait(mutex_);
+    const MutexLock lock(endMutex_);
+    while (IsEnding()) {
+        ended_.Wait(endMutex_);
     }
+}
+
+bool ResourceService::IsEnding() const
+{
+    const MutexLock lock(mutex_);
+    return life_ == Life::ENDING;
 }
 
 // ---------------------------------------------------------------------------------------------------------------------
@@ -312,11 +322,8 @@ ReaderQueue* ResourceService::Find(const ReaderKey& key) const
 // ---------------------------------------------------------------------------------------------------------------------
 // The directory
 
-ServiceDirectory& ServiceDirectory::Instance()
-{
-    static auto* const directory = new ServiceDirectory;
-    return *directory;
-}
+ServiceDirectory serviceDirectory;
+static_assert(std::is_trivially_destructible_v<ServiceDirectory>, "it is used until the process is gone");
 
 ResourceService* ServiceDirectory::Find(std::string_view name, size_t& number) const
 {

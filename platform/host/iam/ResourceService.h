@@ -67,8 +67,8 @@ public:
     // The same, if it has no pool.
     bool BeginEndWithoutPool(bool quiet) HOST_EXCLUDES(mutex_);
     // The service thread, once every reader is detached: releases the pool and the name.
-    void FinishEnd() HOST_EXCLUDES(mutex_);
-    void WaitForEnd() HOST_EXCLUDES(mutex_);
+    void FinishEnd() HOST_EXCLUDES(mutex_, endMutex_);
+    void WaitForEnd() HOST_EXCLUDES(mutex_, endMutex_);
 
     // --- The publisher's side. Results are 0 or a negative errno value.
 
@@ -104,6 +104,7 @@ private:
         bool announced = false;  // its open notification has returned
     };
 
+    bool IsEnding() const HOST_EXCLUDES(mutex_);
     bool BeginEndLocked(bool quiet) HOST_REQUIRES(mutex_);
     bool HasPool(uint64_t generation) const HOST_REQUIRES(mutex_);
     ReaderQueue* Find(const ReaderKey& key) const HOST_REQUIRES(mutex_);
@@ -111,7 +112,8 @@ private:
 
     const std::string name_;
 
-    mutable Mutex mutex_;
+    mutable BriefMutex mutex_;
+    Mutex endMutex_;  // taken before mutex_, by whoever waits for the end
     CondVar ended_;
     Life life_ HOST_GUARDED_BY(mutex_) = Life::IDLE;
     bool quiet_ HOST_GUARDED_BY(mutex_) = false;
@@ -128,10 +130,12 @@ private:
     ReaderKey current_ HOST_GUARDED_BY(mutex_){};  // generation 0: nobody
 };
 
-// All services of this process, by name and by number. Never destroyed.
+// All services of this process, by name and by number. Made before any code runs and never destroyed.
 class ServiceDirectory {
 public:
     static ServiceDirectory& Instance();
+
+    constexpr ServiceDirectory() = default;
 
     // Null when there is no room for another name. Throws std::bad_alloc.
     ResourceService* FindOrAdd(const std::string& name, size_t& number);
@@ -144,11 +148,16 @@ public:
     }
 
 private:
-    ServiceDirectory() = default;
-
     Mutex additions_;
     std::atomic<ResourceService*> services_[SERVICE_LIMIT] = {};
 };
+
+extern ServiceDirectory serviceDirectory;
+
+inline ServiceDirectory& ServiceDirectory::Instance()
+{
+    return serviceDirectory;
+}
 
 }  // namespace host_platform::iam
 

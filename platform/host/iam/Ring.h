@@ -132,6 +132,16 @@ public:
         return entries_[consumed_ & mask_].load(std::memory_order_relaxed);
     }
 
+    // Whether more entries than the first are known to be there; Second() is the one after it.
+    bool HasSecond() const
+    {
+        return known_ - consumed_ > 1;
+    }
+    uint64_t Second() const
+    {
+        return entries_[(consumed_ + 1) & mask_].load(std::memory_order_relaxed);
+    }
+
     // After a block has been copied: whether the copy may hold bytes of another record.
     bool RevokedMeanwhile() const
     {
