@@ -33,6 +33,7 @@ COUNTS = {
     "zeromq": {362: 600000, 3960: 200000},
 }
 LATENCY_COUNT = 4000
+MICRO_REPETITIONS = 9
 MEMORY_FILES = 8
 QUICK_COUNT = 3000
 QUICK_LATENCY_COUNT = 200
@@ -83,6 +84,23 @@ def command_of(programs, name, *arguments):
     return programs / "peers", [name, *arguments]
 
 
+def run_micro(programs, quick):
+    """The figures of every row, from repetitions that are mixed: rows that are compared have seen the same machine."""
+    options = ["--benchmark_format=json", f"--benchmark_min_time={0.01 if quick else 0.05}",
+               f"--benchmark_repetitions={1 if quick else MICRO_REPETITIONS}",
+               "--benchmark_enable_random_interleaving=true"]
+    rows = {}
+    for row in run_json(programs / "micro", options)["benchmarks"]:
+        if row.get("error_occurred"):
+            sys.exit(f"micro: {row['name']}: {row['error_message']}")
+        if row["run_type"] == "iteration":
+            name = row["run_name"].removesuffix("/manual_time").split("/iterations:")[0]
+            figures = rows.setdefault(name, {"ns": [], "allocs": []})
+            figures["ns"].append(row["real_time"])
+            figures["allocs"].append(row["allocs"])
+    return rows
+
+
 def run_round(programs, series, quick):
     for size in SIZES:
         for name in ["road", *PEERS]:
@@ -95,12 +113,8 @@ def run_round(programs, series, quick):
         figures = run_json(*command_of(programs, name, "latency", SIZES[0], count), ["p50_us", "p99_us"])
         series.add(name, figures)
     series.add("memory", run_json(programs / "road", ["memory", QUICK_MEMORY_FILES if quick else MEMORY_FILES]))
-    options = ["--benchmark_format=json", f"--benchmark_min_time={0.01 if quick else 0.2}"]
-    for row in run_json(programs / "micro", options)["benchmarks"]:
-        if row.get("error_occurred"):
-            sys.exit(f"micro: {row['name']}: {row['error_message']}")
-        name = row["name"].removesuffix("/manual_time").split("/iterations:")[0]
-        series.add(name, {"ns": row["real_time"], "allocs": row["allocs"]})
+    for name, figures in run_micro(programs, quick).items():
+        series.add(name, {figure: statistics.median(values) for figure, values in figures.items()})
 
 
 class Line:
