@@ -6,7 +6,7 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 # What building and testing needs, by Debian package name.
 BUILD_PACKAGES=(cmake ninja-build g++ libcli11-dev nlohmann-json3-dev help2man)
-TEST_PACKAGES=(libgtest-dev gdb python3 pkg-config)
+TEST_PACKAGES=(libgtest-dev gdb make python3 pkg-config)
 CROSS_PACKAGES=(g++-aarch64-linux-gnu qemu-user)
 CHECK_PACKAGES=(clang clang-format clang-tidy shellcheck)
 
