@@ -1,6 +1,7 @@
 // What one process of the host platform takes from another: messages, ring entries, counts. The input is a script of
 // what a service, its reader and a hostile peer do; nothing outside the mappings is touched, no block is lost or held
 // twice, and as long as nobody scribbles, every record arrives once, in order, unaltered.
+#include <algorithm>
 #include <array>
 #include <cstring>
 #include <deque>
@@ -9,6 +10,7 @@
 #include "platform/host/iam/BlockPool.h"
 #include "platform/host/iam/Ring.h"
 #include "platform/host/iam/SharedMemory.h"
+#include "tests/fuzz/Require.h"
 
 namespace {
 
@@ -17,17 +19,12 @@ using namespace host_platform::iam;
 constexpr uint32_t ENTRIES = 8;
 constexpr PoolShape SHAPE{ENTRIES * 64, ENTRIES, 64};
 
-void Require(bool condition) {
-    if (!condition) { __builtin_trap(); }
-}
-
 struct Input {
     template <typename T> T Take() {
         T value{};
-        const size_t count = size < sizeof(T) ? size : sizeof(T);
+        const size_t count = std::min(size, sizeof(T));
         memcpy(&value, data, count);
-        data += count;
-        size -= count;
+        data += count, size -= count;
         return value;
     }
     const uint8_t* data;
@@ -119,15 +116,16 @@ void CheckMessage(Input& input) {
     if (!message) { return; }
     Require(size == sizeof(Message) && message->magic == PROTOCOL_MAGIC && message->version == PROTOCOL_VERSION &&
             message->type >= 1 && message->type <= 5);
-    if (message->type == static_cast<uint16_t>(MessageType::POOL)) {
+    const auto type = static_cast<MessageType>(message->type);
+    if (type == MessageType::POOL) {
         const PoolShape shape{message->bytes, message->count, message->stride};
         const auto last = LocateRecord(PackEntry(message->count - 1, message->stride), shape);
         Require(last && last->offset + last->length <= message->bytes);
-        Require(!LocateRecord(PackEntry(message->count, 0), shape) &&
-                !LocateRecord(PackEntry(0, message->stride + 1), shape));
-    } else if (message->type == static_cast<uint16_t>(MessageType::RING)) {
-        Require(message->bytes == RingBytes(message->count) && message->count <= RING_ENTRIES_MAX);
+        Require(!LocateRecord(PackEntry(shape.blockCount, 0), shape) &&
+                !LocateRecord(PackEntry(0, shape.blockStride + 1), shape));
     }
+    Require(type != MessageType::RING ||
+            (message->bytes == RingBytes(message->count) && message->count <= RING_ENTRIES_MAX));
 }
 
 }  // namespace

@@ -10,21 +10,13 @@ cmake=${CMAKE:-cmake}
 unset LD_LIBRARY_PATH
 work=$(mktemp -d)
 pids=()
-clean_up() {
-  for pid in "${pids[@]}"; do kill -KILL "$pid" 2>/dev/null || true; done
-  rm -rf "$work"
-}
-trap clean_up EXIT
+trap 'kill -KILL "${pids[@]}" 2>/dev/null || true; rm -rf "$work"' EXIT
 
 # await WHAT COMMAND...: until the command succeeds.
 await() {
   local deadline=$((SECONDS + 30))
   until "${@:2}" >/dev/null 2>&1; do
-    if [ "$SECONDS" -ge "$deadline" ]; then
-      printf 'this did not happen: %s\n' "$1" >&2
-      tail -n 20 "$work"/*.out >&2 || true
-      exit 1
-    fi
+    [ "$SECONDS" -lt "$deadline" ] || { tail -n 20 "$work"/*.out; echo "this did not happen: $1"; exit 1; } >&2
     sleep 0.02
   done
 }
@@ -32,9 +24,8 @@ serving() { [ -n "$(find "$IAM_RUNTIME_DIR" -type s)" ]; }
 
 # talk DIRECTORY: its publisher's events reach its client, which leaves in order.
 talk() {
-  export IAM_RUNTIME_DIR=$work/runtime
-  rm -rf "$IAM_RUNTIME_DIR"
-  mkdir -m 700 "$IAM_RUNTIME_DIR"
+  IAM_RUNTIME_DIR=$(mktemp -d -p "$work")
+  export IAM_RUNTIME_DIR
   "${emulator[@]}" "$1/publisher" >"$work/publisher.out" 2>&1 &
   pids=($!)
   await "the publisher serves" serving
@@ -44,7 +35,7 @@ talk() {
   kill -TERM "${pids[1]}"
   wait "${pids[1]}"
   kill -KILL "${pids[0]}"
-  wait "${pids[0]}" 2>/dev/null || true
+  wait "${pids[0]}" || true
   pids=()
 }
 

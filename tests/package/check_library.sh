@@ -11,15 +11,12 @@ declared_operations() {
          name = substr($0, 1, RLENGTH - 1); sub(/.*[ *]/, "", name); print name }' "$@" | sort
 }
 
-if [ "$1" = operations ]; then
-  declared_operations "${@:2}"
-  exit
-fi
+[ "$1" != operations ] || { declared_operations "${@:2}"; exit; }
 
 kind=$1 library=$2 platform_libraries=("${@:3}")
 status=0
 complain() {
-  printf '%s: %s\n' "$library" "$*" >&2
+  echo "$library: $*" >&2
   status=1
 }
 # same WHAT EXPECTED ACTUAL: two lists, one word a line, must be equal.
@@ -33,11 +30,7 @@ same "symbols of foreign libraries" "" \
   "$(grep @ <<<"$undefined" | grep -vE '@(GLIBC|GLIBCXX|CXXABI|GCC)_[0-9.]+$' || true)"
 expected=$(declared_operations platform/include/*.h)
 plain=(nanosleep prctl sigaction sigemptyset syslog)
-if [ "$kind" = host ]; then
-  expected+=$'\n__wrap_open\n__wrap_close'
-else
-  plain+=(open close)
-fi
+if [ "$kind" = host ]; then expected+=$'\n__wrap_open\n__wrap_close'; else plain+=(open close); fi
 same "platform operations" "$(LC_ALL=C sort <<<"$expected")" "$(grep -v @ <<<"$undefined")"
 # The plain names, not their fortified or 64-bit forms: a platform may stand in for them.
 for name in "${plain[@]}"; do

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <cstring>
 
 #include "iam.h"
@@ -16,21 +15,18 @@ namespace {
 
 TEST(ProcessManager, PublishesWithoutTheFaultReportingLibrary) {
     const system_test::RuntimeDirectory directory;
-    setenv("IAM_RUNTIME_DIR", directory.Path().c_str(), 1);
     ASSERT_EQ(dlopen(LIBRARY, RTLD_NOW), nullptr);  // as with LD_BIND_NOW: this program really lacks it
     ASSERT_NE(std::strstr(dlerror(), "undefined symbol"), nullptr);
 
-    void* library = dlopen(LIBRARY, RTLD_LAZY);
-    ASSERT_NE(library, nullptr) << dlerror();
-    const auto getInstance =
-        reinterpret_cast<ReportEventClient& (*)()>(dlsym(library, "_ZN17ReportEventClient11GetInstanceEv"));
+    void* const getInstance = dlsym(dlopen(LIBRARY, RTLD_LAZY), "_ZN17ReportEventClient11GetInstanceEv");
     ASSERT_NE(getInstance, nullptr) << dlerror();
-    ASSERT_EQ(getInstance().RegisterResService("dp:/res/pm/fm"), 0);
+    ReportEventClient& publisher = reinterpret_cast<ReportEventClient& (*)()>(getInstance)();
+    ASSERT_EQ(publisher.RegisterResService("dp:/res/pm/fm"), 0);
 
     const int reader = open("dp:/res/pm/fm", O_RDWR);
     ASSERT_GE(reader, 0);
     const auto record = ReportEvent::MakeRawRecord(ReportEvent::FAULT_EVENT, true, {});
-    EXPECT_EQ(getInstance().ReportEvent(reinterpret_cast<const char*>(record.bytes), sizeof(record.bytes)), 0);
+    EXPECT_EQ(publisher.ReportEvent(reinterpret_cast<const char*>(record.bytes), sizeof(record.bytes)), 0);
     unsigned char buffer[ReportEvent::RECORD_SIZE_MAX];
     ASSERT_EQ(IAMFastRead(reader, buffer, sizeof(buffer)), static_cast<int64_t>(sizeof(record.bytes)));
     EXPECT_EQ(std::memcmp(buffer, record.bytes, sizeof(record.bytes)), 0);

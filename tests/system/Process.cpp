@@ -1,16 +1,16 @@
 // Starting, watching and ending the programs under test.
 #include "tests/system/Process.h"
 
-#include <fcntl.h>
 #include <spawn.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <system_error>
+#include <thread>
 
 namespace system_test {
 
@@ -20,17 +20,21 @@ void Require(bool condition, const std::string& what) {
     if (!condition) { throw std::system_error(errno, std::generic_category(), what); }
 }
 
-std::vector<char*> Pointers(std::vector<std::string>& texts) {
-    std::vector<char*> pointers;
-    for (std::string& text : texts) { pointers.push_back(text.data()); }
-    pointers.push_back(nullptr);
-    return pointers;
-}
+int MakeFile() { return memfd_create("standard stream", MFD_CLOEXEC); }
 
 }  // namespace
 
+bool Await(const std::function<bool()>& condition) {
+    const auto deadline = std::chrono::steady_clock::now() + PATIENCE;
+    for (; !condition(); std::this_thread::sleep_for(std::chrono::milliseconds(2))) {
+        if (std::chrono::steady_clock::now() > deadline) { return false; }
+    }
+    return true;
+}
+
 RuntimeDirectory::RuntimeDirectory() : path_(std::filesystem::temp_directory_path() / "report-event-XXXXXX") {
     Require(mkdtemp(path_.data()) != nullptr, "mkdtemp");
+    setenv("IAM_RUNTIME_DIR", path_.c_str(), 1);
 }
 
 RuntimeDirectory::~RuntimeDirectory() {
@@ -38,82 +42,58 @@ RuntimeDirectory::~RuntimeDirectory() {
     std::filesystem::remove_all(path_, ignored);
 }
 
-Process::Process(const std::vector<std::string>& command, const Environment& environment, const std::string& input) {
-    std::vector<std::string> arguments = command, variables = environment;
-    for (char** variable = environ; *variable != nullptr; ++variable) {
-        const std::string name(*variable, std::strcspn(*variable, "=") + 1);
-        const auto replaces = [&](const std::string& own) { return own.rfind(name, 0) == 0; };
-        if (std::none_of(environment.begin(), environment.end(), replaces)) { variables.emplace_back(*variable); }
-    }
-    const auto argumentPointers = Pointers(arguments), variablePointers = Pointers(variables);
-
-    // The input is a file in memory: nobody has to feed it, whether or not the child reads it.
-    const int in = memfd_create("input", MFD_CLOEXEC);
+Process::Process(const Words& command, const std::string& input) : output_(MakeFile()), errors_(MakeFile()) {
+    std::vector<char*> arguments;
+    for (const std::string& word : command) { arguments.push_back(const_cast<char*>(word.c_str())); }
+    arguments.push_back(nullptr);
+    const int in = MakeFile();
     Require(pwrite(in, input.data(), input.size(), 0) == static_cast<ssize_t>(input.size()), "memfd_create");
-    int out[2], err[2];
-    Require(pipe2(out, O_CLOEXEC) == 0 && pipe2(err, O_CLOEXEC) == 0, "pipe2");
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, in, STDIN_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, err[1], STDERR_FILENO);
-    errno = posix_spawnp(&pid_, command[0].c_str(), &actions, nullptr, &argumentPointers[0], &variablePointers[0]);
+    const int files[] = {in, output_, errors_};
+    for (const int stream : {0, 1, 2}) { posix_spawn_file_actions_adddup2(&actions, files[stream], stream); }
+    errno = posix_spawnp(&pid_, arguments[0], &actions, nullptr, arguments.data(), environ);
     Require(errno == 0, "posix_spawn " + command[0]);
     posix_spawn_file_actions_destroy(&actions);
-    for (const int fd : {in, out[1], err[1]}) { close(fd); }
-    outputReader_ = std::thread(&Process::Collect, this, out[0], std::ref(output_));
-    errorReader_ = std::thread(&Process::Collect, this, err[0], std::ref(errors_));
+    close(in);
 }
 
 Process::~Process() {
-    if (!reaped_) {
-        Signal(SIGCONT);
-        Stop(SIGKILL);
+    if (!Ended()) { Stop(SIGKILL); }
+    close(output_);
+    close(errors_);
+}
+
+bool Process::Ended() {
+    int status = 0;
+    if (code_ < 0 && waitpid(pid_, &status, WNOHANG) == pid_) {
+        code_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     }
-    outputReader_.join();
-    errorReader_.join();
-}
-
-void Process::Collect(int fd, Lines& lines) {
-    std::string pending;
-    char chunk[4096];
-    for (ssize_t count = 0; (count = read(fd, chunk, sizeof(chunk))) > 0; changed_.notify_all()) {
-        pending.append(chunk, static_cast<size_t>(count));
-        const std::lock_guard<std::mutex> lock(mutex_);
-        for (size_t end = 0; (end = pending.find('\n')) != std::string::npos; pending.erase(0, end + 1)) {
-            lines.push_back(pending.substr(0, end));
-        }
-    }
-    close(fd);
-    const std::lock_guard<std::mutex> lock(mutex_);
-    if (!pending.empty()) { lines.push_back(pending); }
-    --openStreams_;
-    changed_.notify_all();
-}
-
-Process::Condition Process::Holds(const std::string& text, ptrdiff_t count) {
-    const auto holds = [text](const std::string& line) { return line.find(text) != std::string::npos; };
-    return [=](const Lines& lines) { return std::count_if(lines.begin(), lines.end(), holds) >= count; };
-}
-
-bool Process::WaitFor(const Lines& lines, const Condition& condition) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    changed_.wait_for(lock, PATIENCE, [&] { return condition(lines) || openStreams_ == 0; });
-    return condition(lines);
+    return code_ >= 0;
 }
 
 int Process::Wait() {
-    int status = 0;
-    if (!reaped_ && WaitUntil([&](const Lines&) { return openStreams_ == 0; })) {
-        reaped_ = waitpid(pid_, &status, 0) == pid_;
-        status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    }
-    return status_;
+    Await([this] { return Ended(); });
+    return code_;
 }
 
-Process::Lines Process::Copy(const Lines& lines) const {
-    const std::lock_guard<std::mutex> lock(mutex_);
+Words Process::Lines(int file) {
+    Words lines;
+    std::ifstream stream("/proc/self/fd/" + std::to_string(file));
+    for (std::string line; std::getline(stream, line) && !stream.eof();) { lines.push_back(line); }
     return lines;
+}
+
+bool Process::WaitFor(int file, const std::string& text, size_t count) {
+    const auto holds = [&](const std::string& line) { return line.find(text) != std::string::npos; };
+    bool came = false;
+    Await([&] {
+        const bool ended = Ended();  // before the last look
+        const Words lines = Lines(file);
+        came = static_cast<size_t>(std::count_if(lines.begin(), lines.end(), holds)) >= count;
+        return came || ended;
+    });
+    return came;
 }
 
 std::string Process::Transcript() const {

@@ -2,11 +2,9 @@
 // reached through its virtual slot, and every field of an event stands where it stood.
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <cstdlib>
 #include <cstring>
 #include <future>
-#include <thread>
+#include <numeric>
 
 #include "platform/host/fte/FaultRecordEncoder.h"
 #include "report_event/EventRecord.h"
@@ -14,38 +12,30 @@
 #include "report_event/ReportEventServer.h"
 #include "tests/system/Process.h"
 
-using namespace std::chrono_literals;
-
 namespace {
 
 constexpr const char* RESOURCE = "dp:/res/iam/sec_event";  // the one file that both families can read
 
+// What arrived; an exception if nothing did.
 template <typename T> T Received(std::promise<T>& promise) {
     auto future = promise.get_future();
-    if (future.wait_for(system_test::PATIENCE) != std::future_status::ready) {
-        ADD_FAILURE() << "nothing arrived";
-        return {};
-    }
-    return future.get();
+    return future.wait_for(system_test::PATIENCE) == std::future_status::ready ? future.get() : throw "nothing came";
 }
 
 dsmi_event NumberedEvent(uint32_t number) {
     dsmi_event event;
-    for (size_t i = 0; i < sizeof(event); ++i) {
-        reinterpret_cast<unsigned char*>(&event)[i] = static_cast<unsigned char>(i * 7);
-    }
+    auto* const bytes = reinterpret_cast<unsigned char*>(&event);
+    std::iota(bytes, bytes + sizeof(event), static_cast<unsigned char>(7));
     event.eventId = number;
     return event;
 }
 
 TEST(FrozenClient, ReachesEveryOperationThroughItsSlot) {
     const system_test::RuntimeDirectory directory;
-    setenv("IAM_RUNTIME_DIR", directory.Path().c_str(), 1);
     ReportEventClient& publisher = ReportEventClient::GetInstance();
     ReportEventServer& subscriber = ReportEventServer::GetInstance();
     std::promise<std::pair<EventInfo, UDSInfoForCpp>> fault;
-    std::promise<dsmi_event> device;
-    std::promise<dsmi_event> security;
+    std::promise<dsmi_event> device, security;
     const auto publish = [&](const void* data, size_t size) {
         return publisher.ReportEvent(static_cast<const char*>(data), static_cast<unsigned>(size));
     };
@@ -53,31 +43,20 @@ TEST(FrozenClient, ReachesEveryOperationThroughItsSlot) {
         const auto record = ReportEvent::MakeRawRecord(family, true, NumberedEvent(number));
         return publish(record.bytes, sizeof(record.bytes));
     };
-    const auto readerGone = [&] {  // a null record is refused only while somebody reads
-        const auto deadline = std::chrono::steady_clock::now() + system_test::PATIENCE;
-        while (publisher.ReportEvent(nullptr, 0) != 0 && std::chrono::steady_clock::now() < deadline) {
-            std::this_thread::yield();
-        }
-        return publisher.ReportEvent(nullptr, 0) == 0;
-    };
+    const auto noReader = [&] { return publish(nullptr, 1) == 0; };  // else a null record is refused
 
     EXPECT_EQ(subscriber.RegIDSEventReportHandlerImpl({}), 0xF10005);  // nobody serves the file yet
     EXPECT_EQ(subscriber.UnregIDSEventReportHandlerImpl(), 0xF10206);
     ASSERT_EQ(publisher.RegisterResService(RESOURCE), 0);
-    EXPECT_EQ(publish(nullptr, 1), 0);
+    EXPECT_TRUE(noReader());
 
-    ASSERT_EQ(subscriber.FmRegisterMidReportEventImpl(
-                  {RESOURCE},
-                  [&](const EventInfo& event, const UDSInfoForCpp& uds) {
-                      fault.set_value({event, uds});
-                  },
-                  [&](const dsmi_event& event) { device.set_value(event); }),
-              0);
+    const auto takeFault = [&](const EventInfo& event, const UDSInfoForCpp& uds) { fault.set_value({event, uds}); };
+    const auto takeDevice = [&](const dsmi_event& event) { device.set_value(event); };
+    ASSERT_EQ(subscriber.FmRegisterMidReportEventImpl({RESOURCE}, takeFault, takeDevice), 0);
     EXPECT_EQ(publish(nullptr, 1), 0xF10204);
     EXPECT_EQ(publish("", 3961), 0xF10205);
     EXPECT_EQ(publishRaw(ReportEvent::FAULT_EVENT, 11), 0);
-    const dsmi_event sent = NumberedEvent(11);
-    const dsmi_event received = Received(device);
+    const dsmi_event sent = NumberedEvent(11), received = Received(device);
     EXPECT_EQ(std::memcmp(&received, &sent, sizeof(sent)), 0);
 
     const auto record = host_platform::fte::EncodeRecord({0x1234, 1, 2, 3, 4, "name", 5, {{0xF190, {6, 7}}}}, true);
@@ -91,12 +70,12 @@ TEST(FrozenClient, ReachesEveryOperationThroughItsSlot) {
     EXPECT_EQ(uds.didInfo[0].data, (std::vector<uint8_t>{6, 7}));
 
     EXPECT_EQ(subscriber.FmUnregisterReportEventImpl({"dp:/res/unknown", RESOURCE}), 0xF10206);
-    EXPECT_TRUE(readerGone());
+    EXPECT_TRUE(system_test::Await(noReader));
     ASSERT_EQ(subscriber.RegIDSEventReportHandlerImpl([&](const dsmi_event& event) { security.set_value(event); }), 0);
     EXPECT_EQ(publishRaw(ReportEvent::SECURITY_EVENT, 12), 0);
     EXPECT_EQ(Received(security).eventId, 12U);
     EXPECT_EQ(subscriber.UnregIDSEventReportHandlerImpl(), 0);
-    EXPECT_TRUE(readerGone());
+    EXPECT_TRUE(system_test::Await(noReader));
 }
 
 }  // namespace

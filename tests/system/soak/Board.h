@@ -1,18 +1,18 @@
-// What the processes of the soak tell its runner: words in a file that both map, so that a kill takes nothing away, and
-// the stamp that every record carries. soak.py knows the same layout.
+// What the processes of the soak tell its runner: words in memory that both map, so that a kill takes nothing away, and
+// the stamp that every record carries. scripts/soak.py knows the same layout.
 #ifndef REPORT_EVENT_TESTS_SYSTEM_SOAK_BOARD_H
 #define REPORT_EVENT_TESTS_SYSTEM_SOAK_BOARD_H
 
-#include <fcntl.h>
+#include <dlfcn.h>
 #include <sys/mman.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 
 namespace soak {
 
@@ -25,42 +25,23 @@ constexpr uint32_t SECURITY = 2;  // of RESOURCES
 constexpr uint32_t RAW_EVENT_ID = 0x50AC;
 
 // A publisher's: counters, then a histogram of the time of each call, then when each accepted call began and ended.
-enum PublisherWord : size_t { ACCEPTED = 0, CALLS = 2, NO_BLOCK, NOT_ENQUEUED, OTHER_CODE, SLOWEST, HISTOGRAM = 16 };
-constexpr size_t BUCKETS = 240;  // four to each power of two of nanoseconds
-constexpr size_t TIMES = 256;
+enum PublisherWord { ACCEPTED = 0, NO_BLOCK = 2, NOT_ENQUEUED, OTHER_CODE, SLOWEST, HISTOGRAM = 16, TIMES = 256 };
+constexpr size_t BUCKETS = 240;                 // four to each power of two of nanoseconds
 constexpr size_t TIMES_KEPT = size_t{1} << 18;  // of each lane; older ones are overwritten
 constexpr size_t PUBLISHER_WORDS = TIMES + LANES * 2 * TIMES_KEPT;
 
 // A subscriber's: counters, then an entry for each attempt to open a resource and what came over it.
-enum SubscriberWord : size_t { OPENS = 0, LOSSES, ALTERED, ENTRIES = 16 };
-enum EntryWord : size_t {
-    RESOURCE,
-    BEGUN,
-    ENDED,
-    FD,
-    REOPENED,
-    RUN,
-    FIRST,
-    NEXT = 8,
-    GAPS = 10,
-    EXPECTED,
-    SEEN,
-    ERROR,
-    WAITED
-};
+enum SubscriberWord { OPENS = 0, LOSSES, ALTERED, ENTRIES = 16 };
+enum EntryWord { RESOURCE, BEGUN, ENDED, FD, REOPENED, RUN, FIRST, NEXT = 8, GAPS = 10, EXPECTED, SEEN, ERROR, WAITED };
 constexpr size_t ENTRY_WORDS = 16;
 constexpr size_t ENTRIES_KEPT = size_t{1} << 15;
 constexpr size_t SUBSCRIBER_WORDS = ENTRIES + ENTRIES_KEPT * ENTRY_WORDS;
 
-inline Word* MapBoard(const char* path, size_t words) {
-    const int fd = open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    void* const memory = fd >= 0 && ftruncate(fd, static_cast<off_t>(words * sizeof(Word))) == 0
-                             ? mmap(nullptr, words * sizeof(Word), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0)
-                             : MAP_FAILED;
-    if (memory == MAP_FAILED) {
-        perror(path);
-        exit(2);
-    }
+// The runner hands a board over as an open descriptor.
+inline Word* MapBoard(const char* number, size_t words) {
+    const int fd = atoi(number);
+    void* const memory = mmap(nullptr, words * sizeof(Word), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    if (memory == MAP_FAILED) { abort(); }
     close(fd);
     return static_cast<Word*>(memory);
 }
@@ -71,23 +52,25 @@ inline uint64_t Now() {  // on the clock that all processes share
     return static_cast<uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<uint64_t>(now.tv_nsec);
 }
 
+// The function that a definition in the program stands in front of.
+template <typename Function> Function* Next(const char* name) {
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
 struct Stamp {
     uint64_t checksum;  // of the whole body, this word being zero
-    uint64_t run;
-    uint64_t sequence;
-    uint32_t resource;
-    uint32_t lane;
+    uint64_t run, sequence;
+    uint32_t resource, lane;
 };
 
 inline uint64_t Checksum(const unsigned char* data, size_t size) {
     uint64_t sum = 0xcbf29ce484222325;
-    for (size_t i = 0; i < size; ++i) sum = (sum ^ data[i]) * 0x100000001b3;
+    for (size_t i = 0; i < size; ++i) { sum = (sum ^ data[i]) * 0x100000001b3; }
     return sum;
 }
 
 // Puts the stamp at `offset` of the body and the checksum into it.
 inline void Seal(unsigned char* body, size_t size, size_t offset, Stamp stamp) {
-    stamp.checksum = 0;
     memcpy(body + offset, &stamp, sizeof stamp);
     stamp.checksum = Checksum(body, size);
     memcpy(body + offset, &stamp, sizeof stamp);

@@ -1,14 +1,14 @@
 // A subscriber of the soak: subscribes to all resources when told to, checks every record as it comes, and notes every
 // attempt to open a resource with what came over it.
 // Usage: soak_subscriber BOARD. Reads commands from standard input, answers on standard output.
-#include <dlfcn.h>
 #include <pthread.h>
 #include <sys/syscall.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <exception>
 #include <iostream>
-#include <iterator>
 #include <string>
 #include <vector>
 
@@ -25,32 +25,31 @@ Word* board;
 // The entry of each resource's open connection. Records of a resource come on one thread at a time.
 std::atomic<Word*> current[std::size(RESOURCES)];
 
+template <typename Condition> size_t ResourceThat(Condition holds) {
+    return static_cast<size_t>(std::find_if(std::begin(RESOURCES), std::end(RESOURCES), holds) - RESOURCES);
+}
+
 // How long this thread has been ready to run without a processor: evidence for a time that is too long, no excuse.
 uint64_t WaitedForProcessor() {
-    unsigned long long running = 0;
     unsigned long long waited = 0;
     if (FILE* const file = fopen("/proc/thread-self/schedstat", "re")) {
-        waited = fscanf(file, "%llu %llu", &running, &waited) == 2 ? waited : 0;
+        waited = fscanf(file, "%*u %llu", &waited) == 1 ? waited : 0;
         fclose(file);
     }
     return waited;
 }
 
 // Which resource a read thread reads, by its name.
-uint32_t ResourceOfThread() {
+size_t ResourceOfThread() {
     char name[16] = {};
     pthread_getname_np(pthread_self(), name, sizeof name);
-    uint32_t resource = 0;
-    while (resource < std::size(RESOURCES) && ("Rd_" + std::string(RESOURCES[resource])).rfind(name, 0) != 0) {
-        ++resource;
-    }
-    return resource;
+    return ResourceThat([&](const char* resource) { return ("Rd_" + std::string(resource)).rfind(name, 0) == 0; });
 }
 
 void Check(std::vector<unsigned char> body, size_t offset, int eventId) {
-    thread_local const uint32_t resource = ResourceOfThread();
+    thread_local const size_t resource = ResourceOfThread();
     Stamp stamp{};
-    if (!Unseal(body.data(), body.size(), offset, stamp) || stamp.resource != resource ||
+    if (body.size() < sizeof stamp || !Unseal(body.data(), body.size(), offset, stamp) || stamp.resource != resource ||
         (eventId >= 0 && eventId != static_cast<uint16_t>(stamp.sequence))) {
         ++board[ALTERED];
         return;
@@ -68,46 +67,33 @@ void Check(std::vector<unsigned char> body, size_t offset, int eventId) {
 }
 
 void CheckRaw(const dsmi_event& event) {
+    const auto* const bytes = reinterpret_cast<const unsigned char*>(&event);
     if (event.eventId == PROCESS_MANAGER_LOST) {
         ++board[LOSSES];
-        return;
+    } else {
+        Check({bytes, bytes + sizeof event}, offsetof(dsmi_event, eventName), -1);
     }
-    const auto* const bytes = reinterpret_cast<const unsigned char*>(&event);
-    Check({bytes, bytes + sizeof event}, offsetof(dsmi_event, eventName), -1);
 }
 
 void CheckFault(const EventInfo& event, const UDSInfoForCpp& uds) {
-    if (uds.didInfo.size() != 1 || uds.didInfo[0].data.size() < sizeof(Stamp)) {
-        ++board[ALTERED];
-    } else {
-        Check(uds.didInfo[0].data, 0, event.eventId);
-    }
+    Check(uds.didInfo.size() == 1 ? uds.didInfo[0].data : std::vector<unsigned char>(), 0, event.eventId);
 }
 
-// Each answer: the word, then for each of the two families its result and when the call began and ended.
-template <typename Fault, typename Security> void Answer(const char* word, Fault fault, Security security) {
-    const uint64_t begun = Now();
-    const int faultResult = fault();
-    const uint64_t between = Now();
-    const int securityResult = security();
-    std::cout << word << ' ' << faultResult << ' ' << begun << ' ' << between << ' ' << securityResult << ' ' << between
-              << ' ' << Now() << std::endl;
-}
-
+// Answers with the word, then for each of the two families its result and when the call began and ended.
 void Obey() {
     auto& server = ReportEventServer::GetInstance();
     const std::vector<std::string> faultFiles = {RESOURCES[0], RESOURCES[1]};
     for (std::string command; std::getline(std::cin, command) && command != "quit";) {
+        const bool start = command == "start";
         try {
-            if (command == "start") {
-                Answer(
-                    "started", [&] { return server.FmRegisterMidReportEventImpl(faultFiles, CheckFault, CheckRaw); },
-                    [&] { return server.RegIDSEventReportHandlerImpl(CheckRaw); });
-            } else {
-                Answer(
-                    "stopped", [&] { return server.FmUnregisterReportEventImpl(faultFiles); },
-                    [&] { return server.UnregIDSEventReportHandlerImpl(); });
-            }
+            const uint64_t begun = Now();
+            const int fault = start ? server.FmRegisterMidReportEventImpl(faultFiles, CheckFault, CheckRaw)
+                                    : server.FmUnregisterReportEventImpl(faultFiles);
+            const uint64_t between = Now();
+            const int security =
+                start ? server.RegIDSEventReportHandlerImpl(CheckRaw) : server.UnregIDSEventReportHandlerImpl();
+            std::cout << (start ? "started " : "stopped ") << fault << ' ' << begun << ' ' << between << ' ' << security
+                      << ' ' << between << ' ' << Now() << std::endl;
         } catch (const std::exception& error) { std::cout << "threw " << error.what() << std::endl; }
     }
     server.FmUnregisterReportEventImpl(faultFiles);
@@ -120,12 +106,11 @@ void Obey() {
 // The library's calls pass here and are noted.
 extern "C" int __wrap_open(const char* name, int flags, ...) {
     using namespace soak;
-    static const auto next = reinterpret_cast<int (*)(const char*, int, ...)>(dlsym(RTLD_NEXT, "__wrap_open"));
-    uint32_t resource = 0;
-    while (resource < std::size(RESOURCES) && strcmp(name, RESOURCES[resource]) != 0) { ++resource; }
+    static const auto next = Next<int(const char*, int, ...)>("__wrap_open");
     const uint64_t number = board[OPENS]++;
     if (number >= ENTRIES_KEPT) { abort(); }  // the runner starts another subscriber long before
     Word* const entry = board + ENTRIES + number * ENTRY_WORDS;
+    const size_t resource = ResourceThat([&](const char* known) { return strcmp(known, name) == 0; });
     entry[RESOURCE] = resource;
     entry[REOPENED] = syscall(SYS_gettid) != getpid();
     const uint64_t waited = WaitedForProcessor();
@@ -142,14 +127,11 @@ extern "C" int __wrap_open(const char* name, int flags, ...) {
 }
 
 extern "C" int64_t IAMFastRead(int fd, void* buffer, size_t length) {
-    using namespace soak;
-    static const auto next = reinterpret_cast<decltype(&IAMFastRead)>(dlsym(RTLD_NEXT, "IAMFastRead"));
+    static const auto next = soak::Next<decltype(IAMFastRead)>("IAMFastRead");
     const int64_t result = next(fd, buffer, length);
-    if (result < 0) {
-        const int error = errno;
-        current[ResourceOfThread()].load()[ERROR] = static_cast<uint64_t>(error);
-        errno = error;
-    }
+    const int error = errno;
+    if (result < 0) { soak::current[soak::ResourceOfThread()].load()[soak::ERROR] = static_cast<uint64_t>(error); }
+    errno = error;
     return result;
 }
 
