@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
+#include <csignal>
 #include <cstring>
 #include <deque>
 #include <memory>
@@ -41,7 +42,6 @@ struct ClientTestAccess {
     static constexpr auto& pool = Impl::poolHandle_;
     static constexpr auto& status = Impl::serverStatus_;
     static constexpr auto& currentFile = Impl::iamRtfsFile_;
-    static constexpr auto poolRegistered = &Impl::poolRegistered_;
 };
 }  // namespace ProcMgr
 
@@ -77,15 +77,16 @@ struct Locked : Offstage, std::lock_guard<std::mutex> {
     using std::lock_guard<std::mutex>::lock_guard;
 };
 
-// Heap use of the calling thread. A test may let the failing-th allocation from now on throw.
+// Heap use of the calling thread. A test may let the failing-th allocation from now on fail.
 struct HeapUse {
     int64_t allocations = 0, live = 0, failing = 0;
 };
 inline thread_local HeapUse heap;
-inline std::atomic<bool> noReadBuffers{false};
 
 // The name a read thread has given itself, uncut; empty for any other thread.
 inline thread_local std::string threadName;
+// The lock that this thread takes.
+inline thread_local const void* wantedLock = nullptr;
 // What CheckLogLevel has let through on this thread: its next line must begin so.
 inline thread_local std::string messageDue;
 
@@ -99,33 +100,31 @@ struct Background {
 
 constexpr int FIRST_NUMBER = 1000;  // of the simulated descriptors
 constexpr size_t READ_LENGTH = 3960;
+const std::string FOREIGN = "the process's own";  // file
 
 // One for each test. What every test of the library's objects starts from: it watches the rules, and a test finds here
 // what it says and sees.
 class Platform {
 public:
+    // What a call does, also the read of the file of that name.
     struct Script {
         Hook hook;                      // runs on the calling thread with no lock held; may block, raise, call in
         std::optional<int64_t> result;  // nothing: the operation's ordinary one
+        Bytes record;                   // these two of a read only
+        int error = 0;
     };
     struct OpenFile {
         std::string name;
-        bool foreign = false, closed = false, blocked = false;  // foreign: the process's own
-        std::thread::id reader;
-    };
-    struct Read : Script {  // without a result: go on waiting
-        Bytes record;
-        int error = 0;
+        bool closed = false;
     };
 
     // The rules that hold at the end of every test.
     ~Platform() {
         ofThisTest = nullptr;
-        noReadBuffers = false;
         messageDue.clear();
         EXPECT_EQ(0, threads) << "read threads were left running";
         for (const auto& [number, file] : descriptors) {
-            EXPECT_TRUE(file->foreign) << "descriptor " << number << " of " << file->name << " was never closed";
+            EXPECT_EQ(FOREIGN, file->name) << "descriptor " << number << " was never closed";
         }
     }
 
@@ -137,63 +136,55 @@ public:
 
     void Record(const std::string& operation, const std::string& text) {
         const Locked locked(mutex);
-        const bool log = operation == "log";
-        EXPECT_TRUE(log != messageDue.empty() && text.compare(0, messageDue.size(), messageDue) == 0)
+        EXPECT_TRUE((operation == "log") != messageDue.empty() && text.rfind(messageDue, 0) == 0)
             << "let through: '" << messageDue << "', written: " << text;
         messageDue.clear();
         lines.emplace_back(operation, text);
         changed.notify_all();
     }
 
-    // The lines of the listed operations ("open close log"), or all, one after the other.
+    // The lines since the last look: those of the listed operations ("open close log"), or all, one after the other.
     std::string Journal(const std::string& listed = "") {
         const Locked locked(mutex);
         std::string text;
-        for (const auto& [operation, line] : lines) {
+        for (const auto& [operation, line] : std::exchange(lines, {})) {
             const bool isListed = (" " + listed + " ").find(" " + operation + " ") != std::string::npos;
             if (listed.empty() || isListed) { text += (text.empty() ? "" : " | ") + line; }
         }
         return text;
     }
 
-    // How many lines hold the text.
+    // How many of the lines since the last look hold the text.
     size_t Count(const std::string& part) {
         const Locked locked(mutex);
         const auto holds = [&](const auto& line) { return line.second.find(part) != std::string::npos; };
         return static_cast<size_t>(std::count_if(lines.begin(), lines.end(), holds));
     }
 
-    void ClearJournal() { Locked{mutex}, lines.clear(); }
-
-    bool Await(const std::string& part, size_t count = 1) {
-        return AwaitCondition(part, [&] { return Count(part) >= count; });
+    void Await(const std::string& part, size_t count = 1) {
+        AwaitCondition(part, [&] { return Count(part) >= count; });
     }
 
     // On the system clock: the steady one is the library's. Looks again every 5 ms at what changes without notice.
-    bool AwaitCondition(const std::string& what, const std::function<bool()>& condition) {
+    void AwaitCondition(const std::string& what, const std::function<bool()>& condition) {
         using Clock = std::chrono::system_clock;
         const Offstage offstage;
         const auto deadline = Clock::now() + std::chrono::seconds(testing::Test::HasFailure() ? 1 : 20);
         while (!condition()) {
             if (Clock::now() > deadline) {
                 ADD_FAILURE() << "waited in vain for " << what << " after " << Journal();
-                return false;
+                return;
             }
             std::unique_lock<std::mutex> lock(mutex);
             changed.wait_until(lock, Clock::now() + std::chrono::milliseconds(5));
         }
-        return true;
     }
 
     // A read of each file waits and nothing is queued for it.
-    template <typename... Files> void AwaitBlocked(const Files&... names) { (AwaitOneBlocked(names), ...); }
-
-    void AwaitOneBlocked(const std::string& name) {
-        AwaitCondition("a blocked read of " + name, [&] {
+    template <typename... Files> void AwaitBlocked(const Files&... names) {
+        AwaitCondition("blocked reads", [&] {
             const Locked locked(mutex);
-            return std::any_of(descriptors.begin(), descriptors.end(), [&](const auto& entry) {
-                return entry.second->name == name && entry.second->blocked && reads[name].empty();
-            });
+            return ((blocked.count(names) != 0 && scripts[names].empty()) && ...);
         });
     }
 
@@ -202,17 +193,26 @@ public:
         AwaitCondition("the end of threads", [&] { return threads == count; });
     }
 
-    // Scripts the next call of an operation, or every one from now on.
-    void Next(const std::string& operation, Hook hook, std::optional<int64_t> result = std::nullopt) {
-        Locked{mutex}, scripts[operation].push_back({std::move(hook), result});
+    // Scripts the next call of an operation or read of a file, or every call from now on.
+    void Next(const std::string& operation, Hook hook = nullptr, std::optional<int64_t> result = std::nullopt,
+              const Bytes& record = {}, int error = 0) {
+        Locked{mutex}, scripts[operation].push_back({std::move(hook), result, record, error}), readable.notify_all();
     }
 
     void Results(const std::string& operation, const std::vector<int64_t>& results) {
         for (const int64_t result : results) { Next(operation, nullptr, result); }
     }
 
+    void Deliver(const std::string& name, const Bytes& record, Hook hook = nullptr) {
+        Next(name, std::move(hook), record.size(), record);
+    }
+
+    void Fail(const std::string& name, int error, Hook hook = nullptr, int64_t result = -1) {
+        Next(name, std::move(hook), result, {}, error);
+    }
+
     void Always(const std::string& operation, Hook hook, std::optional<int64_t> result = std::nullopt) {
-        Locked{mutex}, always[operation] = {std::move(hook), result};
+        Locked{mutex}, always[operation] = {std::move(hook), result, {}, 0};
     }
 
     std::optional<int64_t> Scripted(const std::string& operation) {
@@ -227,74 +227,57 @@ public:
         return script.result;
     }
 
-    // Queues what the next read of the file does.
-    void OnRead(const std::string& name, Read read) {
-        Locked{mutex}, reads[name].push_back(std::move(read)), changed.notify_all();
-    }
-
-    void Deliver(const std::string& name, const Bytes& record, Hook hook = nullptr) {
-        OnRead(name, {{std::move(hook), record.size()}, record, 0});
-    }
-
-    void Fail(const std::string& name, int error, Hook hook = nullptr, int64_t result = -1) {
-        OnRead(name, {{std::move(hook), result}, {}, error});
+    // Sends a signal to the thread that is blocked in a read of the file.
+    void Interrupt(const std::string& name, int signal) {
+        const Locked locked(mutex);
+        EXPECT_EQ(0, pthread_kill(blocked.at(name), signal));
     }
 
     // Opens of the file fail, or succeed again.
     void SetAbsent(const std::string& name, bool isAbsent = true) { Locked{mutex}, absent[name] = isAbsent; }
 
-    // The next descriptors are the lowest free ones from here on: a number just closed is at once given out again.
-    void UseNumbersFrom(int number) { Locked{mutex}, firstNumber = number; }
-
-    int TakeNumber(const std::string& name, bool foreign) {
+    // Opens a file: for the library, or FOREIGN for the process itself.
+    int TakeNumber(const std::string& name) {
         const Locked locked(mutex);
-        int number = absent[name] ? -1 : firstNumber;
+        int number = absent[name] ? -1 : firstNumber.load();
         while (descriptors.count(number) != 0) { ++number; }
-        if (number >= 0) { descriptors[number].reset(new OpenFile{name, foreign, false, false, {}}); }
+        if (number >= 0) { descriptors[number].reset(new OpenFile{name}); }
         return number;
     }
-
-    // The process opens a file of its own.
-    int OpenForeign() { return TakeNumber("the process's own", true); }
 
     bool Close(int fd);
     int64_t ReadRecord(int fd, unsigned char* buffer, int& error);
 
     static inline Platform* ofThisTest = nullptr;
     std::mutex mutex;
-    std::condition_variable changed;
+    std::condition_variable changed;                         // for the test
+    std::condition_variable readable;                        // for reads; no signal handler notifies it
     std::vector<std::pair<std::string, std::string>> lines;  // operation and text
     std::map<std::string, std::deque<Script>> scripts;
     std::map<std::string, Script> always;
-    std::map<std::string, std::deque<Read>> reads;
     std::map<std::string, bool> absent;
     std::map<int, std::shared_ptr<OpenFile>> descriptors;
-    int firstNumber = FIRST_NUMBER;
-    std::atomic<int> threads{0};  // read threads alive
+    std::map<std::string, pthread_t> blocked;    // in a read of that file
+    std::atomic<int> firstNumber{FIRST_NUMBER};  // descriptors are the lowest free ones from here on, at once reused
+    std::atomic<int> threads{0};                 // read threads alive
     std::atomic<int64_t> nanoseconds{0};
 
     // What was handed over last, kept beyond the call.
-    std::string serviceName;
-    IAMRTServiceRecord service = {};
-    IAMFileOperations serviceOperations = {};
+    std::string written;
     FTEReportInfo faultReport = {};
     std::function<int(const unsigned char*, unsigned int)> faultCallback;
-    std::atomic<bool> publishing{false};  // between the allocation of a block and the end of it
     std::map<uint64_t, std::vector<std::string>> enqueued;
-    std::map<uint64_t, std::string> blocks;
     // The decoder, which the test supplies.
     std::function<int(const unsigned char*, unsigned int, FTEInfo*, UDSInfo*)> deserialize;
 };
 
 // Holds a thread until the test opens it.
 struct Gate {
-    void Hold() {
-        arrived = true;
-        Platform::ofThisTest->AwaitCondition("the opening of a gate", [this] { return open.load(); });
+    static void Await(const std::atomic<bool>& flag) {
+        Platform::ofThisTest->AwaitCondition("a gate", [&] { return flag.load(); });
     }
-    void AwaitArrival() {
-        Platform::ofThisTest->AwaitCondition("somebody at a gate", [this] { return arrived.load(); });
-    }
+    void Hold() { arrived = true, Await(open); }
+    void AwaitArrival() { Await(arrived); }
     void Open() { open = true; }
     std::atomic<bool> arrived{false}, open{false};
 };
@@ -324,17 +307,49 @@ inline Bytes Raw(unsigned char header, const std::string& name, unsigned char fo
     return record;
 }
 
+// The lines that the subscriber's journal is made of.
+inline std::string Opened(const std::string& name, int fd = 1000) {
+    return Text("open(", name, ", 2) = ", fd, " | log 2 Open file success. resFile=", name, ", fd=", fd);
+}
+
+inline std::string Reconnected(const std::string& name, int fd) {
+    return Text("log 16 Reconnect success. (file=", name, ",fd=", fd, ")");
+}
+
+// A reconnection and its thread end.
+inline std::string GaveUp(const std::string& name, int error) {
+    return Text(" | log 16 Reconnect failed. (file=", name, ",fd=-1) | log 3 Reconnect ", name,
+                " failed, ret=-1 errno=", error);
+}
+
+inline std::string Joined(const std::string& name, const char* by = "JoinReadThread") {
+    return Text("join | log 16 ", by, ": join thead of resfile=", name, " success");
+}
+
 // One subscriber on a fresh platform, with callbacks that write what they get into the journal.
 class LibraryTest : public testing::Test, public Platform, public ReportEvent::ServerTestAccess {
 protected:
     LibraryTest() {
         ofThisTest = this;
-        Get(deviceCallback) = Teller("device");
-        Get(securityCallback) = Teller("security");
+        Of(deviceCallback) = Teller("device");
+        Of(securityCallback) = Teller("security");
+    }
+
+    // Runs `body` in a process of its own, which then exits, and expects its journal of that.
+    void ExpectAtExit(const std::string& listed, const std::string& journal, const Hook& body) {
+        static std::string operations;
+        testing::FLAGS_gtest_death_test_style = "threadsafe";
+        operations = listed;
+        const auto run = [&] {
+            std::atexit([] { std::fprintf(stderr, "%s", Get().Journal(operations).c_str()); });
+            body();
+            testing::Test::HasFailure() ? std::_Exit(1) : std::exit(0);
+        };
+        EXPECT_EXIT(run(), testing::ExitedWithCode(0), testing::Eq(journal));
     }
 
     // A data member of the subscriber.
-    template <typename Type> Type& Get(Type Server::*member) { return (*server_).*member; }
+    template <typename Type> Type& Of(Type Server::*member) { return (*server_).*member; }
 
     // A callback that writes "<who> <event name>" into the journal.
     std::function<void(const dsmi_event&)> Teller(const std::string& who) {

@@ -15,117 +15,106 @@ static std::string Report(const std::string& name) {
     return "eventId=0x8C03A000, severity=2, assertion=1, deviceId=65535, procName=" + name;
 }
 
+// A subscribed file: what it is called in the journal, and the process that its loss means.
+struct File {
+    std::string name, manager = "";
+    bool IsSecurity() const { return name == SEC; }
+    ReportEvent::EventType Family() const { return IsSecurity() ? SECURITY_EVENT : FAULT_EVENT; }
+    Bytes Record(const std::string& event) const { return Raw(IsSecurity() ? 0x11 : 0x01, event); }
+    std::string Told(const std::string& event) const { return (IsSecurity() ? "security " : "device ") + event; }
+};
+
 class ReadLoop : public LibraryTest {
 protected:
-    static unsigned char Header(const std::string& name) { return name == SEC ? 0x11 : 0x01; }
-
-    void Start(const std::string& name) {
-        EXPECT_EQ(0, server_->StartSubscribeEvent({name}, name == SEC ? SECURITY_EVENT : FAULT_EVENT));
-        AwaitBlocked(name);
-        ClearJournal();
+    void Start(const File& file) {
+        EXPECT_EQ(0, server_->StartSubscribeEvent({file.name}, file.Family()));
+        AwaitBlocked(file.name);
+        Journal();
     }
 
-    void Stop(const std::string& name) {
-        EXPECT_EQ(0, server_->StopSubscribeEvent({name}, name == SEC ? SECURITY_EVENT : FAULT_EVENT));
-    }
+    void Stop(const File& file) { EXPECT_EQ(0, server_->StopSubscribeEvent({file.name}, file.Family())); }
 };
 
 TEST_F(ReadLoop, EveryFailureIsClassedByItsErrno) {
     const std::set<int> passing = {ETIMEDOUT, EAGAIN, EIO};
     const std::set<int> lost = {EPIPE, EBADMSG, EBADFD, EBADF};
-    const auto check = [&](const std::string& name, int error, const std::string& managed) {
-        SCOPED_TRACE(Text(name, " errno ", error));
-        const bool passes = passing.count(error) != 0;
-        const bool reconnects = lost.count(error) != 0 && managed.empty();
-        const std::string told = (name == SEC ? "security " : "device ") + std::string("next");
-        Start(name);
-        Fail(name, error, nullptr, -7);
-        if (passes || reconnects) {
-            Deliver(name, Raw(Header(name), "next"));
-            Await(told);
-            AwaitBlocked(name);
-        } else {
-            AwaitThreads();
+    for (const File& file : {File{PM, MANAGER}, File{SEA, "sea_" + MANAGER}, File{ONE}, File{SEC}}) {
+        for (int error = 0; error <= 133; ++error) {
+            SCOPED_TRACE(Text(file.name, " errno ", error));
+            const bool passes = passing.count(error) != 0, isLost = lost.count(error) != 0;
+            Start(file);
+            Fail(file.name, error, nullptr, -7);
+            if (passes || (isLost && file.manager.empty())) {
+                Deliver(file.name, file.Record("next"));
+                Await(file.Told("next"));
+                AwaitBlocked(file.name);
+            } else {
+                AwaitThreads();
+            }
+            const std::string next = file.Told("next");
+            EXPECT_EQ(passes    ? next
+                      : !isLost ? Text("log 3 ReadData IAMFastRead ", file.name, " failed, ret=-7 errno=", error)
+                      : file.manager.empty() ? Text("close(1000) | open(", file.name, ", 0) = 1000 | ",
+                                                    Reconnected(file.name, 1000), " | ", next)
+                                             : "log 3 FTEReport begin, " + Report(file.manager) + " | MidFTEReport",
+                      Journal("open close sleep log fte deliver"));
+            Stop(file);
         }
-        EXPECT_EQ(passes                   ? told
-                  : reconnects             ? Text("close(1000) | open(", name,
-                                                  ", 0) = 1000 | log 16 Reconnect success. (file=", name, ",fd=1000) | ", told)
-                  : lost.count(error) != 0 ? "log 3 FTEReport begin, " + Report(managed) + " | MidFTEReport"
-                                           : Text("log 3 ReadData IAMFastRead ", name, " failed, ret=-7 errno=", error),
-                  Journal("open close sleep log fte deliver"));
-        Stop(name);
-    };
-    for (int error = 0; error <= 133; ++error) {
-        check(PM, error, MANAGER);
-        check(SEA, error, "sea_" + MANAGER);
-        check(ONE, error, "");
-        check(SEC, error, "");
     }
 }
 
 TEST_F(ReadLoop, AFileThatStaysAwayIsTriedForFiveSecondsAndGivenUp) {
-    Start(SEC);
+    Start({SEC});
     SetAbsent(SEC);
     Fail(SEC, EBADFD);
     AwaitThreads();
     std::string expected = "close(1000)";
     for (int i = 0; i <= 50; ++i) { expected += " | open(" + SEC + ", 0) = -1 | sleep 100000 us"; }
-    EXPECT_EQ(Text(expected, " | log 16 Reconnect failed. (file=", SEC, ",fd=-1) | log 3 Reconnect ", SEC,
-                   " failed, ret=-1 errno=", EBADFD),
-              Journal("open close sleep log"));
-    Stop(SEC);
+    EXPECT_EQ(expected + GaveUp(SEC, EBADFD), Journal("open close sleep log"));
+    Stop({SEC});
 }
 
 TEST_F(ReadLoop, AFileThatComesBackIsReadOnThroughItsNewDescriptor) {
-    Start(ONE);
-    SetAbsent(ONE, true);
-    for (int i = 0; i < 9; ++i) { Next("sleep", nullptr); }
+    Start({ONE});
+    SetAbsent(ONE);
+    Next("sleep");
     Results("sleep", {EINTR});  // the rest of this pause follows
     Next("sleep", [&] {
         SetAbsent(ONE, false);
-        UseNumbersFrom(1002);
+        firstNumber = 1002;
     });
     Fail(ONE, EPIPE);
     Deliver(ONE, Raw(0x01, "again"));
     Await("device again");
-    EXPECT_EQ(1002, Get(faults).at(ONE).fd);
-    EXPECT_EQ(11u, Count("open("));
-    EXPECT_EQ(10u, Count("sleep 100000 us"));
-    EXPECT_EQ(1u, Count("sleep 50000 us"));
-    Stop(ONE);
-    EXPECT_EQ("close(1000) | close(1002)", Journal("close"));
+    EXPECT_EQ(1002, Of(faults).at(ONE).fd);
+    Stop({ONE});
+    const std::string open = " | open(" + ONE + ", 0) = ";
+    EXPECT_EQ("close(1000)" + open + "-1 | sleep 100000 us" + open + "-1 | sleep 100000 us | sleep 50000 us" + open +
+                  "1002 | close(1002)",
+              Journal("open sleep close"));
 }
 
 TEST_F(ReadLoop, TheFlagEndsTheThreadWithoutAWord) {
-    // Cleared during a read that fails: no report, no reconnection. During one that succeeds: its record is delivered.
-    for (const std::string& name : {PM, SEC}) {
-        std::atomic<bool>& running = Get(name == SEC ? securityRunning : faultRunning);
-        for (const bool fails : {true, false}) {
-            Start(name);
-            const Hook clear = [&] { running = false, errno = EPIPE; };
-            fails ? Fail(name, 0, clear) : Deliver(name, Raw(Header(name), "last"), clear);
-            AwaitThreads();
-            const std::string last = name == SEC ? "security last" : "device last";
-            EXPECT_EQ(fails ? "" : last, Journal("log fte deliver open close"));
-            running = true;
-            Stop(name);
-        }
+    const auto scenario = [&](const File& file, const std::string& journal) {
+        EXPECT_EQ(0, server_->StartSubscribeEvent({file.name}, file.Family()));
+        AwaitThreads();
+        EXPECT_EQ(Opened(file.name) + journal, Journal("log fte deliver open close read"));
+        Of(file.IsSecurity() ? securityRunning : faultRunning) = true;
+        Stop(file);
+        Journal();
+    };
+    const Hook clear = [&] { Of(faultRunning) = Of(securityRunning) = false, errno = EPIPE; };
+    for (const File& file : {File{PM}, File{SEC}}) {
+        Next("prctl", clear);  // before the thread has read anything
+        scenario(file, "");
+        Fail(file.name, 0, clear);  // during a read that fails: no report, no reconnection
+        scenario(file, " | read(1000) = -1");
+        Deliver(file.name, file.Record("last"), clear);  // during one that succeeds: its record is delivered
+        scenario(file, " | read(1000) = 362 | " + file.Told("last"));
     }
-    // During the pause of a reconnection: not one attempt more.
-    Start(ONE);
-    SetAbsent(ONE, true);
-    Next("sleep", [&] { Get(faultRunning) = false; });
-    Fail(ONE, EPIPE);
-    AwaitThreads();
-    EXPECT_EQ(1u, Count("open("));
-    Get(faultRunning) = true;
-    Stop(ONE);
-    // Before the thread has read anything.
-    Next("prctl", [&] { Get(securityRunning) = false; });
-    Fail(SEC, ENOENT);
-    server_->StartSubscribeEvent({SEC}, SECURITY_EVENT);
-    AwaitThreads();
-    EXPECT_EQ(0u, Count("ReadData"));
+    Fail(ONE, EPIPE, [&] { SetAbsent(ONE); });  // in the pause of a reconnection: not one attempt more
+    Next("sleep", clear);
+    scenario({ONE}, " | read(1000) = -1 | close(1000) | open(" + ONE + ", 0) = -1" + GaveUp(ONE, EPIPE));
 }
 
 TEST_F(ReadLoop, TheBufferIsZeroBeforeEveryRecordAlsoAfterOneThatFailed) {
@@ -135,43 +124,42 @@ TEST_F(ReadLoop, TheBufferIsZeroBeforeEveryRecordAlsoAfterOneThatFailed) {
         Deliver(SEC, record);
     }
     char name[16] = {};
-    Get(securityCallback) = [&](const dsmi_event&) { prctl(PR_GET_NAME, name); };
+    Of(securityCallback) = [&](const dsmi_event&) { prctl(PR_GET_NAME, name); };
     server_->StartSubscribeEvent({SEC}, SECURITY_EVENT);
     AwaitBlocked(SEC);
     EXPECT_STREQ("Rd_dp:/res/iam/", name);
-    EXPECT_EQ("log 2 Open file success. resFile=" + SEC + ", fd=1000 | name Rd_" + SEC + zeroed +
-                  " | read(1000) = 362 | prctl 16" + zeroed +
+    EXPECT_EQ(Opened(SEC) + " | name Rd_" + SEC + zeroed + " | read(1000) = 362 | prctl 16" + zeroed +
                   " | read(1000) = 3960 | log 3 invalid header, header=0xff" + failed + zeroed +
                   " | read(1000) = 3 | log 3 deserialized buf size is not eqaul with size of struct dsmi_event=360\n"
                   " | log 3 MidFTEDeSerialize err ret=0xF10205" +
                   failed + zeroed + " | read(1000) = 0 | log 3 deserialize data failed, header is null or size error" +
                   failed + zeroed,
-              Journal("prctl memset_s read log deliver"));
-    Stop(SEC);
-    ClearJournal();
-    noReadBuffers = true;
+              Journal("open prctl memset_s read log deliver"));
+    Stop({SEC});
+    Journal();
+    Next("prctl", [] { heap.failing = 1; });
     server_->StartSubscribeEvent({SEC}, SECURITY_EVENT);
     AwaitThreads();
-    EXPECT_EQ("log 2 Open file success. resFile=" + SEC + ", fd=1000 | log 3 unique point fail, errno=12 " + SEC,
-              Journal("log memset_s read"));
+    EXPECT_EQ(Opened(SEC) + " | log 3 unique point fail, errno=12 " + SEC, Journal("open log memset_s read"));
 }
 
-// Raised while the thread is blocked in a read, between a failed read and its classing, and in the pauses of a
+// Sent while the thread is blocked in a read, between a failed read and its classing, and in the pauses of a
 // reconnection.
 TEST_F(ReadLoop, ASigpipeDisturbsNeitherTheStreamNorErrno) {
     EXPECT_EQ(0, server_->RegIDSEventReportHandlerImpl(Teller("security")));
     AwaitBlocked(SEC);
-    ClearJournal();
-    OnRead(SEC, {{[] { raise(SIGPIPE); }, std::nullopt}, {}, 0});
+    Journal();
+    Interrupt(SEC, SIGPIPE);
+    Await(CAUGHT);
     Fail(SEC, EAGAIN, [] { raise(SIGPIPE); });
     Deliver(SEC, Raw(0x11, "on"));
     Await("security on");
     EXPECT_EQ(CAUGHT + " | " + CAUGHT + " | security on", Journal("log deliver close"));
-    SetAbsent(SEC, true);
+    SetAbsent(SEC);
     Always("sleep", [] { raise(SIGPIPE); });
     Fail(SEC, EBADMSG);
     AwaitThreads();
-    EXPECT_EQ(2u + 51u, Count(CAUGHT));
+    EXPECT_EQ(51u, Count(CAUGHT));
     EXPECT_EQ(1u, Count("log 3 Reconnect " + SEC + " failed, ret=-1 errno=74"));
     EXPECT_EQ(0, server_->UnregIDSEventReportHandlerImpl());
 }
@@ -183,14 +171,12 @@ TEST_F(ReadLoop, TheLossOfAProcessManagerIsReportedInThreeHundredBytes) {
         std::string expected(300, '\0');
         expected.replace(0, 10, std::string("\x00\xA0\x03\x8C\x00\x00\xFF\xFF\x02\x01", 10));
         expected.replace(42, name.size(), name);
-        ClearJournal();
         server_->ReportPmEvent(file);
         EXPECT_EQ(expected, std::string(reinterpret_cast<const char*>(&faultReport), 300));
         EXPECT_EQ(Text("memset_s(256, 0, 256) | strncpy_s(256, ", name, ", ", name.size(),
                        ") | check 3 | log 3 FTEReport begin, ", Report(name), " | MidFTEReport"),
                   Journal());
     }
-    ClearJournal();
     Results("fte", {-2});
     server_->ReportPmEvent(PM);
     Results("strncpy_s", {34});

@@ -7,38 +7,17 @@
 namespace recording {
 
 const std::string THREE = "c:/res/three";
+const std::string NEXT = " | ";
 
-// The lines of the journal that make up a subscription.
-static std::string Opened(const std::string& name, int fd, int flags = 2) {
-    return Text("open(", name, ", ", flags, ") = ", fd);
+static std::string Stopped(const std::string& name) { return Joined(name, "StopSubscribeEvent"); }
+
+// The end of a join that met `before`.
+static std::string JoinedAfter(const std::string& before, const std::string& joined) {
+    return "join" + before + joined.substr(4);
 }
-
-static std::string Started(const std::string& name, int fd) {
-    return fd < 0 ? Opened(name, fd) + " | log 3 Open file failed. resFile=" + name + " fd=-1"
-                  : Text(Opened(name, fd), " | log 2 Open file success. resFile=", name, ", fd=", fd, " | thread");
-}
-
-static std::string Joined(const std::string& name, const char* by) {
-    return Text("join | log 16 ", by, ": join thead of resfile=", name, " success");
-}
-
-static std::string Reconnected(const char* how, const std::string& name, int fd) {
-    return Text("log 16 Reconnect ", how, ". (file=", name, ",fd=", fd, ")");
-}
-
-const char* const BY_STOP = "StopSubscribeEvent";
-const char* const BY_JOIN = "JoinReadThread";
-const std::string GAVE_UP =
-    Reconnected("failed", SEC, -1) + " | log 3 Reconnect " + SEC + " failed, ret=-1 errno=" + Text(EPIPE);
 
 class Subscription : public LibraryTest {
 protected:
-    Names Keys(ReportEvent::EventType family) {
-        Names keys;
-        for (const auto& entry : Get(family == FAULT_EVENT ? faults : securities)) { keys.push_back(entry.first); }
-        return keys;
-    }
-
     // Loses the connection of `name`, whose thread then waits in the first pause of its reconnection.
     void HoldInPause(const std::string& name, Gate& gate) {
         SetAbsent(name, true);
@@ -48,7 +27,7 @@ protected:
     }
 
     void HoldInCallback(const std::string& name, Gate& gate) {
-        Get(deviceCallback) = [&, tell = Teller("device")](const dsmi_event& event) {
+        Of(deviceCallback) = [&, tell = Teller("device")](const dsmi_event& event) {
             event.eventName == std::string("held") ? gate.Hold() : void();
             tell(event);
         };
@@ -80,7 +59,7 @@ protected:
         SetAbsent(SEC, false);
         server_->StopSubscribeEvent({}, SECURITY_EVENT);
         server_->StartSubscribeEvent({SEC}, SECURITY_EVENT);
-        ClearJournal();
+        Journal();
     }
 };
 
@@ -89,51 +68,34 @@ TEST_F(Subscription, AStartOpensWhatTheNamesAllowInOrderAndReportsTheRest) {
     const std::string noColon = "log 3 Illegal fileName, cannot find ':', cannot open file=";
     const std::string prefix = "log 3 CheckFileNameIsValid failed prefix=/res/, fileName=";
     const std::string twice = "log 3 resFile=" + PM + " is repeated, please check your input groupOwnerList | ";
-    const std::string next = " | ";
+    const std::string absent = "open(x:/res/no, 2) = -1 | log 3 Open file failed. resFile=x:/res/no fd=-1";
+    const auto started = [](const std::string& name, int fd) { return Opened(name, fd) + " | thread"; };
     const auto check = [&](ReportEvent::EventType family, const Names& list, int result, const std::string& expected) {
         SCOPED_TRACE(testing::PrintToString(list));
-        ClearJournal();
         EXPECT_EQ(result, server_->StartSubscribeEvent(list, family));
-        EXPECT_EQ(family == FAULT_EVENT, Get(faultRunning));
-        EXPECT_EQ(family == SECURITY_EVENT, Get(securityRunning));
+        EXPECT_EQ(family == FAULT_EVENT, Of(faultRunning));
+        EXPECT_EQ(family == SECURITY_EVENT, Of(securityRunning));
         EXPECT_EQ(0, server_->StartSubscribeEvent({"bad", TWO}, family)) << "running: nothing is looked at";
         EXPECT_EQ(expected, Journal("open log thread close join"));
-        EXPECT_EQ(0, server_->StopSubscribeEvent(Keys(family), family));
-        EXPECT_EQ(Names(), Keys(family));
+        server_->StopSubscribeEvent(list, family);
+        EXPECT_TRUE(Of(faults).empty() && Of(securities).empty());
+        Journal();
     };
-    SetAbsent("x:/res/absent");
-    check(FAULT_EVENT, {SEA, PM}, 0, Started(PM, 1000) + next + Started(SEA, 1001));
-    check(FAULT_EVENT, {PM, PM, PM}, BAD_NAME, twice + twice + Started(PM, 1000));
+    SetAbsent("x:/res/no");
+    check(FAULT_EVENT, {SEA, PM}, 0, started(PM, 1000) + NEXT + started(SEA, 1001));
+    check(FAULT_EVENT, {PM, PM, PM}, BAD_NAME, twice + twice + started(PM, 1000));
     check(FAULT_EVENT, {"dp:/res/pm/fm.1", ".", "dp/res/pm/fm", "", "dp:res/pm/fm", "a:b:/res/x", "dp:/res", "x:/resx"},
           BAD_NAME,
-          dot + "dp:/res/pm/fm.1 | " + dot + ". | " + noColon + "dp/res/pm/fm | " + noColon + next + prefix +
+          dot + "dp:/res/pm/fm.1 | " + dot + ". | " + noColon + "dp/res/pm/fm | " + noColon + NEXT + prefix +
               "dp:res/pm/fm | " + prefix + "a:b:/res/x | " + prefix + "dp:/res | " + prefix + "x:/resx");
-    check(FAULT_EVENT, {"x:/res/absent", "x:/res/:", "x:/res/", ":/res/x"}, OPEN_FAILED,
-          Started(":/res/x", 1000) + next + Started("x:/res/", 1001) + next + Started("x:/res/:", 1002) + next +
-              Started("x:/res/absent", -1));
-    check(FAULT_EVENT, {"bad", "x:/res/absent"}, OPEN_FAILED, noColon + "bad | " + Started("x:/res/absent", -1));
+    check(
+        FAULT_EVENT, {"x:/res/no", "x:/res/:", "x:/res/", ":/res/x"}, OPEN_FAILED,
+        started(":/res/x", 1000) + NEXT + started("x:/res/", 1001) + NEXT + started("x:/res/:", 1002) + NEXT + absent);
+    check(FAULT_EVENT, {"bad", "x:/res/no"}, OPEN_FAILED, noColon + "bad | " + absent);
     check(FAULT_EVENT, {}, 0, "");
-    check(SECURITY_EVENT, {"z.z", SEC, "x:/res/absent", "z.z"}, OPEN_FAILED,
-          Started(SEC, 1000) + next + Started("x:/res/absent", -1) + next + Started("z.z", 1001));
-    check(SECURITY_EVENT, {SEC, SEC}, 0, Started(SEC, 1000));
-}
-
-TEST_F(Subscription, AFreshInstanceIsEmptyAndADescriptorMayBeZero) {
-    {
-        Server fresh;
-        EXPECT_TRUE((fresh.*faults).empty() && (fresh.*securities).empty());
-        EXPECT_FALSE(fresh.*faultRunning || fresh.*securityRunning);
-        EXPECT_FALSE(fresh.*eventCallback || fresh.*deviceCallback || fresh.*securityCallback);
-    }
-    EXPECT_EQ("check 16 | log 16 ~ReportEventServerImpl... | flush", Journal());
-    EXPECT_EQ(0, ReportEvent::EventSourceInfo().fd);
-    UseNumbersFrom(0);
-    EXPECT_EQ(0, server_->StartSubscribeEvent({ONE}, FAULT_EVENT));
-    Fail(ONE, EPIPE);
-    Await(Reconnected("success", ONE, 0));
-    Deliver(ONE, Raw(0x01, "zero"));
-    Await("device zero");
-    EXPECT_EQ(0, server_->StopSubscribeEvent({ONE}, FAULT_EVENT));
+    check(SECURITY_EVENT, {"z.z", SEC, "x:/res/no", "z.z"}, OPEN_FAILED,
+          started(SEC, 1000) + NEXT + absent + NEXT + started("z.z", 1001));
+    check(SECURITY_EVENT, {SEC, SEC}, 0, started(SEC, 1000));
 }
 
 TEST_F(Subscription, AStopClearsTheFlagThenClosesThenJoinsWhatIsListed) {
@@ -142,52 +104,47 @@ TEST_F(Subscription, AStopClearsTheFlagThenClosesThenJoinsWhatIsListed) {
     server_->StartSubscribeEvent({ONE, TWO}, FAULT_EVENT);
     server_->StartSubscribeEvent({SEC}, SECURITY_EVENT);
     AwaitBlocked(ONE, TWO, SEC);
-    Next("close", [&] { EXPECT_TRUE(!Get(faultRunning) && Get(securityRunning)); });
-    ClearJournal();
+    Next("close", [&] { EXPECT_TRUE(!Of(faultRunning) && Of(securityRunning)); });
+    Journal();
     EXPECT_EQ(BAD_NAME, server_->StopSubscribeEvent({TWO, "unknown", TWO, ONE}, FAULT_EVENT));
     EXPECT_EQ(BAD_NAME, server_->StopSubscribeEvent({ONE, SEC}, SECURITY_EVENT));
-    EXPECT_EQ(
-        "close(1001) | " + Joined(TWO, BY_STOP) +
-            " | log 3 Illegal fileName=unknown, cannot find resfile in faultEvtSrcMap_ | log 3 Illegal fileName=" +
-            TWO + ", cannot find resfile in faultEvtSrcMap_ | close(1000) | " + Joined(ONE, BY_STOP) +
-            " | log 3 Illegal fileName=" + ONE + ", cannot find resfile in secEvtSrcMap_ | close(1002) | " +
-            Joined(SEC, BY_STOP),
-        Journal("open close join log fte"));
-    EXPECT_TRUE(Get(faults).empty() && Get(securities).empty());
+    const std::string unknown = " | log 3 Illegal fileName=", fault = ", cannot find resfile in faultEvtSrcMap_";
+    EXPECT_EQ("close(1001) | " + Stopped(TWO) + unknown + "unknown" + fault + unknown + TWO + fault +
+                  " | close(1000) | " + Stopped(ONE) + unknown + ONE +
+                  ", cannot find resfile in secEvtSrcMap_ | close(1002) | " + Stopped(SEC),
+              Journal("open close join log fte"));
+    EXPECT_TRUE(Of(faults).empty() && Of(securities).empty());
 }
 
 TEST_F(Subscription, AThreadThatCannotBeStartedLeavesTheFilesBeforeItSubscribed) {
-    Next("thread", nullptr);
+    Next("thread");
     Results("thread", {EAGAIN});
     EXPECT_THROW(server_->StartSubscribeEvent({ONE, TWO, THREE}, FAULT_EVENT), std::system_error);
-    EXPECT_EQ(Started(ONE, 1000) + " | " + Opened(TWO, 1001) + " | log 2 Open file success. resFile=" + TWO +
-                  ", fd=1001 | close(1001)",
+    EXPECT_EQ(Opened(ONE, 1000) + " | thread | " + Opened(TWO, 1001) + " | close(1001)",
               Journal("open log thread close"));
-    EXPECT_EQ(Names{ONE}, Keys(FAULT_EVENT));
-    EXPECT_TRUE(Get(faultRunning));
+    EXPECT_EQ(1u, Of(faults).size());
+    EXPECT_TRUE(Of(faultRunning));
     Deliver(ONE, Raw(0x01, "still"));
     Await("device still");
     EXPECT_EQ(BAD_NAME, server_->StopSubscribeEvent({ONE, TWO, THREE}, FAULT_EVENT));
 }
 
 TEST_F(Subscription, TheDestructorStopsBothFamiliesInKeyOrderAndFlushesLast) {
-    Gate callback;
-    Gate pause;
+    Gate callback, pause;
     server_->StartSubscribeEvent({SEC}, SECURITY_EVENT);
     server_->StartSubscribeEvent({TWO, ONE, PM}, FAULT_EVENT);
     AwaitBlocked(TWO, PM);
     HoldInPause(SEC, pause);
     HoldInCallback(ONE, callback);
-    Always("close",
-           [&faults = Get(faultRunning), &securities = Get(securityRunning)] { EXPECT_FALSE(faults || securities); });
-    Next("log", [&faults = Get(faultRunning)] { EXPECT_TRUE(faults) << "the first message"; });
-    ClearJournal();
+    std::atomic<bool>&faultFlag = Of(faultRunning), &securityFlag = Of(securityRunning);
+    Always("close", [&] { EXPECT_FALSE(faultFlag || securityFlag); });
+    Next("log", [&] { EXPECT_TRUE(faultFlag) << "the first message"; });
+    Journal();
     const auto release = [&] { callback.Open(), Await("join", 7), pause.Open(); };  // four begun, three done
     StopMeanwhile([&] { server_.reset(); }, release);
-    EXPECT_EQ("log 16 ~ReportEventServerImpl... | close(1001) | join | device held" +
-                  Joined(ONE, BY_JOIN).replace(0, 4, "") + " | close(1002) | " + Joined(TWO, BY_JOIN) +
-                  " | close(1003) | " + Joined(PM, BY_JOIN) + " | join | " + GAVE_UP +
-                  Joined(SEC, BY_JOIN).replace(0, 4, "") + " | flush",
+    EXPECT_EQ("log 16 ~ReportEventServerImpl... | close(1001) | " + JoinedAfter(" | device held", Joined(ONE)) +
+                  " | close(1002) | " + Joined(TWO) + " | close(1003) | " + Joined(PM) + NEXT +
+                  JoinedAfter(GaveUp(SEC, EPIPE), Joined(SEC)) + " | flush",
               Journal("open close join log fte deliver flush"));
 }
 
@@ -198,25 +155,26 @@ TEST_F(Subscription, NoLeftoverOfAStopSurvivesTheNextStart) {
         const bool paused = state == std::string("paused");
         const bool calling = state == std::string("calling");
         Gate gate;
-        ClearJournal();
+        Journal();
         EXPECT_EQ(0, server_->StartSubscribeEvent({ONE, TWO}, FAULT_EVENT));
         AwaitBlocked(ONE, TWO);
         paused ? HoldInPause(ONE, gate) : calling ? HoldInCallback(ONE, gate) : void();
         EXPECT_EQ(0, server_->StopSubscribeEvent(stopped, FAULT_EVENT));
         EXPECT_EQ(stopped.size(), Count("join thead"));
         SetAbsent(ONE, false);
-        Always("close", [&] { EXPECT_FALSE(Get(faultRunning)); });
+        Always("close", [&] { EXPECT_FALSE(Of(faultRunning)); });
         StopMeanwhile([&] { EXPECT_EQ(0, server_->StartSubscribeEvent(started, FAULT_EVENT)); }, [&] { gate.Open(); });
         Always("close", nullptr);
         AwaitThreads(static_cast<int>(started.size()));
         EXPECT_EQ(1u, Count("JoinReadThread: join thead of resfile=" + ONE));
         std::set<std::string> known(started.begin(), started.end());
         known.insert({ONE, stopped.empty() ? TWO : ONE});
-        EXPECT_EQ(Names(known.begin(), known.end()), Keys(FAULT_EVENT));
-        for (const auto& [name, info] : Get(faults)) {
+        EXPECT_EQ(known.size(), Of(faults).size());
+        for (const auto& [name, info] : Of(faults)) {
             const bool subscribed = std::count(started.begin(), started.end(), name) != 0;
             EXPECT_TRUE(subscribed ? info.fd >= 1000 : info.fd == -1) << name;
             EXPECT_EQ(subscribed, info.readThread.joinable()) << name;
+            EXPECT_EQ(1u, known.count(name)) << name;
         }
         for (const std::string& name : started) {
             Deliver(name, Raw(0x01, "after " + name));
@@ -249,10 +207,9 @@ TEST_F(Subscription, ANumberThatTheProcessHasTakenIsNotClosedByAReconnection) {
         errno = EPIPE;
     });
     lost.AwaitArrival();
-    Next("closed", [&] { EXPECT_EQ(1000, OpenForeign()); });
+    Next("closed", [&] { EXPECT_EQ(1000, TakeNumber(FOREIGN)); });
     StopMeanwhile([&] { EXPECT_EQ(0, server_->StopSubscribeEvent({SEC}, SECURITY_EVENT)); }, [&] { lost.Open(); });
-    EXPECT_EQ("close(1000) | join | " + GAVE_UP + Joined(SEC, BY_STOP).replace(0, 4, ""),
-              Journal("open close join log"));
+    EXPECT_EQ("close(1000) | " + JoinedAfter(GaveUp(SEC, EPIPE), Stopped(SEC)), Journal("open close join log"));
 }
 
 // Whether the thread still tries to reconnect or gave up long ago, and whoever ends it.
@@ -262,7 +219,7 @@ TEST_F(Subscription, ANumberGivenUpByAReconnectionIsNotClosedByAStop) {
             StartAfresh();
             Gate pause;
             HoldInPause(SEC, pause);
-            OpenForeign();
+            TakeNumber(FOREIGN);
             gaveUp ? (pause.Open(), AwaitThreads()) : void();
             StopMeanwhile(stop, [&] { pause.Open(); });
             EXPECT_EQ(1u, Count("close("));
@@ -275,32 +232,37 @@ TEST_F(Subscription, ANumberGivenUpByAReconnectionIsNotClosedByAStop) {
 TEST_F(Subscription, ADescriptorReopenedDuringAStopIsClosedByIt) {
     for (const int number : {1000, 1500}) {
         for (const Hook& stop : WaysToStop()) {
-            UseNumbersFrom(1000);
+            firstNumber = 1000;
             StartAfresh();
             Gate reopening;
             Next("open", [&] { reopening.Hold(); });
             Fail(SEC, EBADMSG);
             reopening.AwaitArrival();
-            UseNumbersFrom(number);
+            firstNumber = number;
             StopMeanwhile(stop, [&] { reopening.Open(); });
-            EXPECT_EQ(Text("close(1000) | ", Opened(SEC, number, 0), " | close(", number, ")"), Journal("open close"));
+            EXPECT_EQ(Text("close(1000) | open(", SEC, ", 0) = ", number, " | close(", number, ")"),
+                      Journal("open close"));
         }
     }
 }
 
+// Also when a descriptor is zero.
 TEST_F(Subscription, AThreadMayReconnectBeforeTheStartHasFinishedWithIt) {
-    std::atomic<int> locks{0};  // for giving the old descriptor up, for storing the new one, for copying the callback
-    Always("lock", [&] { locks += threadName.empty() ? 0 : 1; });
-    Fail(SEC, EBADF);
-    Next("closed", [&] { UseNumbersFrom(1600); });
-    Next("thread started", [&] { Await(Reconnected("success", SEC, 1600)); });
-    EXPECT_EQ(0, server_->StartSubscribeEvent({SEC}, SECURITY_EVENT));
-    EXPECT_EQ(1600, Get(securities).at(SEC).fd);
-    Deliver(SEC, Raw(0x11, "soon"));
-    Await("security soon");
-    EXPECT_EQ(0, server_->StopSubscribeEvent({SEC}, SECURITY_EVENT));
-    EXPECT_EQ(3, locks);
-    EXPECT_EQ("close(1000) | close(1600)", Journal("close"));
+    for (const auto& [lost, found] : {std::pair(1000, 1600), std::pair(0, 0)}) {
+        firstNumber = lost;
+        std::vector<const void*> locks;  // for giving the old number up, storing the new one, copying the callback
+        Always("lock", [&] { threadName.empty() ? void() : locks.push_back(wantedLock); });
+        Fail(SEC, EBADF);
+        Next("closed", [&, next = found] { firstNumber = next; });
+        Next("thread started", [&, next = found] { Await(Reconnected(SEC, next)); });
+        EXPECT_EQ(0, server_->StartSubscribeEvent({SEC}, SECURITY_EVENT));
+        EXPECT_EQ(found, Of(securities).at(SEC).fd);
+        Deliver(SEC, Raw(0x11, "soon"));
+        Await("security soon");
+        EXPECT_EQ(0, server_->StopSubscribeEvent({SEC}, SECURITY_EVENT));
+        EXPECT_TRUE(locks.size() == 3 && locks[0] == locks[1] && locks[1] != locks[2]);
+        EXPECT_EQ(Text("close(", lost, ") | close(", found, ")"), Journal("close"));
+    }
 }
 
 }  // namespace recording
