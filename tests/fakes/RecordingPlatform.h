@@ -130,7 +130,7 @@ public:
 
     // That of the running test; outside of one the library's own instances call from the exit handlers.
     static Platform& Get() {
-        static Platform& outside = *new Platform;
+        static Platform& outside = (Offstage(), *new Platform);
         return ofThisTest != nullptr ? *ofThisTest : outside;
     }
 
