@@ -251,6 +251,18 @@ TEST_F(HostileServiceTest, AReadFailsOnWhatMakesNoSenseAndNeverLeavesThePool) {
     for (const char* const said : {"J", "P2", "R10", "C"}) { check("!EPROTO", said, 0, 0); }
     for (const char* const said : {"X", "N"}) { check("!EPIPE", said, 0, 0); }
     check("!EPIPE", "V", PackEntry(0, 1), 1);
+    // What was queued before the hang-up is delivered, also when the reader hears of the hang-up first.
+    {
+        const HostileService service(SocketPath(), [](Lies& lies) {
+            lies.Say("R10P2C");
+            EXPECT_TRUE(Eventually([&] { return lies.Ring().sleeping == 1; }));
+            lies.Ring().appended = 1;  // and no bell
+            lies.Say("X");
+        });
+        const Reader reader;
+        EXPECT_EQ("", reader.Read());
+        EXPECT_EQ("!EPIPE", reader.Read());
+    }
     // Records before there is a pool; and a count that goes back.
     for (const bool withPool : {false, true}) {
         const HostileService service(SocketPath(), [&](Lies& lies) {
@@ -263,6 +275,39 @@ TEST_F(HostileServiceTest, AReadFailsOnWhatMakesNoSenseAndNeverLeavesThePool) {
         for (int i = 0; withPool && i < 2; ++i) { EXPECT_EQ("", reader.Read()); }
         EXPECT_EQ("!EPROTO", reader.Read());
     }
+}
+
+// ---------------------------------------------------------------------------------------------------------------------
+// The ring between two that are honest
+
+// Each record is appended just when the reader is about to sleep.
+TEST(RingTest, NoReaderSleepsThroughARecord) {
+    const Memory memory(RING_SIZE, 0);
+    const auto map = [&] {
+        return Mapping(mmap(nullptr, RING_SIZE, PROT_READ | PROT_WRITE, MAP_SHARED, memory.fd.Get(), 0), RING_SIZE);
+    };
+    RingWriter writer(map(), 8);
+    RingReader reader(map(), 8);
+    constexpr uint32_t RECORDS = 100'000;
+    std::atomic<uint32_t> taken{0};
+    std::atomic<bool> rung{false};
+    std::thread reading([&] {
+        while (taken < RECORDS && !HasFailure()) {
+            if (reader.Look() == RingReader::State::READY) {
+                EXPECT_EQ(PackEntry(taken % 8, taken), reader.Front());
+                reader.Pop();
+                ++taken;
+            } else if (reader.FallAsleep() == RingReader::State::EMPTY) {
+                EXPECT_TRUE(Eventually([&] { return rung.exchange(false); })) << taken;
+            }
+            reader.WakeUp();
+        }
+    });
+    for (uint32_t n = 0; n < RECORDS && !HasFailure(); ++n) {
+        if (writer.Append(n % 8, n)) { rung = true; }
+        Eventually([&] { return taken > n; });
+    }
+    reading.join();
 }
 
 // ---------------------------------------------------------------------------------------------------------------------
@@ -324,6 +369,22 @@ TEST_F(HostileReaderTest, IdleConnectionsAreDroppedAndHoldNobodyUp) {
     EXPECT_LT(Clock::now() - begin, OPEN_BOUND);
     for (const auto& wire : idle) { EXPECT_TRUE(wire->IsHungUp()); }
     EXPECT_EQ(1U, receiver.opened);
+}
+
+TEST_F(HostileReaderTest, OneThatMeetsAServiceWithoutDescriptorsIsServedLater) {
+    const UniqueFd log(memfd_create("log", MFD_CLOEXEC));
+    const UniqueFd standardError(dup(STDERR_FILENO));
+    dup2(log.Get(), STDERR_FILENO);
+    const Wire wire(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));  // takes the lowest free number
+    const rlim_t limit = LimitDescriptors(static_cast<rlim_t>(wire.socket.Get()) + 1);
+    EXPECT_EQ(0, wire.WithAddress(connect, SocketPath()));
+    EXPECT_TRUE(Eventually([&] { return lseek(log.Get(), 0, SEEK_END) > 0; }));  // the service says that it must wait
+    dup2(standardError.Get(), STDERR_FILENO);
+    LimitDescriptors(limit);
+    wire.Say("H");
+    Message message;
+    std::vector<UniqueFd> fds;
+    EXPECT_TRUE(wire.Receive(message, fds));
 }
 
 TEST_F(HostileReaderTest, WhatItWasHandedCannotBeUsedAgainstTheService) {

@@ -5,6 +5,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -48,6 +49,15 @@ inline int StatusOf(pid_t pid) {
     int status = 0;
     EXPECT_EQ(pid, waitpid(pid, &status, 0));
     return status;
+}
+
+// Returns the limit before.
+inline rlim_t LimitDescriptors(rlim_t limit) {
+    rlimit now{};
+    getrlimit(RLIMIT_NOFILE, &now);
+    std::swap(now.rlim_cur, limit);
+    setrlimit(RLIMIT_NOFILE, &now);
+    return limit;
 }
 
 inline std::string Numbered(size_t number, size_t size) {
