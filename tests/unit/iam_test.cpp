@@ -106,6 +106,8 @@ TEST_F(IamTest, AFullPoolIsAResultCodeAndLosesNothing) {
     publisher.PublishNumbered(1000, 10);
     const Reader last;  // once it is connected, the service has heard of a hang-up before it
     EXPECT_EQ(1U, receiver.closed);
+    publisher.PublishNumbered(1000, 30);  // and is the current one at once: the third, which has read nothing, must go
+    EXPECT_EQ("!EPIPE", third.Read());
 }
 
 void AllFail(std::initializer_list<int> results) {
