@@ -282,6 +282,9 @@ TEST_F(HostileServiceTest, AReadFailsOnWhatMakesNoSenseAndNeverLeavesThePool) {
 
 // Each record is appended just when the reader is about to sleep.
 TEST(RingTest, NoReaderSleepsThroughARecord) {
+#ifdef TEST_EMULATED
+    GTEST_SKIP() << "qemu-user on x86 lets a load (LDAR) overtake an older store (STLR), as no AArch64 processor does";
+#endif
     const Memory memory(RING_SIZE, 0);
     const auto map = [&] {
         return Mapping(mmap(nullptr, RING_SIZE, PROT_READ | PROT_WRITE, MAP_SHARED, memory.fd.Get(), 0), RING_SIZE);
