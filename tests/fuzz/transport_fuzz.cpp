@@ -1,9 +1,8 @@
 // What one process of the host platform takes from another: messages, ring entries, counts. The input is a script of
 // what a service, its reader and a hostile peer do; nothing outside the mappings is touched, no block is lost or held
 // twice, and as long as nobody scribbles, every record arrives once, in order, unaltered.
-#include <algorithm>
-#include <array>
-#include <cstring>
+#include <fuzzer/FuzzedDataProvider.h>
+
 #include <deque>
 #include <string>
 
@@ -19,40 +18,26 @@ using namespace host_platform::iam;
 constexpr uint32_t ENTRIES = 8;
 constexpr PoolShape SHAPE{ENTRIES * 64, ENTRIES, 64};
 
-struct Input {
-    template <typename T> T Take() {
-        T value{};
-        const size_t count = std::min(size, sizeof(T));
-        memcpy(&value, data, count);
-        data += count, size -= count;
-        return value;
-    }
-    const uint8_t* data;
-    size_t size;
-};
-
 struct Session {
     Session() {
         UniqueFd fd;
-        Mapping ends[2];
+        Mapping written, read;
         Require(!pool.Create(SHAPE).Failed());
         Require(!MapSharedMemory(pool.Fd(), SHAPE.bytes, Sharing::READ_ONLY, records).Failed());
-        Require(!CreateSharedMemory("fuzz-ring", RingBytes(ENTRIES), Sharing::READ_WRITE, fd, hostile).Failed());
-        for (Mapping& end : ends) {
-            Require(!MapSharedMemory(fd.Get(), RingBytes(ENTRIES), Sharing::READ_WRITE, end).Failed());
-        }
-        writer = RingWriter(std::move(ends[0]), ENTRIES);
-        reader = RingReader(std::move(ends[1]), ENTRIES);
+        Require(!CreateSharedMemory("fuzz-ring", RingBytes(ENTRIES), Sharing::READ_WRITE, fd, written).Failed());
+        Require(!MapSharedMemory(fd.Get(), RingBytes(ENTRIES), Sharing::READ_WRITE, read).Failed());
+        ring = reinterpret_cast<std::atomic<uint64_t>*>(written.Bytes());
+        writer = RingWriter(std::move(written), ENTRIES);
+        reader = RingReader(std::move(read), ENTRIES);
     }
 
     void Publish(uint8_t length, uint8_t fill) {
         if (pool.Exhausted() || cutOff) { return; }
-        const std::string record(length % 65, static_cast<char>(fill));
+        const auto& record = expected.emplace_back(length % 65, static_cast<char>(fill));
         const auto size = static_cast<uint32_t>(record.size());
         const uint32_t block = pool.Allocate(size, ++sequence);
         Require(pool.IsAllocated(block, sequence) && pool.Write(block, record.data(), size, 0));
         writer.Append(block, pool.Queue(block, queue));
-        expected.push_back(record);
     }
 
     void Read() {
@@ -87,8 +72,8 @@ struct Session {
         cutOff = true;
     }
 
-    void Scribble(uint16_t place, uint64_t value) {
-        reinterpret_cast<std::atomic<uint64_t>*>(hostile.Bytes())[place % (hostile.Size() / 8)] = value;
+    void Scribble(size_t place, uint64_t value) {
+        ring[place] = value;
         scribbled = true;
     }
 
@@ -102,7 +87,8 @@ struct Session {
 
     BlockPool pool;
     BlockFifo queue;
-    Mapping records, hostile;
+    Mapping records;
+    std::atomic<uint64_t>* ring;
     RingWriter writer;
     RingReader reader;
     std::deque<std::string> expected;
@@ -110,37 +96,35 @@ struct Session {
     bool scribbled = false, broken = false, cutOff = false;
 };
 
-void CheckMessage(Input& input) {
-    const size_t size = input.Take<uint8_t>() % (sizeof(Message) + 2);
-    const auto message = ParseMessage(input.Take<std::array<unsigned char, sizeof(Message) + 1>>().data(), size);
+void CheckMessage(const std::vector<uint8_t>& bytes) {
+    const auto message = ParseMessage(bytes.data(), bytes.size());
     if (!message) { return; }
-    Require(size == sizeof(Message) && message->magic == PROTOCOL_MAGIC && message->version == PROTOCOL_VERSION &&
-            message->type >= 1 && message->type <= 5);
-    const auto type = static_cast<MessageType>(message->type);
-    if (type == MessageType::POOL) {
-        const PoolShape shape{message->bytes, message->count, message->stride};
-        const auto last = LocateRecord(PackEntry(message->count - 1, message->stride), shape);
-        Require(last && last->offset + last->length <= message->bytes);
-        Require(!LocateRecord(PackEntry(shape.blockCount, 0), shape) &&
-                !LocateRecord(PackEntry(0, shape.blockStride + 1), shape));
+    const auto [magic, version, type, size, count, stride] = *message;
+    Require(bytes.size() == sizeof(Message) && magic == PROTOCOL_MAGIC && version == PROTOCOL_VERSION);
+    Require(type >= 1 && type <= 5);
+    if (type == uint16_t(MessageType::POOL)) {
+        const PoolShape shape{size, count, stride};
+        const auto last = LocateRecord(PackEntry(count - 1, stride), shape);
+        Require(last && last->offset + last->length <= size);
+        Require(!LocateRecord(PackEntry(count, 0), shape) && !LocateRecord(PackEntry(0, stride + 1), shape));
     }
-    Require(type != MessageType::RING ||
-            (message->bytes == RingBytes(message->count) && message->count <= RING_ENTRIES_MAX));
+    Require(type != uint16_t(MessageType::RING) || (size == RingBytes(count) && count <= RING_ENTRIES_MAX));
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    Input input{data, size};
+    FuzzedDataProvider input(data, size);
     Session session;
-    while (input.size != 0) {
-        switch (input.Take<uint8_t>() % 7) {
-            case 0: session.Publish(input.Take<uint8_t>(), input.Take<uint8_t>()); break;
+    while (input.remaining_bytes() != 0) {
+        const auto number = [&](uint64_t limit) { return input.ConsumeIntegralInRange<uint64_t>(0, limit); };
+        switch (number(6)) {
+            case 0: session.Publish(number(64), number(255)); break;
             case 1: session.Read(); break;
             case 2: session.TakeBack(); break;
             case 3: session.reader.FallAsleep(), session.reader.WakeUp(); break;
-            case 4: session.Scribble(input.Take<uint16_t>(), input.Take<uint64_t>()); break;
-            case 5: CheckMessage(input); break;
+            case 4: session.Scribble(number(RingBytes(ENTRIES) / 8 - 1), number(UINT64_MAX)); break;
+            case 5: CheckMessage(input.ConsumeBytes<uint8_t>(number(sizeof(Message) + 1))); break;
             case 6: session.CutOff(); break;
         }
     }

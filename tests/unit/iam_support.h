@@ -51,15 +51,6 @@ inline int StatusOf(pid_t pid) {
     return status;
 }
 
-// Returns the limit before.
-inline rlim_t LimitDescriptors(rlim_t limit) {
-    rlimit now{};
-    getrlimit(RLIMIT_NOFILE, &now);
-    std::swap(now.rlim_cur, limit);
-    setrlimit(RLIMIT_NOFILE, &now);
-    return limit;
-}
-
 inline std::string Numbered(size_t number, size_t size) {
     std::string record = std::to_string(number) + ":";
     record.resize(std::max(size, record.size()), static_cast<char>('a' + number % 26));
@@ -70,20 +61,15 @@ inline std::string Numbered(size_t number, size_t size) {
 struct Receiver {
     std::mutex mutex;
     IAMRTFSMgrFile* current = nullptr;
-    std::function<void()> whenOpened;  // runs inside the notification, without the lock
     std::atomic<size_t> opened{0};
     std::atomic<size_t> closed{0};
 };
 inline Receiver receiver;
 
 inline int OnOpen(IAMRTFSMgrFile* file) {
-    {
-        const std::lock_guard<std::mutex> lock(receiver.mutex);
-        receiver.current = file;
-    }
-    ++receiver.opened;
-    if (receiver.whenOpened) { receiver.whenOpened(); }
-    return 0;
+    const std::lock_guard<std::mutex> lock(receiver.mutex);
+    receiver.current = file;
+    return static_cast<int>(++receiver.opened);
 }
 
 inline int OnClose(IAMRTFSMgrFile* file) {
@@ -97,7 +83,6 @@ struct Publisher {
     // Serves and has a pool, unless that is the test's affair.
     explicit Publisher(uint32_t blocks = 0, const char* name = NAME) : name(name) {
         receiver.current = nullptr;
-        receiver.whenOpened = nullptr;
         receiver.opened = receiver.closed = 0;
         if (blocks != 0) {
             EXPECT_EQ(0, Serve());
@@ -156,32 +141,34 @@ inline std::string ReadFrom(int fd, size_t length = 3960) {
 }
 
 struct Reader {
-    explicit Reader(const char* name = NAME, int flags = O_RDWR) : fd(OpenResource(name, flags)) {}
+    explicit Reader(const char* name = NAME, int flags = O_RDWR) { Open(name, flags); }
     ~Reader() { Close(); }
 
-    bool Reopen() {
+    // In bounded time.
+    bool Open(const char* name = NAME, int flags = O_RDWR) {
         Close();
-        return (fd = OpenResource(NAME, O_RDWR)) >= 0;
+        const auto begin = Clock::now();
+        fd = OpenResource(name, flags);
+        error = fd >= 0 ? 0 : errno;
+        EXPECT_LT(Clock::now() - begin, OPEN_BOUND);
+        return fd >= 0;
     }
-    void Close() {
-        if (fd >= 0) { CloseResource(fd); }
-        fd = -1;
-    }
+    void Close() { CloseResource(std::exchange(fd, -1)); }
     std::string Read(size_t length = 3960) const { return ReadFrom(fd, length); }
     void ExpectNumbered(size_t count, size_t size) const {
         for (size_t i = 0; i < count; ++i) { ASSERT_EQ(Numbered(i, size), Read()); }
     }
 
-    int fd;
+    int fd = -1;
+    int error = 0;  // why it could not be opened
 };
 
-// Why the resource cannot be opened, or 0 if it can; in bounded time.
-inline int OpenError(const char* name = NAME) {
-    const auto begin = Clock::now();
-    const Reader reader(name);
-    const int error = reader.fd >= 0 ? 0 : errno;
-    EXPECT_LT(Clock::now() - begin, OPEN_BOUND);
-    return error;
+// What is published now is what this reader reads next.
+inline void ExpectDelivery(Publisher& publisher, const Reader& reader) {
+    static size_t number = 0;
+    const std::string record = Numbered(++number, 20);
+    EXPECT_EQ(0, publisher.Publish(record));
+    EXPECT_EQ(record, reader.Read());
 }
 
 inline auto OpenDescriptors() { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); }
@@ -193,19 +180,26 @@ protected:
         char path[] = "/tmp/iam-unit-XXXXXX";
         directory = mkdtemp(path);
         setenv("IAM_RUNTIME_DIR", path, 1);
+        getrlimit(RLIMIT_NOFILE, &limit_);
         { const Publisher warmUp(1); }  // the service thread and its descriptors stay
         descriptors_ = OpenDescriptors();
     }
     ~IamTest() override {
+        LimitDescriptors(limit_.rlim_cur);
         EXPECT_EQ(descriptors_, OpenDescriptors());
         EXPECT_TRUE(std::filesystem::is_empty(directory));
         std::filesystem::remove_all(directory);
+    }
+    void LimitDescriptors(rlim_t number) const {
+        const rlimit limit{number, limit_.rlim_max};
+        setrlimit(RLIMIT_NOFILE, &limit);
     }
     std::string SocketPath() const { return directory + "/dp%3A%2Fres%2Funit%2Fevents"; }
 
     std::string directory;
 
 private:
+    rlimit limit_{};
     std::ptrdiff_t descriptors_ = 0;
 };
 
