@@ -37,10 +37,8 @@ constexpr std::chrono::milliseconds OPEN_BOUND{1700};  // one second, and a busy
 constexpr char NAME[] = "dp:/res/unit/events";
 
 inline bool Eventually(const std::function<bool()>& condition) {
-    const auto deadline = Clock::now() + PATIENCE;
-    while (!condition()) {
+    for (const auto deadline = Clock::now() + PATIENCE; !condition(); std::this_thread::yield()) {
         if (Clock::now() > deadline) { return false; }
-        std::this_thread::yield();
     }
     return true;
 }
@@ -121,9 +119,8 @@ struct Publisher {
     // How many blocks can be had right now; all are given back.
     size_t FreeBlocks() {
         const std::lock_guard<std::mutex> lock(receiver.mutex);
-        std::vector<IAMShmBlockHandle> blocks(1);
-        while (IAMShmHandleMalloc(&pool, 1, &blocks.back()) == 0) { blocks.emplace_back(); }
-        blocks.pop_back();
+        std::vector<IAMShmBlockHandle> blocks;
+        while (IAMShmHandleMalloc(&pool, 1, &block) == 0) { blocks.push_back(block); }
         for (auto& each : blocks) { EXPECT_EQ(0, IAMShmFree(&pool, &each)); }
         return blocks.size();
     }
