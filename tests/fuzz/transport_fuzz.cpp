@@ -72,11 +72,6 @@ struct Session {
         cutOff = true;
     }
 
-    void Scribble(size_t place, uint64_t value) {
-        ring[place] = value;
-        scribbled = true;
-    }
-
     // Every block is in one place, and all of them can be had once nothing is queued.
     ~Session() {
         Require(pool.Queued() == queue.count);
@@ -123,7 +118,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             case 1: session.Read(); break;
             case 2: session.TakeBack(); break;
             case 3: session.reader.FallAsleep(), session.reader.WakeUp(); break;
-            case 4: session.Scribble(number(RingBytes(ENTRIES) / 8 - 1), number(UINT64_MAX)); break;
+            case 4:
+                session.ring[number(RingBytes(ENTRIES) / 8 - 1)] = number(UINT64_MAX), session.scribbled = true;
+                break;
             case 5: CheckMessage(input.ConsumeBytes<uint8_t>(number(sizeof(Message) + 1))); break;
             case 6: session.CutOff(); break;
         }

@@ -92,14 +92,14 @@ struct Wire {
         }
     }
     // Waits for one message; false at the end of the connection.
-    bool Receive(Message& message, std::vector<UniqueFd>& fds) const {
+    bool Receive() {
         iovec part{&message, sizeof message};
         alignas(cmsghdr) char control[CMSG_SPACE(4 * sizeof(int))] = {};
         msghdr header{nullptr, 0, &part, 1, control, sizeof control, 0};
         if (recvmsg(socket.Get(), &header, MSG_CMSG_CLOEXEC) <= 0) { return false; }
         const cmsghdr* const rights = CMSG_FIRSTHDR(&header);
         for (size_t i = 0; rights != nullptr && CMSG_LEN(i * sizeof(int)) < rights->cmsg_len; ++i) {
-            fds.emplace_back(reinterpret_cast<const int*>(CMSG_DATA(rights))[i]);
+            received.emplace_back(reinterpret_cast<const int*>(CMSG_DATA(rights))[i]);
         }
         return true;
     }
@@ -110,6 +110,8 @@ struct Wire {
     }
 
     UniqueFd socket;
+    Message message{};               // the last one received
+    std::vector<UniqueFd> received;  // all descriptors
 };
 
 Mapping Map(const UniqueFd& memory, size_t size) {
@@ -143,8 +145,7 @@ protected:
         const Wire listener = Listener(8);
         std::atomic<bool> opened{false};
         const auto service = std::async(std::launch::async, [&] {
-            const Wire wire(accept4(listener.socket.Get(), nullptr, nullptr, SOCK_CLOEXEC));
-            Serve(wire, script, entry, opened);
+            Serve(Wire(accept4(listener.socket.Get(), nullptr, nullptr, SOCK_CLOEXEC)), script, entry, opened);
         });
         const Reader reader;
         opened = true;
@@ -158,10 +159,8 @@ protected:
     }
 
 private:
-    static void Serve(const Wire& wire, const std::string& script, uint64_t entry, const std::atomic<bool>& opened) {
-        Message message;
-        std::vector<UniqueFd> fds;
-        EXPECT_TRUE(wire.Receive(message, fds));
+    static void Serve(Wire wire, const std::string& script, uint64_t entry, const std::atomic<bool>& opened) {
+        EXPECT_TRUE(wire.Receive());
         int ends[2];
         EXPECT_EQ(0, pipe2(ends, O_CLOEXEC));  // it may block: not the reader's problem
         const UniqueFd bell(ends[0]);
@@ -194,7 +193,7 @@ private:
                 case '=': EXPECT_TRUE(Eventually([&] { return ring.consumed == ring.appended; })); break;
             }
         });
-        while (wire.Receive(message, fds)) {}  // until the reader is gone
+        while (wire.Receive()) {}  // until the reader is gone
     }
 };
 
@@ -270,20 +269,17 @@ TEST(RingTest, NoReaderSleepsThroughARecord) {
 // A hostile reader
 
 // A reader that speaks by hand and has completed the handshake.
-struct HandReader {
-    explicit HandReader(const std::string& path) : wire(path) {
-        Message message;
-        wire.Say("H");
-        EXPECT_TRUE(wire.Receive(message, fds));
-        ring = Map(fds.at(0), message.bytes);
-        wire.Say("Y");
-        do { EXPECT_TRUE(wire.Receive(message, fds)); } while (message.type == uint16_t(MessageType::POOL));
+struct HandReader : Wire {
+    explicit HandReader(const std::string& path) : Wire(path) {
+        Say("H");
+        EXPECT_TRUE(Receive());
+        ring = Map(received.at(0), message.bytes);
+        Say("Y");
+        do { EXPECT_TRUE(Receive()); } while (message.type == uint16_t(MessageType::POOL));
         EXPECT_EQ(uint16_t(MessageType::CONNECTED), message.type);
     }
     RingHeader& Header() const { return *reinterpret_cast<RingHeader*>(ring.Bytes()); }
 
-    Wire wire;
-    std::vector<UniqueFd> fds;  // ring, bell, pool
     Mapping ring;
 };
 
@@ -316,25 +312,25 @@ TEST_F(HostileReaderTest, IdleConnectionsAreDroppedAndHoldNobodyUp) {
 
 TEST_F(HostileReaderTest, WhatItWasHandedCannotBeUsedAgainstTheService) {
     HandReader reader(SocketPath());
-    ASSERT_EQ(3U, reader.fds.size());
-    const int pool = reader.fds[2].Get();
+    ASSERT_EQ(3U, reader.received.size());  // ring, bell, pool
+    const int pool = reader.received[2].Get();
     EXPECT_EQ(MAP_FAILED, mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, pool, 0));
     EXPECT_EQ(-1, fcntl(pool, F_ADD_SEALS, F_SEAL_WRITE));
-    for (const int fd : {pool, reader.fds[0].Get()}) {
+    for (const int fd : {pool, reader.received[0].Get()}) {
         for (const off_t size : {0, 1 << 24}) { EXPECT_EQ(-1, ftruncate(fd, size)); }
     }
     // The bell: full, blocking as far as its reader can make it, and always due.
-    const std::string bell = "/proc/self/fd/" + std::to_string(reader.fds[1].Get());
+    const std::string bell = "/proc/self/fd/" + std::to_string(reader.received[1].Get());
     const UniqueFd filler(open(bell.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC));
-    fcntl(reader.fds[1].Get(), F_SETPIPE_SZ, 4096);
-    fcntl(reader.fds[1].Get(), F_SETFL, 0);
+    fcntl(reader.received[1].Get(), F_SETPIPE_SZ, 4096);
+    fcntl(reader.received[1].Get(), F_SETFL, 0);
     while (write(filler.Get(), "xxxxxxxx", 8) > 0) {}
     for (int i = 0; i < 100; ++i) {
         reader.Header().sleeping = 1;
         ASSERT_EQ(0, publisher.Publish(Numbered(1, 300)));
     }
     EXPECT_NE(0, publisher.Publish("full"));
-    reader.wire.socket.Reset();  // dead, the bell unread: no SIGPIPE
+    reader.socket.Reset();  // dead, the bell unread: no SIGPIPE
     EXPECT_TRUE(Eventually([&] { return receiver.closed == 1; }));
 }
 
@@ -353,7 +349,7 @@ TEST_F(HostileReaderTest, ScribblingOverItsRingHurtsOnlyItself) {
             publisher.Publish(Numbered(1, 200));
         }
         EXPECT_LT(Clock::now() - before, std::chrono::seconds(1));
-        EXPECT_TRUE(round > 0 || reader.wire.IsHungUp());
+        EXPECT_TRUE(round > 0 || reader.IsHungUp());
     }
     EXPECT_TRUE(Eventually([&] { return receiver.closed == 60; }));
 }
@@ -382,11 +378,9 @@ TEST_F(IamTest, APeerOfAnotherUserIsRefused) {
     chmod(SocketPath().c_str(), 0777);
     const UniqueFd file(open(SocketPath().c_str(), O_PATH | O_CLOEXEC));
     EXPECT_EQ(0, InChildOfAnotherUser([&] {
-                  const Wire wire("/proc/self/fd/" + std::to_string(file.Get()));
-                  Message message;
-                  std::vector<UniqueFd> fds;
+                  Wire wire("/proc/self/fd/" + std::to_string(file.Get()));
                   wire.Say("H");
-                  return wire.IsHungUp() && !wire.Receive(message, fds);
+                  return wire.IsHungUp() && !wire.Receive();
               }));
     EXPECT_EQ(0U, receiver.opened);
 }

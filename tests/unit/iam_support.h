@@ -59,15 +59,19 @@ inline std::string Numbered(size_t number, size_t size) {
 struct Receiver {
     std::mutex mutex;
     IAMRTFSMgrFile* current = nullptr;
+    std::function<void()> whenOpened;  // runs inside the notification, without the lock
     std::atomic<size_t> opened{0};
     std::atomic<size_t> closed{0};
 };
 inline Receiver receiver;
 
 inline int OnOpen(IAMRTFSMgrFile* file) {
-    const std::lock_guard<std::mutex> lock(receiver.mutex);
+    std::unique_lock<std::mutex> lock(receiver.mutex);
     receiver.current = file;
-    return static_cast<int>(++receiver.opened);
+    ++receiver.opened;
+    lock.unlock();
+    if (receiver.whenOpened) { receiver.whenOpened(); }
+    return 0;
 }
 
 inline int OnClose(IAMRTFSMgrFile* file) {
@@ -81,6 +85,7 @@ struct Publisher {
     // Serves and has a pool, unless that is the test's affair.
     explicit Publisher(uint32_t blocks = 0, const char* name = NAME) : name(name) {
         receiver.current = nullptr;
+        receiver.whenOpened = nullptr;
         receiver.opened = receiver.closed = 0;
         if (blocks != 0) {
             EXPECT_EQ(0, Serve());
