@@ -75,8 +75,9 @@ int ReaderTable::NextNumber(int socket)
     rlimit limit{};
     getrlimit(RLIMIT_NOFILE, &limit);
     const int end = static_cast<int>(std::min<rlim_t>(limit.rlim_cur, NUMBER_LIMIT));
-    if (nextNumber_ < FIRST_NUMBER || nextNumber_ >= end) {
-        nextNumber_ = std::min(FIRST_NUMBER, end / 2);
+    const int first = std::min(FIRST_NUMBER, end / 2);
+    if (nextNumber_ < first || nextNumber_ >= end) {
+        nextNumber_ = first;
     }
     int fd = fcntl(socket, F_DUPFD_CLOEXEC, nextNumber_);
     if (fd < 0 && (errno == EMFILE || errno == EINVAL)) {
