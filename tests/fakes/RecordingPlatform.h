@@ -227,12 +227,6 @@ public:
         return script.result;
     }
 
-    // Sends a signal to the thread that is blocked in a read of the file.
-    void Interrupt(const std::string& name, int signal) {
-        const Locked locked(mutex);
-        EXPECT_EQ(0, pthread_kill(blocked.at(name), signal));
-    }
-
     // Opens of the file fail, or succeed again.
     void SetAbsent(const std::string& name, bool isAbsent = true) { Locked{mutex}, absent[name] = isAbsent; }
 
