@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstring>
+#include <ctime>
 #include <filesystem>
 #include <iterator>
 #include <memory>
@@ -170,7 +172,7 @@ TEST_F(EndToEnd, AFullPoolIsReportedAndEverythingAcceptedIsDeliveredInOrder) {
     const auto publisher = ServeNumbered("x:/res/stalled", 0, COUNT);
     Events(*monitor, 6);
     monitor->Signal(SIGSTOP);
-    EXPECT_TRUE(publisher->WaitForError("0xF10209")) << publisher->Transcript();
+    EXPECT_TRUE(publisher->WaitForError("0xF10209 (no block is free in the pool)")) << publisher->Transcript();
     monitor->Signal(SIGCONT);
     ExpectNumbered(*monitor, 0, 0, COUNT);
     ExpectStop(*monitor, SIGINT);
@@ -183,12 +185,17 @@ TEST_F(EndToEnd, TheNewestReaderTakesTheStreamAndTheOlderStaysConnected) {
     EXPECT_TRUE(publisher->WaitForOutput("serving"));
     const auto older = StartMonitor("");
     Events(*older, 2);
-    ExpectEnd(*StartMonitor("--count 5"));
+    const auto counting = StartMonitor("--count 5");
+    ExpectEnd(*counting);
+    EXPECT_EQ(counting->Output().size(), 5U);
     const size_t taken = older->Output().size();
     // A third reader proves that time has passed in which the older one got nothing.
     ExpectEnd(*StartMonitor("--count 5"));
     EXPECT_EQ(older->Output().size(), taken);
-    EXPECT_EQ(publisher->Stop(SIGINT), 130);  // before its last record
+    EXPECT_EQ(publisher->Stop(SIGINT), 130);                                        // before its last record
+    const auto idle = Start(PUBLISHER, "--resource x:/res/idle --from /dev/ptmx");  // where nothing arrives
+    EXPECT_TRUE(idle->WaitForOutput("serving"));
+    EXPECT_EQ(idle->Stop(SIGTERM), 130);
     ExpectHolds(Events(*older, taken + 1).back(), "pm-lost");
 }
 
@@ -211,24 +218,90 @@ TEST_F(EndToEnd, AMonitorThatFollowsSurvivesEveryRestartAndGetsWhatWasAcceptedBe
     ExpectStop(*monitor, SIGTERM);
 }
 
+// In local time, with the colours of their severity, or none if the user wants none.
+TEST_F(EndToEnd, OnATerminalEventsStandInColumnsUnderAHeader) {
+    const struct {
+        const char *options, *colour, *columns;
+    } cases[] = {
+        {"--kind device --severity 0 --arised-time 9 --force-log", "36",
+         R"(device    0x1001        0    1      0       0    0  "test event" serial=1 notify=0 arised=9)"},
+        {"--kind device --severity 1 --arised-time 9 --serial 2147483647 --name \"", "33",
+         R"(device    0x1001        1    1      0       0    0  "\"" serial=2147483647 notify=0 arised=9)"},
+        {"--kind device --severity 3 --arised-time 9 --node-id 255 --device-id 65535", "31",
+         R"(device    0x1001        3    1    255   65535    0  "test event" serial=1 notify=0 arised=9)"},
+        {"--kind device --severity 2 --arised-time 9 --assertion 0 --event-id 0", "32",
+         R"(device    0x0000        2    0      0       0    0  "test event" serial=1 notify=0 arised=9)"},
+        {"--uds-id 7 --did 1=0a --did 0xF190= --name fan --force-log", "33",
+         R"(fault     0x1001        -    1      0       0    0  "fan" uds=0x0007 did:0x0001=0a did:0xF190=)"},
+        {"--assertion 0", "32", R"(fault     0x1001        -    0      0       0    0  "test event" uds=0x0000)"}};
+    std::string records;  // in upper case, and the last line without its end
+    for (const auto& [options, colour, columns] : cases) {
+        const auto printed = Start(PUBLISHER, std::string("--print ") + options);
+        ExpectEnd(*printed);
+        const std::string record = printed->Output().at(0);
+        EXPECT_EQ(record[3] == '1', strstr(options, "--force-log") != nullptr);
+        records += (records.empty() ? "" : "\n") + record;
+    }
+    std::transform(records.begin(), records.end(), records.begin(), toupper);
+    setenv("TZ", "XYZ-5", 1);
+    for (const char* const noColour : {"", "1"}) {
+        setenv("NO_COLOR", noColour, 1);
+        const auto pm = Serve(PM, "--from -", records);
+        const auto terminal = Shell("script -qec \"" TEST_EMULATOR " '" MONITOR "' --count 7 2>/dev/null\" /dev/null");
+        ASSERT_TRUE(pm->WaitForOutput("line 6: record, ")) << pm->Transcript() << terminal->Transcript();
+        const Words lines = Events(*terminal, 7);
+        ExpectHolds(lines[0], "ARRIVED                     KIND      EVENT       SEV  ASS   NODE  DEVICE   OS  NAME");
+        for (size_t i = 0; i < std::size(cases); ++i) {
+            const std::string colour = *noColour != 0 ? "" : std::string("\x1B[") + cases[i].colour + "m";
+            EXPECT_EQ(lines[i + 1].substr(0, colour.size()), colour);
+            tm local{};
+            const char* const rest = strptime(&lines[i + 1].at(colour.size()), "%Y-%m-%d %H:%M:%S.", &local);
+            ASSERT_NE(rest, nullptr) << lines[i + 1];
+            EXPECT_LE(std::abs(std::difftime(timegm(&local) - 5 * 3600, time(nullptr))), 20) << lines[i + 1];
+            EXPECT_EQ(std::string(rest + 6),
+                      "  " + (cases[i].columns + std::string(colour.empty() ? "\r" : "\x1B[0m\r")));
+        }
+        pm->Stop(SIGKILL);
+        const std::string lost = Events(*terminal, 8)[7];
+        EXPECT_EQ(lost.rfind("\x1B[1;31m", 0) == 0, *noColour == 0) << lost;
+        ExpectHolds(
+            lost,
+            R"(  pm-lost   0x8C03A000    2    1      0   65535    0  "process-manager" serial=0 notify=0 arised=)");
+        ExpectHolds(lost, " (this process manager is gone)");
+        ExpectEnd(*terminal);
+    }
+    for (const char* const name : {"TZ", "NO_COLOR"}) { unsetenv(name); }
+}
+
 TEST_F(EndToEnd, WrongUseEndsWithOneLineThatNamesTheCause) {
     const auto server = Serve(PM);
     const struct {
         std::string program, arguments;
         int code;
         const char* cause;
+        std::string input = "";
     } cases[] = {
         {MONITOR, "--fault dp:/res/nobody", 1, "dp:/res/nobody"},
         {MONITOR, "--fault no-colon", 2, "no-colon"},
+        {MONITOR, "--fault a:/res/b --fault a:/res/b", 2, "'a:/res/b' is given twice"},
         {MONITOR, "--count x", 2, "count"},
         {PUBLISHER, "--resource dp:/res/pm/fm", 1, PM},  // served by another live process
-        {PUBLISHER, "--resource x:/res/y --from -", 1, "line 1"},
+        {PUBLISHER, "--resource x:/res/y --from -", 1, "line 2: not a byte", "01\n01zz\n"},
+        {PUBLISHER, "--resource x:/res/y --from -", 1, "3961 bytes", std::string(7922, '0')},
+        {PUBLISHER, "--resource x:/res/y --from -", 1, "line 1: line too long", std::string(1000000, ' ')},
+        {PUBLISHER, "--resource x:/res/y --from /no/file", 1, "/no/file: No such file"},
+        {PUBLISHER, "--print --from -", 2, "--print excludes --from"},
+        {PUBLISHER, "--print --event-id 65536", 2, "65535, the largest for a fault event"},
+        {PUBLISHER, "--print --severity 1", 2, "--severity: a fault event has no such field"},
+        {PUBLISHER, "--print --kind device --did 1=00", 2, "--did: a device event has no such field"},
+        {PUBLISHER, "--print --did 65536=00", 2, "'65536=00' is not ID=HEXBYTES"},
+        {PUBLISHER, "--print --kind device --name " + std::string(289, 'n'), 2, "at most 288"},
         {PUBLISHER, "--resource x:/res/y --severity 256", 2, "severity"},
         {PUBLISHER, "--resource x:/res/" + std::string(300, 'n'), 1, "nnn"},
         {PUBLISHER, "", 2, "resource"},
     };
-    for (const auto& [path, arguments, code, cause] : cases) {
-        const auto program = Start(path, arguments, "01zz\n");
+    for (const auto& [path, arguments, code, cause, input] : cases) {
+        const auto program = Start(path, arguments, input);
         ExpectEnd(*program, code);
         const std::string start = std::filesystem::path(path).filename().string() + ": ";
         Words own = program->Errors();
@@ -242,7 +315,7 @@ TEST_F(EndToEnd, WrongUseEndsWithOneLineThatNamesTheCause) {
     EXPECT_TRUE(help->WaitForOutput("current reader"));
 }
 
-TEST_F(EndToEnd, AMonitorWhoseOutputFailsEndsWithTheRightCode) {
+TEST_F(EndToEnd, AProgramWhoseOutputFailsEndsWithTheRightCode) {
     // Through a pipe that is closed while the monitor waits for room in it, or while nothing arrives.
     for (const bool busy : {true, false}) {
         const auto publisher =
@@ -261,9 +334,14 @@ TEST_F(EndToEnd, AMonitorWhoseOutputFailsEndsWithTheRightCode) {
         publisher->Stop(SIGINT);
     }
     const auto publisher = Serve(PM);
-    const auto full = Shell("exec " TEST_EMULATOR " '" MONITOR "' --json > /dev/full");
-    ExpectEnd(*full, 1);
-    EXPECT_TRUE(full->WaitForError("No space left on device"));
+    for (const char* const program : {"'" MONITOR "' --json", "'" PUBLISHER "' --print"}) {
+        const auto full = Shell(std::string("exec " TEST_EMULATOR " ") + program + " > /dev/full");
+        ExpectEnd(*full, 1);
+        EXPECT_TRUE(full->WaitForError("No space left on device"));
+    }
+    const auto head = Shell(TEST_EMULATOR " '" PUBLISHER "' --print --count 9999 | head -n 1");
+    ExpectEnd(*head);
+    EXPECT_EQ(head->Errors(), Words());
 }
 
 }  // namespace
