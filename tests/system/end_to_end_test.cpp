@@ -184,7 +184,7 @@ TEST_F(EndToEnd, TheNewestReaderTakesTheStreamAndTheOlderStaysConnected) {
         Start(PUBLISHER, "--resource dp:/res/pm/fm --wait --kind device --count 100000 --interval 10");
     EXPECT_TRUE(publisher->WaitForOutput("serving"));
     const auto older = StartMonitor("");
-    Events(*older, 2);
+    ExpectNumbered(*older, 0, 1, 2);
     const auto counting = StartMonitor("--count 5");
     ExpectEnd(*counting);
     EXPECT_EQ(counting->Output().size(), 5U);
@@ -246,7 +246,7 @@ TEST_F(EndToEnd, OnATerminalEventsStandInColumnsUnderAHeader) {
     setenv("TZ", "XYZ-5", 1);
     for (const char* const noColour : {"", "1"}) {
         setenv("NO_COLOR", noColour, 1);
-        const auto pm = Serve(PM, "--from -", records);
+        const auto pm = Serve(PM, "--from /dev/stdin", records);
         const auto terminal = Shell("script -qec \"" TEST_EMULATOR " '" MONITOR "' --count 7 2>/dev/null\" /dev/null");
         ASSERT_TRUE(pm->WaitForOutput("line 6: record, ")) << pm->Transcript() << terminal->Transcript();
         const Words lines = Events(*terminal, 7);
@@ -332,6 +332,7 @@ TEST_F(EndToEnd, AProgramWhoseOutputFailsEndsWithTheRightCode) {
             << piped->Transcript();
         EXPECT_EQ(piped->Transcript().find("report-event-monitor: "), std::string::npos) << piped->Transcript();
         publisher->Stop(SIGINT);
+        EXPECT_EQ(publisher->Output().size(), 2U) << publisher->Transcript();  // quiet but for the first and the last
     }
     const auto publisher = Serve(PM);
     for (const char* const program : {"'" MONITOR "' --json", "'" PUBLISHER "' --print"}) {
