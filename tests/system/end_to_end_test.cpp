@@ -289,7 +289,7 @@ TEST_F(EndToEnd, WrongUseEndsWithOneLineThatNamesTheCause) {
         {MONITOR, "--fault a:/res/b --fault a:/res/b", 2, "'a:/res/b' is given twice"},
         {MONITOR, "--count x", 2, "count"},
         {PUBLISHER, "--resource dp:/res/pm/fm", 1, PM},  // served by another live process
-        {PUBLISHER, "--resource x:/res/y --from -", 1, "line 2: not a byte", "01\n01zz\n"},
+        {PUBLISHER, "--resource x:/res/y --serve --from -", 1, "line 2: not a byte", "01\n01zz\n"},
         {PUBLISHER, "--resource x:/res/y --from -", 1, "3961 bytes", std::string(7922, '0')},
         {PUBLISHER, "--resource x:/res/y --from -", 1, "line 1: line too long", std::string(1000000, ' ')},
         {PUBLISHER, "--resource x:/res/y --from /no/file", 1, "/no/file: No such file"},
