@@ -29,6 +29,7 @@ talk() {
   "${emulator[@]}" "$1/publisher" >"$work/publisher.out" 2>&1 &
   pids=($!)
   await "the publisher serves" serving
+  rm -f "$work/client.out"  # what an earlier client wrote must not pass for this one's
   "${emulator[@]}" "$1/client" >"$work/client.out" 2>&1 &
   pids+=($!)
   await "an event arrives" grep -Eq '^device 0x1001: fan [0-9]+ stopped$' "$work/client.out"
