@@ -1,25 +1,11 @@
 #include "platform/host/iam/BlockPool.h"
 
-#include <algorithm>
 #include <cstring>
 
+#include "platform/host/iam/Prefetch.h"
 #include "platform/host/iam/SharedMemory.h"
 
 namespace host_platform::iam {
-namespace {
-
-constexpr uint32_t CACHE_LINE = 64;
-constexpr uint32_t FETCH_AHEAD_BYTES = 512;  // covers a raw record
-
-// Starts to bring these lines, last used by a reader on another processor, to this one, to be written soon.
-void FetchForWriting(const unsigned char* bytes, uint32_t length)
-{
-    for (uint32_t at = 0; at < length; at += CACHE_LINE) {
-        __builtin_prefetch(bytes + at, 1);
-    }
-}
-
-}  // namespace
 
 Status BlockPool::Create(const PoolShape& shape)
 {
@@ -41,8 +27,7 @@ uint32_t BlockPool::Allocate(uint32_t length, uint64_t sequence)
     record.length = length;
     record.place = Place::ALLOCATED;
     if (!free_.empty()) {  // the next record, probably of this size, will stand there
-        FetchForWriting(memory_.Bytes() + size_t{free_.back()} * shape_.blockStride,
-                        std::min(length, FETCH_AHEAD_BYTES));
+        Prefetch<Purpose::WRITING>(memory_.Bytes() + size_t{free_.back()} * shape_.blockStride, length);
     }
     return block;
 }

@@ -5,7 +5,6 @@
 #include <sys/time.h>
 #include <sys/un.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -13,6 +12,7 @@
 
 #include "platform/host/iam/Fence.h"
 #include "platform/host/iam/Log.h"
+#include "platform/host/iam/Prefetch.h"
 #include "platform/host/iam/RuntimeDirectory.h"
 #include "platform/host/iam/SharedMemory.h"
 
@@ -25,9 +25,6 @@ using std::chrono::milliseconds;
 
 // An open takes one second at most; the last tenth is for the processor to come back after a wait that was in vain.
 constexpr auto OPEN_TIME = std::chrono::milliseconds(900);
-
-constexpr uint32_t CACHE_LINE = 64;
-constexpr uint32_t FETCH_AHEAD_BYTES = 512;  // covers a raw record; the processor itself goes on along larger ones
 
 // Connecting to a local socket waits only while the service's backlog is full; the send timeout bounds that.
 Status ConnectSocket(int socket, const std::string& path, Clock::time_point deadline)
@@ -240,10 +237,7 @@ void ReaderConnection::FetchAhead() const
     }
     const auto place = LocateRecord(ring_.Second(), poolShape_);
     if (place) {
-        const uint32_t length = std::min(place->length, FETCH_AHEAD_BYTES);
-        for (uint32_t at = 0; at < length; at += CACHE_LINE) {
-            __builtin_prefetch(pool_.Bytes() + place->offset + at);
-        }
+        Prefetch<Purpose::READING>(pool_.Bytes() + place->offset, place->length);
     }
 }
 
