@@ -1,5 +1,7 @@
 // Whole roads: real publishers and monitors in processes of their own, over the host platform.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
@@ -194,8 +196,11 @@ TEST_F(EndToEnd, TheNewestReaderTakesTheStreamAndTheOlderStaysConnected) {
     ExpectEnd(*StartMonitor("--count 5"));
     EXPECT_EQ(older->Output().size(), taken);
     EXPECT_EQ(publisher->Stop(SIGINT), 130);  // before its last record
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);  // nothing is ever written to it
+    const std::string input = " --from /proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(ends[0]);
     for (const auto& [serve, code] : {std::pair("", 130), {"--serve", 0}}) {
-        const auto idle = Start(PUBLISHER, std::string("--resource x:/res/idle --from /dev/ptmx ") + serve);
+        const auto idle = Start(PUBLISHER, "--resource x:/res/idle " + (serve + input));
         EXPECT_TRUE(idle->WaitForOutput("serving"));
         EXPECT_EQ(idle->Stop(SIGTERM), code);  // while it waits for a line
     }
@@ -217,7 +222,8 @@ TEST_F(EndToEnd, AMonitorThatFollowsSurvivesEveryRestartAndGetsWhatWasAcceptedBe
                             NumberedRecords(ReportEvent::FAULT_EVENT, 1, 200));
     ExpectEnd(*last);
     ExpectNumbered(*monitor, 6, 1, 200);
-    ExpectHolds(Events(*monitor, 207).back(), "pm-lost");
+    // The publisher may be gone before the monitor is registered in full: the fourth loss need not be delivered.
+    EXPECT_TRUE(monitor->WaitForError("FTEReport begin, eventId=0x8C03A000", 4)) << monitor->Transcript();
     ExpectStop(*monitor, SIGTERM);
 }
 
@@ -250,7 +256,8 @@ TEST_F(EndToEnd, OnATerminalEventsStandInColumnsUnderAHeader) {
     for (const char* const noColour : {"", "1"}) {
         setenv("NO_COLOR", noColour, 1);
         const auto pm = Serve(PM, "--from /dev/stdin", records);
-        const auto terminal = Shell("script -qec \"" TEST_EMULATOR " '" MONITOR "' --count 7 2>/dev/null\" /dev/null");
+        const auto terminal = Shell("script -qec \"" TEST_EMULATOR " '" MONITOR "' --count 7 2>&3\" /dev/null 3>&2");
+        EXPECT_TRUE(terminal->WaitForError("receiving ")) << terminal->Transcript();  // from here on also a loss
         ASSERT_TRUE(pm->WaitForOutput("line 6: record, ")) << pm->Transcript() << terminal->Transcript();
         const Words lines = Events(*terminal, 7);
         ExpectHolds(lines[0], "ARRIVED                     KIND      EVENT       SEV  ASS   NODE  DEVICE   OS  NAME");
