@@ -22,11 +22,14 @@
 namespace recording {
 
 // False: not one of the simulated numbers.
-bool Platform::Close(int fd) {
+bool Platform::Close(int fd)
+{
     {
         const Locked locked(mutex);
         const auto found = descriptors.find(fd);
-        if (found == descriptors.end() && fd >= 0 && fd < FIRST_NUMBER) { return false; }
+        if (found == descriptors.end() && fd >= 0 && fd < FIRST_NUMBER) {
+            return false;
+        }
         if (found == descriptors.end() || found->second->name == FOREIGN) {
             ADD_FAILURE() << "closed a descriptor that is not the library's: " << fd;
         } else {
@@ -40,10 +43,13 @@ bool Platform::Close(int fd) {
     return true;
 }
 
-int64_t Platform::ReadRecord(int fd, unsigned char* buffer, int& error) {
+int64_t Platform::ReadRecord(int fd, unsigned char* buffer, int& error)
+{
     std::unique_lock<std::mutex> lock(mutex);
     const auto found = descriptors.find(fd);
-    if (found == descriptors.end()) { return error = EBADF, -1; }  // closed meanwhile
+    if (found == descriptors.end()) {
+        return error = EBADF, -1;
+    }  // closed meanwhile
     const std::shared_ptr<OpenFile> file = found->second;
     EXPECT_EQ(threadName, "Rd_" + file->name) << "reads what is not its file";
     std::deque<Script>& queue = scripts[file->name];
@@ -53,12 +59,16 @@ int64_t Platform::ReadRecord(int fd, unsigned char* buffer, int& error) {
     readable.wait(lock, [&] { return file->closed || !queue.empty(); });
     EXPECT_EQ(EDOM, errno) << "disturbed by a signal handler";
     blocked.erase(file->name);
-    if (file->closed) { return error = EBADF, -1; }
+    if (file->closed) {
+        return error = EBADF, -1;
+    }
     const Script read = queue.front();
     queue.pop_front();
     lock.unlock();
     errno = read.error;
-    if (read.hook) { read.hook(); }
+    if (read.hook) {
+        read.hook();
+    }
     error = errno;
     std::copy(read.record.begin(), read.record.end(), buffer);
     return read.result.value();
@@ -72,10 +82,14 @@ struct Call {
     int error = 4242;
     Offstage offstage;
 
-    ~Call() { errno = error; }
+    ~Call()
+    {
+        errno = error;
+    }
 
     // Every message names the one source file and the line of its own statement; the journal keeps the text alone.
-    void Message(const std::string& operation, const std::string& lead, const char* format, std::string text) {
+    void Message(const std::string& operation, const std::string& lead, const char* format, std::string text)
+    {
         static auto& formats = *new std::map<std::string, std::string>;  // by source line; for the exit handlers too
         const size_t end = text.find(']');
         EXPECT_EQ(0u, text.rfind("[ReportEventServerImpl.cpp:", 0)) << text;
@@ -86,17 +100,28 @@ struct Call {
     }
 
     // The ordinary way: one line of the journal, the scripted result or 0.
-    template <typename... Parts> int Done(const std::string& operation, const Parts&... parts) {
+    template <typename... Parts>
+    int Done(const std::string& operation, const Parts&... parts)
+    {
         platform.Record(operation, Text(parts...));
         return static_cast<int>(platform.Scripted(operation).value_or(0));
     }
 };
 
 using Static = ProcMgr::ClientTestAccess;
-const char* Name(const IAMShmPoolHandle* pool) { return pool == &Static::pool ? "pool" : "other pool"; }
-const char* Name(const IAMShmBlockHandle* block) { return block == &Static::block ? "block" : "other block"; }
+const char* Name(const IAMShmPoolHandle* pool)
+{
+    return pool == &Static::pool ? "pool" : "other pool";
+}
+const char* Name(const IAMShmBlockHandle* block)
+{
+    return block == &Static::block ? "block" : "other block";
+}
 
-bool Recording() { return stage == LIBRARY && Platform::ofThisTest != nullptr; }
+bool Recording()
+{
+    return stage == LIBRARY && Platform::ofThisTest != nullptr;
+}
 
 // The text of a printf-like call.
 #define FORMAT(text, format)                                                                       \
@@ -106,22 +131,27 @@ bool Recording() { return stage == LIBRARY && Platform::ofThisTest != nullptr; }
     text.resize(static_cast<size_t>(std::vsnprintf(text.data(), text.size(), format, arguments))); \
     va_end(arguments)
 
-bool AllZero(const void* memory, size_t size) {
+bool AllZero(const void* memory, size_t size)
+{
     const auto bytes = static_cast<const char*>(memory);
     return std::string(bytes, size) == std::string(size, '\0');
 }
 
 // Counts a read thread while it runs.
 struct CountedThread : std::thread::_State {
-    explicit CountedThread(std::thread::_State_ptr state) : body(std::move(state)) {}
-    void _M_run() override {
+    explicit CountedThread(std::thread::_State_ptr state) : body(std::move(state))
+    {
+    }
+    void _M_run() override
+    {
         body->_M_run();
         --Platform::Get().threads;
     }
     std::thread::_State_ptr body;
 };
 
-void* Allocate(size_t size) {
+void* Allocate(size_t size)
+{
     if (stage == LIBRARY && ++heap.allocations && heap.failing > 0 && --heap.failing == 0) {
         errno = ENOMEM;
         return nullptr;
@@ -135,17 +165,25 @@ void* Allocate(size_t size) {
 
 using namespace recording;
 
-void* operator new(size_t size) {
+void* operator new(size_t size)
+{
     void* const memory = Allocate(size);
     return memory != nullptr ? memory : throw std::bad_alloc();
 }
 
-void* operator new[](size_t size) { return operator new(size); }
+void* operator new[](size_t size)
+{
+    return operator new(size);
+}
 
-void* operator new[](size_t size, const std::nothrow_t&) noexcept { return Allocate(size); }
+void* operator new[](size_t size, const std::nothrow_t&) noexcept
+{
+    return Allocate(size);
+}
 
 // Overwrites what is released: whoever still uses it shall notice.
-void operator delete(void* memory) noexcept {
+void operator delete(void* memory) noexcept
+{
     if (memory != nullptr) {
         heap.live -= stage == PLATFORM ? 0 : 1;
         std::memset(memory, 0xDD, malloc_usable_size(memory));
@@ -153,11 +191,20 @@ void operator delete(void* memory) noexcept {
     }
 }
 
-void operator delete[](void* memory) noexcept { operator delete(memory); }
+void operator delete[](void* memory) noexcept
+{
+    operator delete(memory);
+}
 
-void operator delete(void* memory, size_t) noexcept { operator delete(memory); }
+void operator delete(void* memory, size_t) noexcept
+{
+    operator delete(memory);
+}
 
-void operator delete[](void* memory, size_t) noexcept { operator delete(memory); }
+void operator delete[](void* memory, size_t) noexcept
+{
+    operator delete(memory);
+}
 
 extern "C" {
 
@@ -165,16 +212,23 @@ extern "C" {
 #define REAL(name) JOINED(__real_, name)
 #define JOINED(prefix, name) prefix##name
 #define WRAP(type, name, parameters, arguments) WRAPPED(type, name, parameters, arguments)
-#define WRAPPED(type, name, parameters, arguments)                                                              \
-    type __real_##name parameters;                                                                              \
-    static type Recorded_##name parameters;                                                                     \
-    type __wrap_##name parameters { return Recording() ? Recorded_##name arguments : __real_##name arguments; } \
+#define WRAPPED(type, name, parameters, arguments)                                \
+    type __real_##name parameters;                                                \
+    static type Recorded_##name parameters;                                       \
+    type __wrap_##name parameters                                                 \
+    {                                                                             \
+        return Recording() ? Recorded_##name arguments : __real_##name arguments; \
+    }                                                                             \
     type Recorded_##name parameters
 
 // The tests raise SIGPIPE themselves, where no lock is held and the heap is at rest: the handler may be recorded.
-const char* __tsan_default_options() { return "report_signal_unsafe=0"; }
+const char* __tsan_default_options()
+{
+    return "report_signal_unsafe=0";
+}
 
-WRAP(int, open, (const char* name, int flags, [[maybe_unused]] int mode), (name, flags, mode)) {
+WRAP(int, open, (const char* name, int flags, [[maybe_unused]] int mode), (name, flags, mode))
+{
     Call call;
     call.platform.Scripted("open");
     const int number = call.platform.TakeNumber(name);
@@ -182,23 +236,30 @@ WRAP(int, open, (const char* name, int flags, [[maybe_unused]] int mode), (name,
     return number;
 }
 
-WRAP(int, close, (int fd), (fd)) {
+WRAP(int, close, (int fd), (fd))
+{
     Call call;
     call.platform.Scripted("close");
     return call.platform.Close(fd) ? 0 : __real_close(fd);
 }
 
 // The thread's real name is set and read, unless a script says that the call fails.
-WRAP(int, prctl, (int option, void* argument), (option, argument)) {
+WRAP(int, prctl, (int option, void* argument), (option, argument))
+{
     Call call;
     const bool names = option == PR_SET_NAME;
     call.platform.Record("prctl", names ? Text("name ", static_cast<char*>(argument)) : Text("prctl ", option));
-    if (names) { threadName = static_cast<char*>(argument); }
+    if (names) {
+        threadName = static_cast<char*>(argument);
+    }
     return call.platform.Scripted("prctl").has_value() ? -1 : __real_prctl(option, argument);
 }
 
-WRAP(int, sigaction, (int signal, const struct sigaction* action, struct sigaction* old), (signal, action, old)) {
-    if (signal != SIGPIPE) { return __real_sigaction(signal, action, old); }
+WRAP(int, sigaction, (int signal, const struct sigaction* action, struct sigaction* old), (signal, action, old))
+{
+    if (signal != SIGPIPE) {
+        return __real_sigaction(signal, action, old);
+    }
     const char* const mask = sigisemptyset(&action->sa_mask) != 0 ? ", no mask" : ", mask";
     const int result =
         Call().Done("sigaction", "sigaction(flags ", action->sa_flags, mask, old == nullptr ? ", null)" : ", old)");
@@ -206,79 +267,102 @@ WRAP(int, sigaction, (int signal, const struct sigaction* action, struct sigacti
 }
 
 // Time passes in sleeps only. A scripted result is an interruption after half of the time.
-WRAP(int, nanosleep, (const timespec* time, timespec* rest), (time, rest)) {
+WRAP(int, nanosleep, (const timespec* time, timespec* rest), (time, rest))
+{
     Call call;
     const int64_t wanted = time->tv_sec * 1'000'000'000 + time->tv_nsec;
     call.platform.Record("sleep", Text("sleep ", wanted / 1000, " us"));
     const bool interrupted = call.platform.Scripted("sleep").has_value();
     call.platform.nanoseconds += interrupted ? wanted / 2 : wanted;
-    if (!interrupted) { return 0; }
+    if (!interrupted) {
+        return 0;
+    }
     *rest = {0, static_cast<long>(wanted / 2)};
     call.error = EINTR;
     return -1;
 }
 
 // Tells when the library has to wait for a lock; "lock" scripts run before any lock is taken.
-WRAP(int, pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex)) {
+WRAP(int, pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
+{
     const Offstage offstage;
     wantedLock = mutex;
     Platform::Get().Scripted("lock");
-    if (pthread_mutex_trylock(mutex) == 0) { return 0; }
+    if (pthread_mutex_trylock(mutex) == 0) {
+        return 0;
+    }
     Platform::Get().Record("lock", "lock wait");
     return __real_pthread_mutex_lock(mutex);
 }
 
 void __wrap_syslog(int priority, const char* format, ...) __attribute__((format(printf, 2, 3)));
-void __wrap_syslog(int priority, const char* format, ...) {
+void __wrap_syslog(int priority, const char* format, ...)
+{
     FORMAT(text, format);
     Call().Done("syslog", "syslog ", priority, " ", text);
 }
 
 // A time point is returned like its count of nanoseconds.
-WRAP(int64_t, STEADY_NOW, (), ()) { return Platform::Get().nanoseconds; }
+WRAP(int64_t, STEADY_NOW, (), ())
+{
+    return Platform::Get().nanoseconds;
+}
 
-WRAP(void, THREAD_JOIN, (std::thread * thread), (thread)) {
+WRAP(void, THREAD_JOIN, (std::thread * thread), (thread))
+{
     Call().Done("join", "join");
     REAL(THREAD_JOIN)(thread);
 }
 
 // A scripted result is a thread that cannot be started; "thread started" runs before the library hears of it.
 WRAP(void, THREAD_START, (std::thread * thread, std::thread::_State_ptr body, void (*depend)()),
-     (thread, std::move(body), depend)) {
+     (thread, std::move(body), depend))
+{
     Call call;
-    if (call.platform.Scripted("thread").has_value()) { throw std::system_error(EAGAIN, std::system_category()); }
+    if (call.platform.Scripted("thread").has_value()) {
+        throw std::system_error(EAGAIN, std::system_category());
+    }
     ++call.platform.threads;
     call.platform.Record("thread", "thread");
     REAL(THREAD_START)(thread, std::make_unique<CountedThread>(std::move(body)), depend);
     call.platform.Scripted("thread started");
 }
 
-int CheckLogLevel(int module, int level) {
+int CheckLogLevel(int module, int level)
+{
     Call call;
     const int64_t result = call.platform.Scripted("check").value_or(1);
     EXPECT_EQ(54, module);
     call.platform.Record("check", Text("check ", level));
-    if (result == 1) { messageDue = Text("log ", level, " "); }
+    if (result == 1) {
+        messageDue = Text("log ", level, " ");
+    }
     return static_cast<int>(result);
 }
 
-void DlogInner(int module, int level, const char* format, ...) {
+void DlogInner(int module, int level, const char* format, ...)
+{
     Call call;
     FORMAT(text, format);
     EXPECT_EQ(54, module);
     call.Message("log", Text("log ", level, " "), format, text);
 }
 
-void DlogEventInner(int module, const char* format, ...) {
+void DlogEventInner(int module, const char* format, ...)
+{
     Call call;
     FORMAT(text, format);
     EXPECT_EQ(0x1000036, module);
     call.Message("event", "event ", format, text);
 }
 
-void DlogFlush(void) { Call().Done("flush", "flush"); }
+void DlogFlush(void)
+{
+    Call().Done("flush", "flush");
+}
 
-int64_t IAMFastRead(int fd, void* buffer, size_t length) {
+int64_t IAMFastRead(int fd, void* buffer, size_t length)
+{
     Call call;
     EXPECT_EQ(READ_LENGTH, length);
     EXPECT_TRUE(AllZero(buffer, READ_LENGTH));
@@ -287,7 +371,8 @@ int64_t IAMFastRead(int fd, void* buffer, size_t length) {
     return result;
 }
 
-int FTEDeSerialize(const unsigned char* data, unsigned int length, FTEInfo* info, UDSInfo* uds) {
+int FTEDeSerialize(const unsigned char* data, unsigned int length, FTEInfo* info, UDSInfo* uds)
+{
     Call call;
     EXPECT_TRUE(AllZero(info, sizeof(*info)) && AllZero(uds, sizeof(*uds))) << "padding included";
     call.Done("fte", "FTEDeSerialize(", std::string(data, data + length), ")");
@@ -295,36 +380,45 @@ int FTEDeSerialize(const unsigned char* data, unsigned int length, FTEInfo* info
     return call.platform.deserialize ? call.platform.deserialize(data, length, info, uds) : -1;
 }
 
-int FTERegisterCallback(const std::function<int(const unsigned char*, unsigned int)>& callback) {
+int FTERegisterCallback(const std::function<int(const unsigned char*, unsigned int)>& callback)
+{
     Call call;
     call.platform.faultCallback = callback;
     return call.Done("fte", "FTERegisterCallback");
 }
 
-int FTEUnregisterCallback(void) { return Call().Done("fte", "FTEUnregisterCallback"); }
+int FTEUnregisterCallback(void)
+{
+    return Call().Done("fte", "FTEUnregisterCallback");
+}
 
-int MidFTEReport(FTEReportInfo* report) {
+int MidFTEReport(FTEReportInfo* report)
+{
     Call call;
     call.platform.faultReport = *report;
     return call.Done("fte", "MidFTEReport");
 }
 
-int memcpy_s(void* dest, size_t destMax, const void* src, size_t count) {
+int memcpy_s(void* dest, size_t destMax, const void* src, size_t count)
+{
     std::memcpy(dest, src, std::min(destMax, count));
     return Call().Done("memcpy_s", "memcpy_s(", destMax, ", ", count, ")");
 }
 
-int memset_s(void* dest, size_t destMax, int value, size_t count) {
+int memset_s(void* dest, size_t destMax, int value, size_t count)
+{
     std::memset(dest, value, std::min(destMax, count));
     return Call().Done("memset_s", "memset_s(", destMax, ", ", value, ", ", count, ")");
 }
 
-int strncpy_s(char* dest, size_t destMax, const char* src, size_t count) {
+int strncpy_s(char* dest, size_t destMax, const char* src, size_t count)
+{
     std::snprintf(dest, destMax, "%.*s", static_cast<int>(count), src);
     return Call().Done("strncpy_s", "strncpy_s(", destMax, ", ", src, ", ", count, ")");
 }
 
-int IAMRegisterRTService(IAMRTServiceRecord* record) {
+int IAMRegisterRTService(IAMRTServiceRecord* record)
+{
     const IAMFileOperations expected = {nullptr, nullptr, &Static::Impl::MyOpen, &Static::Impl::MyClose, nullptr};
     EXPECT_EQ(0, std::memcmp(&expected, record->operations, sizeof(expected)));
     const auto& [first, second, third, fourth] = record->settings;
@@ -332,35 +426,45 @@ int IAMRegisterRTService(IAMRTServiceRecord* record) {
                        fourth, ")");
 }
 
-int IAMShmRegisterPoolWithConfig(IAMShmPoolConfig* config, IAMShmPoolHandle* pool) {
+int IAMShmRegisterPoolWithConfig(IAMShmPoolConfig* config, IAMShmPoolHandle* pool)
+{
     return Call().Done("iam", "IAMShmRegisterPoolWithConfig(", config->fileName, ", ", config->size, ", ",
                        config->blockCount, ", ", Name(pool), ")");
 }
 
-int IAMShmHandleMalloc(IAMShmPoolHandle* pool, uint32_t size, IAMShmBlockHandle* block) {
+int IAMShmHandleMalloc(IAMShmPoolHandle* pool, uint32_t size, IAMShmBlockHandle* block)
+{
     return Call().Done("iam", "malloc(", Name(pool), ", ", size, ", ", Name(block), ")");
 }
 
-int IAMShmWrite(IAMShmBlockHandle* block, const char* data, uint32_t size, uint32_t offset) {
+int IAMShmWrite(IAMShmBlockHandle* block, const char* data, uint32_t size, uint32_t offset)
+{
     Call call;
     Locked{call.platform.mutex}, call.platform.written.assign(data, size);
     return call.Done("iam", "write(", Name(block), ", ", size, ", ", offset, ")");
 }
 
-int IAMRTDataEnqueue(uint64_t dataHandle, IAMDataPackage* package) {
+int IAMRTDataEnqueue(uint64_t dataHandle, IAMDataPackage* package)
+{
     Call call;
     const int result =
         call.Done("iam", "enqueue(", dataHandle, package == &Static::package ? ", package of " : ", other of ",
                   Name(package->pool), ", ", Name(package->block), ", ", package->count, ")");
     const Locked locked(call.platform.mutex);
-    if (result == 0) { call.platform.enqueued[dataHandle].push_back(call.platform.written); }
+    if (result == 0) {
+        call.platform.enqueued[dataHandle].push_back(call.platform.written);
+    }
     return result;
 }
 
-int IAMShmFree(IAMShmPoolHandle* pool, IAMShmBlockHandle* block) {
+int IAMShmFree(IAMShmPoolHandle* pool, IAMShmBlockHandle* block)
+{
     return Call().Done("iam", "free(", Name(pool), ", ", Name(block), ")");
 }
 
-int IAMShmDestroyPool(IAMShmPoolHandle* pool) { return Call().Done("iam", "destroy(", Name(pool), ")"); }
+int IAMShmDestroyPool(IAMShmPoolHandle* pool)
+{
+    return Call().Done("iam", "destroy(", Name(pool), ")");
+}
 
 }  // extern "C"

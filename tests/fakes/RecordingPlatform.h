@@ -51,7 +51,9 @@ using Bytes = std::vector<unsigned char>;
 using Hook = std::function<void()>;
 
 // Joins the parts into one text.
-template <typename... Parts> std::string Text(const Parts&... parts) {
+template <typename... Parts>
+std::string Text(const Parts&... parts)
+{
     std::ostringstream text;
     (text << ... << parts);
     return text.str();
@@ -64,8 +66,13 @@ inline thread_local Stage stage = LIBRARY;
 
 class Offstage {
 public:
-    explicit Offstage(Stage as = PLATFORM) : saved_(std::exchange(stage, as)) {}
-    ~Offstage() { stage = saved_; }
+    explicit Offstage(Stage as = PLATFORM) : saved_(std::exchange(stage, as))
+    {
+    }
+    ~Offstage()
+    {
+        stage = saved_;
+    }
     Offstage(const Offstage&) = delete;
 
 private:
@@ -92,9 +99,17 @@ inline thread_local std::string messageDue;
 
 // A thread of the test's own, joined at the latest by its destructor.
 struct Background {
-    explicit Background(Hook body) : thread((Offstage(), std::thread(std::move(body)))) {}
-    ~Background() { Join(); }
-    void Join() { thread.joinable() ? (Offstage(), thread.join()) : void(); }
+    explicit Background(Hook body) : thread((Offstage(), std::thread(std::move(body))))
+    {
+    }
+    ~Background()
+    {
+        Join();
+    }
+    void Join()
+    {
+        thread.joinable() ? (Offstage(), thread.join()) : void();
+    }
     std::thread thread;
 };
 
@@ -119,7 +134,8 @@ public:
     };
 
     // The rules that hold at the end of every test.
-    ~Platform() {
+    ~Platform()
+    {
         ofThisTest = nullptr;
         messageDue.clear();
         EXPECT_EQ(0, threads) << "read threads were left running";
@@ -129,12 +145,14 @@ public:
     }
 
     // That of the running test; outside of one the library's own instances call from the exit handlers.
-    static Platform& Get() {
+    static Platform& Get()
+    {
         static Platform& outside = (Offstage(), *new Platform);
         return ofThisTest != nullptr ? *ofThisTest : outside;
     }
 
-    void Record(const std::string& operation, const std::string& text) {
+    void Record(const std::string& operation, const std::string& text)
+    {
         const Locked locked(mutex);
         EXPECT_TRUE((operation == "log") != messageDue.empty() && text.rfind(messageDue, 0) == 0)
             << "let through: '" << messageDue << "', written: " << text;
@@ -144,29 +162,35 @@ public:
     }
 
     // The lines since the last look: those of the listed operations ("open close log"), or all, one after the other.
-    std::string Journal(const std::string& listed = "") {
+    std::string Journal(const std::string& listed = "")
+    {
         const Locked locked(mutex);
         std::string text;
         for (const auto& [operation, line] : std::exchange(lines, {})) {
             const bool isListed = (" " + listed + " ").find(" " + operation + " ") != std::string::npos;
-            if (listed.empty() || isListed) { text += (text.empty() ? "" : " | ") + line; }
+            if (listed.empty() || isListed) {
+                text += (text.empty() ? "" : " | ") + line;
+            }
         }
         return text;
     }
 
     // How many of the lines since the last look hold the text.
-    size_t Count(const std::string& part) {
+    size_t Count(const std::string& part)
+    {
         const Locked locked(mutex);
         const auto holds = [&](const auto& line) { return line.second.find(part) != std::string::npos; };
         return static_cast<size_t>(std::count_if(lines.begin(), lines.end(), holds));
     }
 
-    void Await(const std::string& part, size_t count = 1) {
+    void Await(const std::string& part, size_t count = 1)
+    {
         AwaitCondition(part, [&] { return Count(part) >= count; });
     }
 
     // On the system clock: the steady one is the library's. Looks again every 5 ms at what changes without notice.
-    void AwaitCondition(const std::string& what, const std::function<bool()>& condition) {
+    void AwaitCondition(const std::string& what, const std::function<bool()>& condition)
+    {
         using Clock = std::chrono::system_clock;
         const Offstage offstage;
         const auto deadline = Clock::now() + std::chrono::seconds(testing::Test::HasFailure() ? 1 : 20);
@@ -181,7 +205,9 @@ public:
     }
 
     // A read of each file waits and nothing is queued for it.
-    template <typename... Files> void AwaitBlocked(const Files&... names) {
+    template <typename... Files>
+    void AwaitBlocked(const Files&... names)
+    {
         AwaitCondition("blocked reads", [&] {
             const Locked locked(mutex);
             return ((blocked.count(names) != 0 && scripts[names].empty()) && ...);
@@ -189,53 +215,74 @@ public:
     }
 
     // This many read threads are left.
-    void AwaitThreads(int count = 0) {
+    void AwaitThreads(int count = 0)
+    {
         AwaitCondition("the end of threads", [&] { return threads == count; });
     }
 
     // Scripts the next call of an operation or read of a file, or every call from now on.
     void Next(const std::string& operation, Hook hook = nullptr, std::optional<int64_t> result = std::nullopt,
-              const Bytes& record = {}, int error = 0) {
+              const Bytes& record = {}, int error = 0)
+    {
         Locked{mutex}, scripts[operation].push_back({std::move(hook), result, record, error}), readable.notify_all();
     }
 
-    void Results(const std::string& operation, const std::vector<int64_t>& results) {
-        for (const int64_t result : results) { Next(operation, nullptr, result); }
+    void Results(const std::string& operation, const std::vector<int64_t>& results)
+    {
+        for (const int64_t result : results) {
+            Next(operation, nullptr, result);
+        }
     }
 
-    void Deliver(const std::string& name, const Bytes& record, Hook hook = nullptr) {
+    void Deliver(const std::string& name, const Bytes& record, Hook hook = nullptr)
+    {
         Next(name, std::move(hook), record.size(), record);
     }
 
-    void Fail(const std::string& name, int error, Hook hook = nullptr, int64_t result = -1) {
+    void Fail(const std::string& name, int error, Hook hook = nullptr, int64_t result = -1)
+    {
         Next(name, std::move(hook), result, {}, error);
     }
 
-    void Always(const std::string& operation, Hook hook, std::optional<int64_t> result = std::nullopt) {
+    void Always(const std::string& operation, Hook hook, std::optional<int64_t> result = std::nullopt)
+    {
         Locked{mutex}, always[operation] = {std::move(hook), result, {}, 0};
     }
 
-    std::optional<int64_t> Scripted(const std::string& operation) {
+    std::optional<int64_t> Scripted(const std::string& operation)
+    {
         Script script;
         {
             const Locked locked(mutex);
             std::deque<Script>& queue = scripts[operation];
             script = queue.empty() ? always[operation] : queue.front();
-            if (!queue.empty()) { queue.pop_front(); }
+            if (!queue.empty()) {
+                queue.pop_front();
+            }
         }
-        if (script.hook) { script.hook(); }
+        if (script.hook) {
+            script.hook();
+        }
         return script.result;
     }
 
     // Opens of the file fail, or succeed again.
-    void SetAbsent(const std::string& name, bool isAbsent = true) { Locked{mutex}, absent[name] = isAbsent; }
+    void SetAbsent(const std::string& name, bool isAbsent = true)
+    {
+        Locked{mutex}, absent[name] = isAbsent;
+    }
 
     // Opens a file: for the library, or FOREIGN for the process itself.
-    int TakeNumber(const std::string& name) {
+    int TakeNumber(const std::string& name)
+    {
         const Locked locked(mutex);
         int number = absent[name] ? -1 : firstNumber.load();
-        while (descriptors.count(number) != 0) { ++number; }
-        if (number >= 0) { descriptors[number].reset(new OpenFile{name}); }
+        while (descriptors.count(number) != 0) {
+            ++number;
+        }
+        if (number >= 0) {
+            descriptors[number].reset(new OpenFile{name});
+        }
         return number;
     }
 
@@ -267,12 +314,22 @@ public:
 
 // Holds a thread until the test opens it.
 struct Gate {
-    static void Await(const std::atomic<bool>& flag) {
+    static void Await(const std::atomic<bool>& flag)
+    {
         Platform::ofThisTest->AwaitCondition("a gate", [&] { return flag.load(); });
     }
-    void Hold() { arrived = true, Await(open); }
-    void AwaitArrival() { Await(arrived); }
-    void Open() { open = true; }
+    void Hold()
+    {
+        arrived = true, Await(open);
+    }
+    void AwaitArrival()
+    {
+        Await(arrived);
+    }
+    void Open()
+    {
+        open = true;
+    }
     std::atomic<bool> arrived{false}, open{false};
 };
 
@@ -291,8 +348,8 @@ constexpr int BAD_NAME = 0xf10206;
 constexpr int OPEN_FAILED = 0xf10005;
 
 // A raw record whose event bears `name`; by default the event log stays silent about it.
-inline Bytes Raw(unsigned char header, const std::string& name, unsigned char forceLog = 0,
-                 unsigned char assertion = 1) {
+inline Bytes Raw(unsigned char header, const std::string& name, unsigned char forceLog = 0, unsigned char assertion = 1)
+{
     Bytes record(362, 0);
     record[0] = header;
     record[1] = forceLog;
@@ -302,35 +359,41 @@ inline Bytes Raw(unsigned char header, const std::string& name, unsigned char fo
 }
 
 // The lines that the subscriber's journal is made of.
-inline std::string Opened(const std::string& name, int fd = 1000) {
+inline std::string Opened(const std::string& name, int fd = 1000)
+{
     return Text("open(", name, ", 2) = ", fd, " | log 2 Open file success. resFile=", name, ", fd=", fd);
 }
 
-inline std::string Reconnected(const std::string& name, int fd) {
+inline std::string Reconnected(const std::string& name, int fd)
+{
     return Text("log 16 Reconnect success. (file=", name, ",fd=", fd, ")");
 }
 
 // A reconnection and its thread end.
-inline std::string GaveUp(const std::string& name, int error) {
+inline std::string GaveUp(const std::string& name, int error)
+{
     return Text(" | log 16 Reconnect failed. (file=", name, ",fd=-1) | log 3 Reconnect ", name,
                 " failed, ret=-1 errno=", error);
 }
 
-inline std::string Joined(const std::string& name, const char* by = "JoinReadThread") {
+inline std::string Joined(const std::string& name, const char* by = "JoinReadThread")
+{
     return Text("join | log 16 ", by, ": join thead of resfile=", name, " success");
 }
 
 // One subscriber on a fresh platform, with callbacks that write what they get into the journal.
 class LibraryTest : public testing::Test, public Platform, public ReportEvent::ServerTestAccess {
 protected:
-    LibraryTest() {
+    LibraryTest()
+    {
         ofThisTest = this;
         Of(deviceCallback) = Teller("device");
         Of(securityCallback) = Teller("security");
     }
 
     // Runs `body` in a process of its own, which then exits, and expects its journal of that.
-    void ExpectAtExit(const std::string& listed, const std::string& journal, const Hook& body) {
+    void ExpectAtExit(const std::string& listed, const std::string& journal, const Hook& body)
+    {
         static std::string operations;
         testing::FLAGS_gtest_death_test_style = "threadsafe";
         operations = listed;
@@ -343,10 +406,15 @@ protected:
     }
 
     // A data member of the subscriber.
-    template <typename Type> Type& Of(Type Server::*member) { return (*server_).*member; }
+    template <typename Type>
+    Type& Of(Type Server::*member)
+    {
+        return (*server_).*member;
+    }
 
     // A callback that writes "<who> <event name>" into the journal.
-    std::function<void(const dsmi_event&)> Teller(const std::string& who) {
+    std::function<void(const dsmi_event&)> Teller(const std::string& who)
+    {
         return [this, who](const dsmi_event& event) {
             const Offstage offstage;
             Record("deliver", who + " " + event.eventName);

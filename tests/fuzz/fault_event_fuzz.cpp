@@ -6,12 +6,15 @@
 #include "platform/host/fte/FaultRecordEncoder.h"
 #include "tests/fuzz/Require.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
     FTEInfo info{};
     UDSInfo uds{};
     const int code = FTEDeSerialize(data, static_cast<unsigned int>(size), &info, &uds);
     const std::unique_ptr<DidInfo[]> owner(uds.didInfo);
-    if (code != 0) { return 0; }
+    if (code != 0) {
+        return 0;
+    }
     const std::string name(info.eventName, strnlen(info.eventName, sizeof(info.eventName)));
     host_platform::fte::FaultEvent event{info.eventId, info.assertion, info.nodeId, info.deviceId,
                                          info.osId,    name,           uds.udsId,   {}};

@@ -12,13 +12,17 @@ int g_faults, g_device, g_security;
 dsmi_event g_event;
 
 // Reads every byte it was handed.
-void TakeFault(const EventInfo& event, const UDSInfoForCpp& uds) {
+void TakeFault(const EventInfo& event, const UDSInfoForCpp& uds)
+{
     size_t sum = std::accumulate(std::begin(event.eventPara.buf), std::end(event.eventPara.buf), size_t{event.eventId});
-    for (const DidInfoForCpp& did : uds.didInfo) { sum = std::accumulate(did.data.begin(), did.data.end(), sum); }
+    for (const DidInfoForCpp& did : uds.didInfo) {
+        sum = std::accumulate(did.data.begin(), did.data.end(), sum);
+    }
     g_faults += sum == SIZE_MAX ? 2 : 1;
 }
 
-ReportEvent::ReportEventServerImpl* MakeSubscriber() {
+ReportEvent::ReportEventServerImpl* MakeSubscriber()
+{
     auto* const made = new ReportEvent::ReportEventServerImpl;
     made->FmRegisterMidReportEventImpl({}, TakeFault, [](const dsmi_event& event) { ++g_device, g_event = event; });
     return made;
@@ -29,13 +33,15 @@ ReportEvent::ReportEventServerImpl* MakeSubscriber() {
 namespace ReportEvent {
 // The security callback is stored here, because registering it would open its file.
 struct ServerTestAccess {
-    static void SetSecurityCallback(ReportEventServerImpl& subscriber) {
+    static void SetSecurityCallback(ReportEventServerImpl& subscriber)
+    {
         subscriber.idsEventReportCb = [](const dsmi_event& event) { ++g_security, g_event = event; };
     }
 };
 }  // namespace ReportEvent
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
     static ReportEvent::ReportEventServerImpl& subscriber = *MakeSubscriber();
     ReportEvent::ServerTestAccess::SetSecurityCallback(subscriber);
     g_faults = g_device = g_security = 0;

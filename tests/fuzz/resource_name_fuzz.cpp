@@ -7,13 +7,15 @@
 
 static std::vector<std::string> g_opened;
 
-extern "C" int __wrap_open(const char* name, int, ...) {
+extern "C" int __wrap_open(const char* name, int, ...)
+{
     g_opened.emplace_back(name);
     errno = ENOENT;
     return -1;
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
     const std::string name(reinterpret_cast<const char*>(data), size);
     const size_t colon = name.find(':');
     const bool acceptable =

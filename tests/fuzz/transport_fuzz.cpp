@@ -19,7 +19,8 @@ constexpr uint32_t ENTRIES = 8;
 constexpr PoolShape SHAPE{ENTRIES * 64, ENTRIES, 64};
 
 struct Session {
-    Session() {
+    Session()
+    {
         UniqueFd fd;
         Mapping written, read;
         Require(!pool.Create(SHAPE).Failed());
@@ -31,8 +32,11 @@ struct Session {
         reader = RingReader(std::move(read), ENTRIES);
     }
 
-    void Publish(uint8_t length, uint8_t fill) {
-        if (pool.Exhausted() || cutOff) { return; }
+    void Publish(uint8_t length, uint8_t fill)
+    {
+        if (pool.Exhausted() || cutOff) {
+            return;
+        }
         const auto& record = expected.emplace_back(length % 65, static_cast<char>(fill));
         const auto size = static_cast<uint32_t>(record.size());
         const uint32_t block = pool.Allocate(size, ++sequence);
@@ -40,13 +44,18 @@ struct Session {
         writer.Append(block, pool.Queue(block, queue));
     }
 
-    void Read() {
+    void Read()
+    {
         const auto state = reader.Look();
-        if (state == RingReader::State::EMPTY || broken) { return; }
+        if (state == RingReader::State::EMPTY || broken) {
+            return;
+        }
         const auto place = LocateRecord(reader.Front(), SHAPE);
         broken = state == RingReader::State::BROKEN || !place;
         Require(!broken || scribbled);
-        if (broken) { return; }
+        if (broken) {
+            return;
+        }
         Require(place->offset + place->length <= SHAPE.bytes && place->length <= 64);
         const std::string copy(reinterpret_cast<const char*>(records.Bytes()) + place->offset, place->length);
         if (!scribbled && !reader.RevokedMeanwhile()) {
@@ -56,16 +65,20 @@ struct Session {
         reader.Pop();
     }
 
-    void TakeBack() {
+    void TakeBack()
+    {
         const uint64_t claimed = writer.ClaimedConsumed();
         const bool sound = CountIsSound(claimed, takenBack, queue.count);
         Require(sound || scribbled || cutOff);
-        if (!sound) { return CutOff(); }
+        if (!sound) {
+            return CutOff();
+        }
         pool.TakeBack(static_cast<uint32_t>(claimed - takenBack), queue);
         takenBack = claimed;
     }
 
-    void CutOff() {
+    void CutOff()
+    {
         writer.Revoke();
         takenBack += queue.count;
         pool.TakeBack(queue.count, queue);
@@ -73,10 +86,13 @@ struct Session {
     }
 
     // Every block is in one place, and all of them can be had once nothing is queued.
-    ~Session() {
+    ~Session()
+    {
         Require(pool.Queued() == queue.count);
         CutOff();
-        for (sequence = 0; !pool.Exhausted(); ++sequence) { pool.Allocate(0, sequence); }
+        for (sequence = 0; !pool.Exhausted(); ++sequence) {
+            pool.Allocate(0, sequence);
+        }
         Require(sequence == ENTRIES);
     }
 
@@ -91,9 +107,12 @@ struct Session {
     bool scribbled = false, broken = false, cutOff = false;
 };
 
-void CheckMessage(const std::vector<uint8_t>& bytes) {
+void CheckMessage(const std::vector<uint8_t>& bytes)
+{
     const auto message = ParseMessage(bytes.data(), bytes.size());
-    if (!message) { return; }
+    if (!message) {
+        return;
+    }
     const auto [magic, version, type, size, count, stride] = *message;
     Require(bytes.size() == sizeof(Message) && magic == PROTOCOL_MAGIC && version == PROTOCOL_VERSION);
     Require(type >= 1 && type <= 5);
@@ -108,21 +127,34 @@ void CheckMessage(const std::vector<uint8_t>& bytes) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
     FuzzedDataProvider input(data, size);
     Session session;
     while (input.remaining_bytes() != 0) {
         const auto number = [&](uint64_t limit) { return input.ConsumeIntegralInRange<uint64_t>(0, limit); };
         switch (number(6)) {
-            case 0: session.Publish(number(64), number(255)); break;
-            case 1: session.Read(); break;
-            case 2: session.TakeBack(); break;
-            case 3: session.reader.FallAsleep(), session.reader.WakeUp(); break;
+            case 0:
+                session.Publish(number(64), number(255));
+                break;
+            case 1:
+                session.Read();
+                break;
+            case 2:
+                session.TakeBack();
+                break;
+            case 3:
+                session.reader.FallAsleep(), session.reader.WakeUp();
+                break;
             case 4:
                 session.ring[number(RingBytes(ENTRIES) / 8 - 1)] = number(UINT64_MAX), session.scribbled = true;
                 break;
-            case 5: CheckMessage(input.ConsumeBytes<uint8_t>(number(sizeof(Message) + 1))); break;
-            case 6: session.CutOff(); break;
+            case 5:
+                CheckMessage(input.ConsumeBytes<uint8_t>(number(sizeof(Message) + 1)));
+                break;
+            case 6:
+                session.CutOff();
+                break;
         }
     }
     return 0;

@@ -20,14 +20,17 @@ namespace {
 
 constexpr const char* RESOURCE = "dp:/res/unloading";
 
-template <typename Interface> Interface& Instance(void* library, const char* name) {
+template <typename Interface>
+Interface& Instance(void* library, const char* name)
+{
     void* const getInstance = dlsym(library, name);
     EXPECT_NE(getInstance, nullptr) << dlerror();
     return reinterpret_cast<Interface& (*)()>(getInstance)();
 }
 
 // What the process holds: its threads, its descriptors by target, its mapped files.
-std::string Belongings() {
+std::string Belongings()
+{
     using Entries = std::filesystem::directory_iterator;
     std::multiset<std::string> found = {std::to_string(std::distance(Entries("/proc/self/task"), {})) + " threads"};
     for (const auto& entry : Entries("/proc/self/fd")) {
@@ -37,26 +40,32 @@ std::string Belongings() {
     }
     std::ifstream maps("/proc/self/maps");
     for (std::string line; std::getline(maps, line);) {
-        if (const size_t path = line.find('/'); path != line.npos) { found.insert("mapping " + line.substr(path)); }
+        if (const size_t path = line.find('/'); path != line.npos) {
+            found.insert("mapping " + line.substr(path));
+        }
     }
     return std::accumulate(found.begin(), found.end(), std::string(),
                            [](auto all, auto& one) { return all + one + "\n"; });
 }
 
-void SubscribeOnce(void* library, const std::shared_ptr<int>& held) {
+void SubscribeOnce(void* library, const std::shared_ptr<int>& held)
+{
     auto& subscriber = Instance<ReportEventServer>(library, "_ZN17ReportEventServer11GetInstanceEv");
     Instance<ReportEventClient>(library, "_ZN17ReportEventClient11GetInstanceEv");
     std::promise<void> arrived;
     bool first = true;
     const auto callback = [held, &arrived, &first](const auto&...) {
-        if (std::exchange(first, false)) { arrived.set_value(); }
+        if (std::exchange(first, false)) {
+            arrived.set_value();
+        }
     };
     ASSERT_EQ(subscriber.FmRegisterMidReportEventImpl({RESOURCE}, callback, callback), 0);
     EXPECT_EQ(arrived.get_future().wait_for(system_test::PATIENCE), std::future_status::ready);
     EXPECT_EQ(subscriber.FmUnregisterReportEventImpl({RESOURCE}), 0);
 }
 
-TEST(Unloading, RunsTheDestructorsAndLeavesNothingTwice) {
+TEST(Unloading, RunsTheDestructorsAndLeavesNothingTwice)
+{
     const system_test::RuntimeDirectory directory;
     system_test::Process publisher(
         {PUBLISHER, "--resource", RESOURCE, "--wait", "--count", "1000000", "--interval", "20"});

@@ -13,7 +13,8 @@
 
 namespace {
 
-TEST(ProcessManager, PublishesWithoutTheFaultReportingLibrary) {
+TEST(ProcessManager, PublishesWithoutTheFaultReportingLibrary)
+{
     const system_test::RuntimeDirectory directory;
     ASSERT_EQ(dlopen(LIBRARY, RTLD_NOW), nullptr);  // as with LD_BIND_NOW: this program really lacks it
     ASSERT_NE(std::strstr(dlerror(), "undefined symbol"), nullptr);

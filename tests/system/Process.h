@@ -39,18 +39,36 @@ public:
     ~Process();
 
     // The whole lines of its standard output, or of its standard error, so far.
-    Words Output() const { return Lines(output_); }
-    Words Errors() const { return Lines(errors_); }
+    Words Output() const
+    {
+        return Lines(output_);
+    }
+    Words Errors() const
+    {
+        return Lines(errors_);
+    }
     std::string Transcript() const;  // both, for a failing test's message
 
     // Wait until `count` lines of the output (or of the error output) hold `text`; true when they came in time.
-    bool WaitForOutput(const std::string& text, size_t count = 1) { return WaitFor(output_, text, count); }
-    bool WaitForError(const std::string& text, size_t count = 1) { return WaitFor(errors_, text, count); }
+    bool WaitForOutput(const std::string& text, size_t count = 1)
+    {
+        return WaitFor(output_, text, count);
+    }
+    bool WaitForError(const std::string& text, size_t count = 1)
+    {
+        return WaitFor(errors_, text, count);
+    }
 
-    void Signal(int signal) { kill(pid_, signal); }
+    void Signal(int signal)
+    {
+        kill(pid_, signal);
+    }
     // Waits for the end; the exit code, or 128 plus the signal that ended it. -1 when it did not end in time.
     int Wait();
-    int Stop(int signal) { return Signal(signal), Wait(); }
+    int Stop(int signal)
+    {
+        return Signal(signal), Wait();
+    }
 
 private:
     static Words Lines(int file);

@@ -24,7 +24,9 @@ using Running = std::unique_ptr<Process>;
 constexpr const char* PM = "dp:/res/pm/fm";  // what a monitor reads if it is not told otherwise
 constexpr const char* SECURITY = "dp:/res/iam/sec_event";
 
-template <typename Bytes> std::string Hex(const Bytes& bytes) {
+template <typename Bytes>
+std::string Hex(const Bytes& bytes)
+{
     std::string text;
     for (const unsigned char byte : bytes) {
         (text += "0123456789abcdef"[byte >> 4]) += "0123456789abcdef"[byte & 0xF];
@@ -33,7 +35,8 @@ template <typename Bytes> std::string Hex(const Bytes& bytes) {
 }
 
 // Lines for a publisher: raw records whose events are numbered from `first` on. Every other byte tells its own place.
-std::string NumberedRecords(ReportEvent::EventType family, int first, int count) {
+std::string NumberedRecords(ReportEvent::EventType family, int first, int count)
+{
     dsmi_event event;
     auto* const bytes = reinterpret_cast<unsigned char*>(&event);
     std::iota(bytes, bytes + sizeof(event), static_cast<unsigned char>(0));
@@ -46,51 +49,69 @@ std::string NumberedRecords(ReportEvent::EventType family, int first, int count)
 }
 
 // The lines of a monitor, once there are `count`.
-Words Events(Process& monitor, size_t count) {
+Words Events(Process& monitor, size_t count)
+{
     EXPECT_TRUE(monitor.WaitForOutput("", count)) << monitor.Transcript();
     Words events = monitor.Output();
     events.resize(std::max(events.size(), count));
     return events;
 }
 
-void ExpectHolds(const std::string& line, const std::string& text) { EXPECT_NE(line.find(text), line.npos) << line; }
-
-// The events of a monitor from `from` on are numbered from `first` on.
-void ExpectNumbered(Process& monitor, size_t from, int first, size_t count) {
-    const Words events = Events(monitor, from + count);
-    for (size_t i = 0; i < count; ++i) { ExpectHolds(events[from + i], "Num\":" + std::to_string(first++) + ",\"not"); }
+void ExpectHolds(const std::string& line, const std::string& text)
+{
+    EXPECT_NE(line.find(text), line.npos) << line;
 }
 
-void ExpectStop(Process& process, int signal) { EXPECT_EQ(process.Stop(signal), 0) << process.Transcript(); }
-void ExpectEnd(Process& process, int code = 0) { EXPECT_EQ(process.Wait(), code) << process.Transcript(); }
+// The events of a monitor from `from` on are numbered from `first` on.
+void ExpectNumbered(Process& monitor, size_t from, int first, size_t count)
+{
+    const Words events = Events(monitor, from + count);
+    for (size_t i = 0; i < count; ++i) {
+        ExpectHolds(events[from + i], "Num\":" + std::to_string(first++) + ",\"not");
+    }
+}
+
+void ExpectStop(Process& process, int signal)
+{
+    EXPECT_EQ(process.Stop(signal), 0) << process.Transcript();
+}
+void ExpectEnd(Process& process, int code = 0)
+{
+    EXPECT_EQ(process.Wait(), code) << process.Transcript();
+}
 
 // Starts `program` with arguments that are separated by blanks.
-Running Start(const std::string& program, const std::string& arguments = "", const std::string& input = "") {
+Running Start(const std::string& program, const std::string& arguments = "", const std::string& input = "")
+{
     std::istringstream words(arguments);
     Words command = {program};
     command.insert(command.end(), std::istream_iterator<std::string>(words), {});
     return std::make_unique<Process>(command, input);
 }
 
-Running Shell(const std::string& script, const std::string& input = "") {
+Running Shell(const std::string& script, const std::string& input = "")
+{
     return std::make_unique<Process>(Words{"sh", "-c", script}, input);
 }
 
 // A publisher that serves `resource` already, publishes once a reader is there, and stays up.
-Running Serve(const std::string& resource, const std::string& arguments = "", const std::string& input = "") {
+Running Serve(const std::string& resource, const std::string& arguments = "", const std::string& input = "")
+{
     auto publisher = Start(PUBLISHER, "--resource " + resource + " --wait --serve " + arguments, input);
     EXPECT_TRUE(publisher->WaitForOutput("serving " + resource)) << publisher->Transcript();
     return publisher;
 }
 
 // One that publishes numbered events.
-Running ServeNumbered(const std::string& resource, int first, int count) {
+Running ServeNumbered(const std::string& resource, int first, int count)
+{
     const auto family = resource == SECURITY ? ReportEvent::SECURITY_EVENT : ReportEvent::FAULT_EVENT;
     return Serve(resource, "--from -", NumberedRecords(family, first, count));
 }
 
 // A monitor that has opened `files` files.
-Running StartMonitor(const std::string& arguments, size_t files = 1) {
+Running StartMonitor(const std::string& arguments, size_t files = 1)
+{
     auto monitor = Start(MONITOR, "--json " + arguments);
     EXPECT_TRUE(monitor->WaitForError("Open file success", files)) << monitor->Transcript();
     // Registered in full: from here on a loss is delivered, too.
@@ -100,15 +121,19 @@ Running StartMonitor(const std::string& arguments, size_t files = 1) {
 
 class EndToEnd : public testing::Test {
 protected:
-    EndToEnd() {
+    EndToEnd()
+    {
         setenv("SLOG_LEVELS", "2,3,16", 1);
         // A sanitizer's exit code must not pass for one of a program's own.
-        for (const char* options : {"ASAN_OPTIONS", "TSAN_OPTIONS"}) { setenv(options, "exitcode=99", 1); }
+        for (const char* options : {"ASAN_OPTIONS", "TSAN_OPTIONS"}) {
+            setenv(options, "exitcode=99", 1);
+        }
     }
     RuntimeDirectory directory_;
 };
 
-TEST_F(EndToEnd, RecordsOfEveryKindAndSizeArriveWithAllTheirFields) {
+TEST_F(EndToEnd, RecordsOfEveryKindAndSizeArriveWithAllTheirFields)
+{
     const std::string name(128, 'f');
     host_platform::fte::FaultEvent fault{258, 1, 50595078, 7, 134810123, name, 3085, {{1, {1, 255}}, {0xF1A1, {}}}};
     // Filled up to the largest record there is.
@@ -127,7 +152,9 @@ TEST_F(EndToEnd, RecordsOfEveryKindAndSizeArriveWithAllTheirFields) {
     EXPECT_TRUE(monitor->WaitForError("fault deserialize/callback failed, data read from dp:/res/pm/fm"));
     Words lines = monitor->Output();
     std::sort(lines.begin(), lines.end());
-    for (std::string& line : lines) { line.erase(line.find("arrival") + 10, 27); }
+    for (std::string& line : lines) {
+        line.erase(line.find("arrival") + 10, 27);
+    }
     const Words expected = {
         R"({"kind":"device","arrival":"","eventId":185207048,"eventName":")" + std::string(288, 'n') +
             R"(","severity":18,"assertion":19,"nodeId":15,"deviceId":3340,"osId":72,"eventSerialNum":-5,)"
@@ -147,7 +174,8 @@ TEST_F(EndToEnd, RecordsOfEveryKindAndSizeArriveWithAllTheirFields) {
     EXPECT_TRUE(security->WaitForOutput("1/1 security event 0x12345678 \"\xC3\xA9\", 362 bytes: result 0"));
 }
 
-TEST_F(EndToEnd, AKilledProcessManagerIsReportedAndAnotherServiceIsReopened) {
+TEST_F(EndToEnd, AKilledProcessManagerIsReportedAndAnotherServiceIsReopened)
+{
     const auto pm = Serve(PM, "--uds-id 7 --did 0xF190=0a0b");
     auto security = ServeNumbered(SECURITY, 0, 2);
     const auto monitor = StartMonitor("--fault dp:/res/pm/fm --security", 2);
@@ -169,7 +197,8 @@ TEST_F(EndToEnd, AKilledProcessManagerIsReportedAndAnotherServiceIsReopened) {
     }
 }
 
-TEST_F(EndToEnd, AFullPoolIsReportedAndEverythingAcceptedIsDeliveredInOrder) {
+TEST_F(EndToEnd, AFullPoolIsReportedAndEverythingAcceptedIsDeliveredInOrder)
+{
     constexpr size_t COUNT = 2500;  // more than twice what the pool holds
     const auto monitor = StartMonitor("--fault x:/res/stalled --follow", 0);
     const auto publisher = ServeNumbered("x:/res/stalled", 0, COUNT);
@@ -182,7 +211,8 @@ TEST_F(EndToEnd, AFullPoolIsReportedAndEverythingAcceptedIsDeliveredInOrder) {
     EXPECT_EQ(monitor->Output().size(), COUNT);
 }
 
-TEST_F(EndToEnd, TheNewestReaderTakesTheStreamAndTheOlderStaysConnected) {
+TEST_F(EndToEnd, TheNewestReaderTakesTheStreamAndTheOlderStaysConnected)
+{
     const auto publisher =
         Start(PUBLISHER, "--resource dp:/res/pm/fm --wait --kind device --count 100000 --interval 10");
     EXPECT_TRUE(publisher->WaitForOutput("serving"));
@@ -207,7 +237,8 @@ TEST_F(EndToEnd, TheNewestReaderTakesTheStreamAndTheOlderStaysConnected) {
     ExpectHolds(Events(*older, taken + 1).back(), "pm-lost");
 }
 
-TEST_F(EndToEnd, AMonitorThatFollowsSurvivesEveryRestartAndGetsWhatWasAcceptedBeforeTheEndFirst) {
+TEST_F(EndToEnd, AMonitorThatFollowsSurvivesEveryRestartAndGetsWhatWasAcceptedBeforeTheEndFirst)
+{
     const auto monitor = StartMonitor("--follow", 0);
     for (const int round : {0, 1, 2}) {
         const size_t before = 2 * static_cast<size_t>(round);
@@ -228,7 +259,8 @@ TEST_F(EndToEnd, AMonitorThatFollowsSurvivesEveryRestartAndGetsWhatWasAcceptedBe
 }
 
 // In local time, with the colours of their severity, or none if the user wants none.
-TEST_F(EndToEnd, OnATerminalEventsStandInColumnsUnderAHeader) {
+TEST_F(EndToEnd, OnATerminalEventsStandInColumnsUnderAHeader)
+{
     const struct {
         const char *options, *colour, *columns;
     } cases[] = {
@@ -280,10 +312,13 @@ TEST_F(EndToEnd, OnATerminalEventsStandInColumnsUnderAHeader) {
         ExpectHolds(lost, " (this process manager is gone)");
         ExpectEnd(*terminal);
     }
-    for (const char* const name : {"TZ", "NO_COLOR"}) { unsetenv(name); }
+    for (const char* const name : {"TZ", "NO_COLOR"}) {
+        unsetenv(name);
+    }
 }
 
-TEST_F(EndToEnd, WrongUseEndsWithOneLineThatNamesTheCause) {
+TEST_F(EndToEnd, WrongUseEndsWithOneLineThatNamesTheCause)
+{
     const auto server = Serve(PM);
     const struct {
         std::string program, arguments;
@@ -325,7 +360,8 @@ TEST_F(EndToEnd, WrongUseEndsWithOneLineThatNamesTheCause) {
     EXPECT_TRUE(help->WaitForOutput("current reader"));
 }
 
-TEST_F(EndToEnd, AProgramWhoseOutputFailsEndsWithTheRightCode) {
+TEST_F(EndToEnd, AProgramWhoseOutputFailsEndsWithTheRightCode)
+{
     // Through a pipe that is closed while the monitor waits for room in it, or while nothing arrives.
     for (const bool busy : {true, false}) {
         const auto publisher =

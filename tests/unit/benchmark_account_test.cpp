@@ -31,7 +31,8 @@ struct AccountCase {
 
 class Account : public testing::TestWithParam<AccountCase> {};
 
-TEST_P(Account, CountsEveryRecordThatDidNotArriveOnceInPlaceAndWhole) {
+TEST_P(Account, CountsEveryRecordThatDidNotArriveOnceInPlaceAndWhole)
+{
     constexpr size_t SIZE = 362;
     Arrivals arrivals({Mode::LATENCY, SIZE, COUNT, 0});
     BytesCheck check(StampedRecord::Plain(SIZE));
@@ -40,7 +41,9 @@ TEST_P(Account, CountsEveryRecordThatDidNotArriveOnceInPlaceAndWhole) {
         sent.Stamp(arriving.number);
         sent.StampTime(1000);
         std::vector<unsigned char> bytes(sent.Data(), sent.Data() + sent.Size());
-        if (arriving.damagedByte >= 0) { bytes[static_cast<size_t>(arriving.damagedByte)] ^= 1; }
+        if (arriving.damagedByte >= 0) {
+            bytes[static_cast<size_t>(arriving.damagedByte)] ^= 1;
+        }
         arrivals.Take(check, {bytes.data(), bytes.size()}, 3000);
     }
 
@@ -64,7 +67,8 @@ INSTANTIATE_TEST_SUITE_P(
                     AccountCase{"damaged_in_the_last_byte", {{0}, {1}, {2}, {3}, {4, 361}}, 1, true}),
     [](const auto& info) { return std::string(info.param.name); });
 
-TEST(Account, TakesNoRecordOfAnotherLength) {
+TEST(Account, TakesNoRecordOfAnotherLength)
+{
     for (const size_t size : {size_t{15}, size_t{361}, size_t{363}}) {
         Arrivals arrivals({Mode::THROUGHPUT, 362, 1, 0});
         BytesCheck check(StampedRecord::Plain(362));
@@ -74,10 +78,13 @@ TEST(Account, TakesNoRecordOfAnotherLength) {
     }
 }
 
-TEST(Account, QuantilesAreWithinHalfAPercentOfTheValues) {
+TEST(Account, QuantilesAreWithinHalfAPercentOfTheValues)
+{
     Histogram histogram;
     EXPECT_EQ(histogram.Quantile(0.5), 0);
-    for (int64_t value = 1; value <= 1000000; ++value) { histogram.Add(value); }
+    for (int64_t value = 1; value <= 1000000; ++value) {
+        histogram.Add(value);
+    }
     for (const double share : {0.0001, 0.01, 0.5, 0.99, 0.9999}) {
         EXPECT_NEAR(histogram.Quantile(share), share * 1e6, share * 1e6 * 0.005) << share;
     }

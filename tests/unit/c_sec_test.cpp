@@ -12,12 +12,16 @@ using namespace std::string_literals;
 
 enum Function { COPY, SET, TEXT };
 
-int Call(Function function, char* dest, size_t destMax, const char* source, size_t count) {
-    if (function == SET) { return memset_s(dest, destMax, 0x100 + *source, count); }
+int Call(Function function, char* dest, size_t destMax, const char* source, size_t count)
+{
+    if (function == SET) {
+        return memset_s(dest, destMax, 0x100 + *source, count);
+    }
     return function == COPY ? memcpy_s(dest, destMax, source, count) : strncpy_s(dest, destMax, source, count);
 }
 
-TEST(SecureFunctions, CopyOrLeaveTheDestinationInItsKnownState) {
+TEST(SecureFunctions, CopyOrLeaveTheDestinationInItsKnownState)
+{
     const std::string before = "before!\0"s;  // fills the destination, terminator included
     const std::string zeroed(8, '\0');
     const char source[] = {'1', '2', '3', '4', '5', '6', '7', '8', 'a'};  // not terminated

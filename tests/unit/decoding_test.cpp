@@ -11,13 +11,15 @@ const std::string WRONG_SIZE =
     "log 3 deserialized buf size is not eqaul with size of struct dsmi_event=360\n | "
     "log 3 MidFTEDeSerialize err ret=0xF10205";
 
-static std::string EventLog(int assertion) {
+static std::string EventLog(int assertion)
+{
     return Text("event eventName=disk; eventId=0x0; deviceId=0; nodeId=0; assertion=", assertion,
                 "; osId=0; severity=0; eventSerialNum=0; notifySerialNum=0; eventArisedTime=0;");
 }
 
 // A fault event with three data identifiers: three bytes, none, one.
-static int DecodeThreeDids(const unsigned char*, unsigned int, FTEInfo* info, UDSInfo* uds) {
+static int DecodeThreeDids(const unsigned char*, unsigned int, FTEInfo* info, UDSInfo* uds)
+{
     *info = {60001, 0, 4000000001, 250, 4000000002, {}};
     std::fill(std::begin(info->eventName), std::end(info->eventName), 'n');
     *uds = {60002, 3, new DidInfo[3]};
@@ -34,12 +36,14 @@ static int DecodeThreeDids(const unsigned char*, unsigned int, FTEInfo* info, UD
 
 class Decoding : public LibraryTest {
 protected:
-    bool Decode(Bytes record, size_t size) {
+    bool Decode(Bytes record, size_t size)
+    {
         record.resize(size);
         return server_->DeSerializeDataAndCallback(record.data(), static_cast<unsigned int>(size));
     }
 
-    void Check(const std::string& journal, bool delivered, const Bytes& record, size_t size = 362) {
+    void Check(const std::string& journal, bool delivered, const Bytes& record, size_t size = 362)
+    {
         const int64_t liveBefore = heap.live;
         EXPECT_EQ(delivered, Decode(record, size));
         EXPECT_EQ(liveBefore, heap.live);
@@ -47,15 +51,20 @@ protected:
     }
 };
 
-TEST_F(Decoding, EveryRawRecordIsDeliveredOrRefusedAsItsBytesSay) {
-    for (const size_t size : {0, 1, 2}) { Check(TOO_SHORT, false, Raw(0x01, "disk"), size); }
+TEST_F(Decoding, EveryRawRecordIsDeliveredOrRefusedAsItsBytesSay)
+{
+    for (const size_t size : {0, 1, 2}) {
+        Check(TOO_SHORT, false, Raw(0x01, "disk"), size);
+    }
     for (const size_t size : {3, 361, 363, 3960}) {
         Check(WRONG_SIZE, false, Raw(0x01, "disk"), size);
         Check(WRONG_SIZE, false, Raw(0x11, "disk"), size);
     }
     for (int header = 2; header < 256; ++header) {
         const std::string message = Text("log 3 invalid header, header=0x", std::hex, header);
-        if (header != 0x11) { Check(message, false, Raw(static_cast<unsigned char>(header), "disk")); }
+        if (header != 0x11) {
+            Check(message, false, Raw(static_cast<unsigned char>(header), "disk"));
+        }
     }
     Of(eventCallback) = [](const EventInfo&, const UDSInfoForCpp&) {};
     for (const unsigned char forceLog : {0, 1, 0x80}) {
@@ -78,9 +87,12 @@ TEST_F(Decoding, EveryRawRecordIsDeliveredOrRefusedAsItsBytesSay) {
 }
 
 // Every byte of the event names its own offset, and none is a terminator.
-TEST_F(Decoding, ARawEventIsCarriedByteForByteAndLoggedFieldByField) {
+TEST_F(Decoding, ARawEventIsCarriedByteForByteAndLoggedFieldByField)
+{
     Bytes record(362);
-    for (size_t i = 0; i < 360; ++i) { record[2 + i] = static_cast<unsigned char>(0x80 | i); }
+    for (size_t i = 0; i < 360; ++i) {
+        record[2 + i] = static_cast<unsigned char>(0x80 | i);
+    }
     record[0] = record[1] = 0x01;
     Bytes received(360);
     Of(deviceCallback) = [&](const dsmi_event& event) { std::memcpy(received.data(), &event, 360); };
@@ -92,7 +104,8 @@ TEST_F(Decoding, ARawEventIsCarriedByteForByteAndLoggedFieldByField) {
               Journal());
 }
 
-TEST_F(Decoding, AFaultEventIsConvertedWholeAndItsArrayReleasedOnEveryWayOut) {
+TEST_F(Decoding, AFaultEventIsConvertedWholeAndItsArrayReleasedOnEveryWayOut)
+{
     const Bytes record = {0x00, 0x00, 'p', 'q', 'r'};
     const std::string converted = "FTEDeSerialize(pqr) | event eventName=" + std::string(128, 'n') +
                                   "; eventId=60001; deviceId=250; nodeId=4000000001; assertion=0; osId=4000000002; | "
@@ -136,7 +149,8 @@ TEST_F(Decoding, AFaultEventIsConvertedWholeAndItsArrayReleasedOnEveryWayOut) {
     }
 }
 
-TEST_F(Decoding, OnlyAResultOfOneLetsADiagnosticThroughAndNothingFiltersTheEventLog) {
+TEST_F(Decoding, OnlyAResultOfOneLetsADiagnosticThroughAndNothingFiltersTheEventLog)
+{
     for (const int result : {0, 2, -1}) {
         Always("check", nullptr, result);
         Decode(Raw(0x01, "disk"), 100);
@@ -146,13 +160,16 @@ TEST_F(Decoding, OnlyAResultOfOneLetsADiagnosticThroughAndNothingFiltersTheEvent
     }
 }
 
-TEST_F(Decoding, RawRecordsAreDecodedAndDeliveredWithoutHeapUse) {
+TEST_F(Decoding, RawRecordsAreDecodedAndDeliveredWithoutHeapUse)
+{
     static int delivered;
     delivered = 0;
     Of(deviceCallback) = Of(securityCallback) = [](const dsmi_event&) { ++delivered; };
     const Bytes records[] = {Raw(0x01, "disk", 1), Raw(0x11, "login")};
     const int64_t before = heap.allocations;
-    for (int i = 0; i < 1000; ++i) { server_->DeSerializeDataAndCallback(records[i % 2].data(), 362); }
+    for (int i = 0; i < 1000; ++i) {
+        server_->DeSerializeDataAndCallback(records[i % 2].data(), 362);
+    }
     EXPECT_EQ(before, heap.allocations);
     EXPECT_EQ(1000, delivered);
 }

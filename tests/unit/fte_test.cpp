@@ -15,18 +15,32 @@
 #include "platform/host/fte/FteCodes.h"
 
 // Arrays that this thread has allocated, and which one of them fails (negative: none).
-static thread_local struct { int count = 0, fails = -1; } arrays;
+static thread_local struct {
+    int count = 0, fails = -1;
+} arrays;
 static std::atomic<bool> threadsCannotBeStarted{false};
 
-void* operator new[](size_t n) { return arrays.count++ == arrays.fails ? throw std::bad_alloc() : operator new(n); }
-void operator delete[](void* memory) noexcept { operator delete(memory); }
-void operator delete[](void* memory, size_t) noexcept { operator delete(memory); }
+void* operator new[](size_t n)
+{
+    return arrays.count++ == arrays.fails ? throw std::bad_alloc() : operator new(n);
+}
+void operator delete[](void* memory) noexcept
+{
+    operator delete(memory);
+}
+void operator delete[](void* memory, size_t) noexcept
+{
+    operator delete(memory);
+}
 
 // Every std::thread of the process starts here.
-void std::thread::_M_start_thread(_State_ptr state, void (*depend)()) {
+void std::thread::_M_start_thread(_State_ptr state, void (*depend)())
+{
     static const auto start = reinterpret_cast<void (*)(std::thread*, _State_ptr, void (*)())>(
         dlsym(RTLD_NEXT, "_ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE"));
-    if (threadsCannotBeStarted) { throw std::system_error(EAGAIN, std::generic_category()); }
+    if (threadsCannotBeStarted) {
+        throw std::system_error(EAGAIN, std::generic_category());
+    }
     start(this, std::move(state), depend);
 }
 
@@ -37,7 +51,8 @@ using Bytes = std::vector<unsigned char>;
 
 // ---- The serialized form
 
-FaultEvent Event(const std::string& name, const std::vector<FaultDid>& dids) {
+FaultEvent Event(const std::string& name, const std::vector<FaultDid>& dids)
+{
     return {0xA1B2, 1, 0xC1C2C3C4, 0xD1, 0xE1E2E3E4, name, 0xF1F2, dids};
 }
 
@@ -49,7 +64,8 @@ const Bytes EXAMPLE_PAYLOAD(EXAMPLE_RECORD.begin() + 2, EXAMPLE_RECORD.end());
 
 // Decodes at the very end of readable memory, and holds the result to what every decoding promises: what decodes is
 // encoded to the same bytes again and needs the heap only for its DIDs; what is refused leaves nothing behind.
-int Decode(const Bytes& payload, int failing = -1) {
+int Decode(const Bytes& payload, int failing = -1)
+{
     static void* const memory = mmap(nullptr, 0x20000, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     unsigned char* const end = static_cast<unsigned char*>(memory) + 0x10000;
     mprotect(end, 0x10000, PROT_NONE);
@@ -61,7 +77,9 @@ int Decode(const Bytes& payload, int failing = -1) {
     arrays.fails = -1;
     const std::unique_ptr<DidInfo[]> dids(uds.didInfo);
     EXPECT_TRUE(code == FTE_OK || (dids == nullptr && arrays.count == failing + 1));
-    if (code != FTE_OK) { return code; }
+    if (code != FTE_OK) {
+        return code;
+    }
     const std::string name(info.eventName, strnlen(info.eventName, sizeof(info.eventName)));
     EXPECT_TRUE(std::all_of(info.eventName + name.size(), std::end(info.eventName), [](char c) { return c == '\0'; }));
     FaultEvent event{info.eventId, info.assertion, info.nodeId, info.deviceId, info.osId, name, uds.udsId, {}};
@@ -74,7 +92,8 @@ int Decode(const Bytes& payload, int failing = -1) {
     return code;
 }
 
-TEST(FaultRecord, HasTheDocumentedBytesAndDecodesWheneverItFits) {
+TEST(FaultRecord, HasTheDocumentedBytesAndDecodesWheneverItFits)
+{
     EXPECT_EQ(EncodeRecord(EXAMPLE, true), EXAMPLE_RECORD);
     EXPECT_EQ(EncodeRecord(EXAMPLE, false)[1], 0);
     const FaultEvent largest = Event("", {{1, Bytes(3930, 0xEE)}});
@@ -91,7 +110,8 @@ TEST(FaultRecord, HasTheDocumentedBytesAndDecodesWheneverItFits) {
     EXPECT_THROW(EncodePayload(Event(std::string("a\0b", 3), {})), std::invalid_argument);
 }
 
-TEST(FaultRecord, IsRefusedWithTheKindOfItsDefect) {
+TEST(FaultRecord, IsRefusedWithTheKindOfItsDefect)
+{
     // Which byte of the example, its new value, the verdict.
     const std::tuple<size_t, int, int> changes[] = {
         {3, 'Q', FTE_BAD_MAGIC},      {4, 0, FTE_BAD_VERSION},      {4, 2, FTE_BAD_VERSION},
@@ -117,7 +137,8 @@ TEST(FaultRecord, IsRefusedWithTheKindOfItsDefect) {
     EXPECT_EQ(FTEDeSerialize(&EXAMPLE_PAYLOAD[0], 37, &info, nullptr), FTE_NULL_ARGUMENT);
 }
 
-TEST(FaultRecord, KeepsTheDecodersPromisesWhateverItHoldsAndWithoutMemory) {
+TEST(FaultRecord, KeepsTheDecodersPromisesWhateverItHoldsAndWithoutMemory)
+{
     std::mt19937 random(20240229);
     int decoded = 0;
     for (int round = 0; round < 20000 && !HasFailure(); ++round) {
@@ -130,25 +151,32 @@ TEST(FaultRecord, KeepsTheDecodersPromisesWhateverItHoldsAndWithoutMemory) {
     EXPECT_GT(decoded, 1000);
     // The array and two data areas fail in turn, then it works.
     const Bytes payload = EncodePayload(Event("fan", {{1, {1}}, {2, {2}}}));
-    for (const int n : {0, 1, 2, 3}) { EXPECT_EQ(Decode(payload, n), n < 3 ? FTE_NO_RESOURCE : FTE_OK); }
+    for (const int n : {0, 1, 2, 3}) {
+        EXPECT_EQ(Decode(payload, n), n < 3 ? FTE_NO_RESOURCE : FTE_OK);
+    }
 }
 
 // ---- Registration and reporting
 
-bool Reaches(const std::atomic<int>& count, int value) {
+bool Reaches(const std::atomic<int>& count, int value)
+{
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (count < value && std::chrono::steady_clock::now() < deadline) { std::this_thread::yield(); }
+    while (count < value && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::yield();
+    }
     return count >= value;
 }
 
-int Send(const std::string& procName = "process-manager", uint32_t eventId = 0x8C03A000) {
+int Send(const std::string& procName = "process-manager", uint32_t eventId = 0x8C03A000)
+{
     FTEReportInfo report{eventId, 0, 0, 0xFFFF, 2, 1, {}, {}, {'r', 'r'}};
     procName.copy(report.procName, sizeof(report.procName));
     return MidFTEReport(&report);
 }
 
 // Registers what is done with each record, as the raw event in it.
-void Register(const std::function<void(const dsmi_event&)>& action, int result = 0) {
+void Register(const std::function<void(const dsmi_event&)>& action, int result = 0)
+{
     const auto callable = [=](const unsigned char* data, unsigned int length) {
         EXPECT_TRUE(length == 362 && data[0] == 0x01 && data[1] == 1);
         dsmi_event event;
@@ -160,10 +188,14 @@ void Register(const std::function<void(const dsmi_event&)>& action, int result =
 }
 
 struct FaultReporting : testing::Test {
-    void TearDown() override { EXPECT_EQ(FTEUnregisterCallback(), FTE_OK); }
+    void TearDown() override
+    {
+        EXPECT_EQ(FTEUnregisterCallback(), FTE_OK);
+    }
 };
 
-TEST_F(FaultReporting, DeliversARawDeviceEventOnAnotherThreadAndLogsOneLineAboutIt) {
+TEST_F(FaultReporting, DeliversARawDeviceEventOnAnotherThreadAndLogsOneLineAboutIt)
+{
     const auto expectLine = [](const std::function<int()>& report, int code, const std::string& end) {
         testing::internal::CaptureStderr();
         EXPECT_EQ(report(), code);
@@ -193,10 +225,13 @@ TEST_F(FaultReporting, DeliversARawDeviceEventOnAnotherThreadAndLogsOneLineAbout
     }
 }
 
-TEST_F(FaultReporting, IsOverOnceUnregistrationHasReturned) {
+TEST_F(FaultReporting, IsOverOnceUnregistrationHasReturned)
+{
     std::atomic<int> steps{0}, stop{0};  // an odd number of steps: a call goes on
     std::thread reporter([&] {
-        while (stop == 0) { EXPECT_EQ(Send() % FTE_QUEUE_FULL, FTE_OK); }
+        while (stop == 0) {
+            EXPECT_EQ(Send() % FTE_QUEUE_FULL, FTE_OK);
+        }
     });
     for (int round = 0; round < 50; ++round) {
         Register([&](const dsmi_event&) {
@@ -215,7 +250,8 @@ TEST_F(FaultReporting, IsOverOnceUnregistrationHasReturned) {
     reporter.join();
 }
 
-TEST_F(FaultReporting, WaitsInUnregistrationForTheCallInFlightAndDropsTheRest) {
+TEST_F(FaultReporting, WaitsInUnregistrationForTheCallInFlightAndDropsTheRest)
+{
     std::atomic<int> entered{0}, mayLeave{0}, left{0}, dropped{0}, eventId{0};
     const auto fail = [&](const dsmi_event&) {
         ++entered;
@@ -229,11 +265,15 @@ TEST_F(FaultReporting, WaitsInUnregistrationForTheCallInFlightAndDropsTheRest) {
     ASSERT_TRUE(Reaches(entered, 1));
     Register([&](const dsmi_event&) { ++dropped; });
     // With the one thread busy, exactly the bounded queue takes reports.
-    for (int i = 0; i < 1024; ++i) { EXPECT_EQ(Send(), FTE_OK); }
+    for (int i = 0; i < 1024; ++i) {
+        EXPECT_EQ(Send(), FTE_OK);
+    }
     EXPECT_EQ(Send(), FTE_QUEUE_FULL);
     auto leaver = std::async(std::launch::async, [&] { return FTEUnregisterCallback() == FTE_OK && left == 1; });
     // The unregistration has begun once reports are accepted, and dropped, again.
-    while (Send() == FTE_QUEUE_FULL) { std::this_thread::yield(); }
+    while (Send() == FTE_QUEUE_FULL) {
+        std::this_thread::yield();
+    }
     ++mayLeave;
     EXPECT_TRUE(leaver.get());
     EXPECT_EQ(Send("later", 5), FTE_OK);
@@ -245,12 +285,22 @@ TEST_F(FaultReporting, WaitsInUnregistrationForTheCallInFlightAndDropsTheRest) {
 struct Reentrant {
     inline static bool copyThrows = false;
     Reentrant() = default;
-    Reentrant(const Reentrant&) { copyThrows ? throw 42 : Send(); }
-    ~Reentrant() { EXPECT_EQ(Send() + FTEUnregisterCallback(), FTE_OK); }
-    int operator()(const unsigned char*, unsigned int) const { return 0; }
+    Reentrant(const Reentrant&)
+    {
+        copyThrows ? throw 42 : Send();
+    }
+    ~Reentrant()
+    {
+        EXPECT_EQ(Send() + FTEUnregisterCallback(), FTE_OK);
+    }
+    int operator()(const unsigned char*, unsigned int) const
+    {
+        return 0;
+    }
 };
 
-TEST_F(FaultReporting, RunsNoClientCodeUnderItsLockAndLetsNoExceptionOut) {
+TEST_F(FaultReporting, RunsNoClientCodeUnderItsLockAndLetsNoExceptionOut)
+{
     const std::function<int(const unsigned char*, unsigned int)> reentrant = Reentrant();
     EXPECT_EQ(FTERegisterCallback(reentrant), FTE_OK);
     EXPECT_EQ(FTERegisterCallback(reentrant), FTE_OK);
@@ -266,7 +316,8 @@ TEST_F(FaultReporting, RunsNoClientCodeUnderItsLockAndLetsNoExceptionOut) {
 }
 
 // In a process of its own, because the thread of this one may be running already.
-TEST_F(FaultReporting, FailsToRegisterWhenItsThreadCannotBeStartedAndWorksWhenItCan) {
+TEST_F(FaultReporting, FailsToRegisterWhenItsThreadCannotBeStartedAndWorksWhenItCan)
+{
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     const auto scenario = [] {
         std::atomic<int> delivered{0};

@@ -29,7 +29,10 @@ constexpr uint32_t HUGE_NUMBER = 1U << 31;
 constexpr uint64_t RING_SIZE = RingBytes(8);
 constexpr uint64_t POOL_SIZE = uint64_t{BLOCKS} * STRIDE;
 
-std::string Bytes(const Message& message) { return {reinterpret_cast<const char*>(&message), sizeof message}; }
+std::string Bytes(const Message& message)
+{
+    return {reinterpret_cast<const char*>(&message), sizeof message};
+}
 
 // What can be said with one letter: the sound messages in capitals; unsound HELLO (a field that is not used), RING
 // (magic, version, type, a field that is not used, more entries than bytes, no entries, an odd number) and POOL (more
@@ -55,16 +58,24 @@ const std::map<char, std::string> MESSAGES{{'H', Bytes({PROTOCOL_MAGIC, 1, 1, 0,
 
 // One end of a connection, spoken by hand.
 struct Wire {
-    explicit Wire(int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)) : socket(fd) {}
-    explicit Wire(const std::string& path) : Wire() { EXPECT_EQ(0, WithAddress(connect, path)); }
+    explicit Wire(int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)) : socket(fd)
+    {
+    }
+    explicit Wire(const std::string& path) : Wire()
+    {
+        EXPECT_EQ(0, WithAddress(connect, path));
+    }
 
     // Calls connect or bind.
-    template <typename Call> int WithAddress(Call call, const std::string& path) const {
+    template <typename Call>
+    int WithAddress(Call call, const std::string& path) const
+    {
         sockaddr_un address{AF_UNIX, {}};
         path.copy(address.sun_path, sizeof address.sun_path - 1);
         return call(socket.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address);
     }
-    void Send(std::string bytes, const std::vector<int>& fds) const {
+    void Send(std::string bytes, const std::vector<int>& fds) const
+    {
         iovec part{bytes.data(), bytes.size()};
         alignas(cmsghdr) char control[CMSG_SPACE(16 * sizeof(int))] = {};
         msghdr header{nullptr, 0, &part, 1, control, fds.empty() ? 0 : CMSG_SPACE(fds.size() * sizeof(int)), 0};
@@ -77,11 +88,14 @@ struct Wire {
     // Says what the letters stand for: after a message, digits for the descriptors sent with it; X and W hang up and
     // half so; any other letter is an act of the caller's.
     void Say(const std::string& letters, const std::vector<int>& sendable = {},
-             const std::function<void(char)>& act = {}) const {
+             const std::function<void(char)>& act = {}) const
+    {
         for (size_t i = 0; i < letters.size();) {
             const char letter = letters[i++];
             std::vector<int> fds;
-            for (; isdigit(letters[i]) != 0; ++i) { fds.push_back(sendable[static_cast<size_t>(letters[i] - '0')]); }
+            for (; isdigit(letters[i]) != 0; ++i) {
+                fds.push_back(sendable[static_cast<size_t>(letters[i] - '0')]);
+            }
             if (const auto message = MESSAGES.find(letter); message != MESSAGES.end()) {
                 Send(message->second, fds);
             } else if (letter == 'X' || letter == 'W') {
@@ -92,11 +106,14 @@ struct Wire {
         }
     }
     // Waits for one message; false at the end of the connection.
-    bool Receive() {
+    bool Receive()
+    {
         iovec part{&message, sizeof message};
         alignas(cmsghdr) char control[CMSG_SPACE(4 * sizeof(int))] = {};
         msghdr header{nullptr, 0, &part, 1, control, sizeof control, 0};
-        if (recvmsg(socket.Get(), &header, MSG_CMSG_CLOEXEC) <= 0) { return false; }
+        if (recvmsg(socket.Get(), &header, MSG_CMSG_CLOEXEC) <= 0) {
+            return false;
+        }
         const cmsghdr* const rights = CMSG_FIRSTHDR(&header);
         for (size_t i = 0; rights != nullptr && CMSG_LEN(i * sizeof(int)) < rights->cmsg_len; ++i) {
             received.emplace_back(reinterpret_cast<const int*>(CMSG_DATA(rights))[i]);
@@ -104,7 +121,8 @@ struct Wire {
         return true;
     }
     // Waits until the other side has hung up, whatever it still sent.
-    bool IsHungUp() const {
+    bool IsHungUp() const
+    {
         pollfd waiting{socket.Get(), POLLRDHUP, 0};
         return poll(&waiting, 1, static_cast<int>(std::chrono::milliseconds(PATIENCE).count())) == 1;
     }
@@ -114,12 +132,14 @@ struct Wire {
     std::vector<UniqueFd> received;  // all descriptors
 };
 
-Mapping Map(const UniqueFd& memory, size_t size) {
+Mapping Map(const UniqueFd& memory, size_t size)
+{
     return Mapping(mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, memory.Get(), 0), size);
 }
 
 struct Memory {
-    explicit Memory(size_t size, int seals = SIZE_SEALS) : fd(memfd_create("unit", MFD_ALLOW_SEALING | MFD_CLOEXEC)) {
+    explicit Memory(size_t size, int seals = SIZE_SEALS) : fd(memfd_create("unit", MFD_ALLOW_SEALING | MFD_CLOEXEC))
+    {
         EXPECT_EQ(0, ftruncate(fd.Get(), static_cast<off_t>(size)));
         map = Map(fd, size);
         EXPECT_EQ(0, fcntl(fd.Get(), F_ADD_SEALS, seals));
@@ -133,7 +153,8 @@ struct Memory {
 
 class HostileServiceTest : public IamTest {
 protected:
-    Wire Listener(int backlog) const {
+    Wire Listener(int backlog) const
+    {
         Wire listener;
         EXPECT_EQ(0, listener.WithAddress(bind, SocketPath()));
         EXPECT_EQ(0, listen(listener.socket.Get(), backlog));
@@ -141,7 +162,8 @@ protected:
     }
     // What a reader gets from a service that says this: the error of its open, or all that it reads up to an error,
     // which must stay.
-    std::string Heard(const std::string& script, uint64_t entry = 0) const {
+    std::string Heard(const std::string& script, uint64_t entry = 0) const
+    {
         const Wire listener = Listener(8);
         std::atomic<bool> opened{false};
         const auto service = std::async(std::launch::async, [&] {
@@ -150,16 +172,21 @@ protected:
         const Reader reader;
         opened = true;
         EXPECT_EQ(0, unlink(SocketPath().c_str()));
-        if (reader.error != 0) { return std::string("!") + strerrorname_np(reader.error); }
+        if (reader.error != 0) {
+            return std::string("!") + strerrorname_np(reader.error);
+        }
         std::string heard;
         std::string last;
-        while ((last = reader.Read())[0] != '!') { heard += last + ","; }
+        while ((last = reader.Read())[0] != '!') {
+            heard += last + ",";
+        }
         EXPECT_EQ(last, reader.Read());
         return heard + last;
     }
 
 private:
-    static void Serve(Wire wire, const std::string& script, uint64_t entry, const std::atomic<bool>& opened) {
+    static void Serve(Wire wire, const std::string& script, uint64_t entry, const std::atomic<bool>& opened)
+    {
         EXPECT_TRUE(wire.Receive());
         int ends[2];
         EXPECT_EQ(0, pipe2(ends, O_CLOEXEC));  // it may block: not the reader's problem
@@ -182,22 +209,42 @@ private:
         // Besides what a Wire can say:
         wire.Say(script, sendable, [&](char letter) {
             switch (letter) {
-                case '+': ++ring.appended; break;
-                case '-': --ring.appended; break;
-                case '#': ring.appended += 9; break;  // more than the ring holds
-                case 'b': EXPECT_EQ(1, write(ringer.Get(), "", 1)); break;
-                case 'N': ringer.Reset(); break;
-                case 'V': ring.revoked = 1; break;
-                case '!': EXPECT_TRUE(Eventually([&] { return opened.load(); })); break;
-                case 'z': EXPECT_TRUE(Eventually([&] { return ring.sleeping == 1; })); break;
-                case '=': EXPECT_TRUE(Eventually([&] { return ring.consumed == ring.appended; })); break;
+                case '+':
+                    ++ring.appended;
+                    break;
+                case '-':
+                    --ring.appended;
+                    break;
+                case '#':
+                    ring.appended += 9;
+                    break;  // more than the ring holds
+                case 'b':
+                    EXPECT_EQ(1, write(ringer.Get(), "", 1));
+                    break;
+                case 'N':
+                    ringer.Reset();
+                    break;
+                case 'V':
+                    ring.revoked = 1;
+                    break;
+                case '!':
+                    EXPECT_TRUE(Eventually([&] { return opened.load(); }));
+                    break;
+                case 'z':
+                    EXPECT_TRUE(Eventually([&] { return ring.sleeping == 1; }));
+                    break;
+                case '=':
+                    EXPECT_TRUE(Eventually([&] { return ring.consumed == ring.appended; }));
+                    break;
             }
         });
-        while (wire.Receive()) {}  // until the reader is gone
+        while (wire.Receive()) {
+        }  // until the reader is gone
     }
 };
 
-TEST_F(HostileServiceTest, OpenFailsInBoundedTimeWithTheRightCauseAndKeepsNothing) {
+TEST_F(HostileServiceTest, OpenFailsInBoundedTimeWithTheRightCauseAndKeepsNothing)
+{
     const std::pair<const char*, std::vector<const char*>> cases[] = {
         {"!ETIMEDOUT", {"", "R10"}},
         {"!ECONNREFUSED", {"X", "E", "R10X"}},
@@ -206,7 +253,9 @@ TEST_F(HostileServiceTest, OpenFailsInBoundedTimeWithTheRightCauseAndKeepsNothin
         {"!EPROTO", {"P2", "C", "R10R10", "R10C1", "R10P2P2", "R10P", "R10P7", "R10P8", "R10p2", "R10q2"}},
     };
     for (const auto& [error, scripts] : cases) {
-        for (const char* const script : scripts) { EXPECT_EQ(error, Heard(script)) << script; }
+        for (const char* const script : scripts) {
+            EXPECT_EQ(error, Heard(script)) << script;
+        }
     }
     const Wire full = Listener(0);
     const Wire first(SocketPath());
@@ -214,7 +263,8 @@ TEST_F(HostileServiceTest, OpenFailsInBoundedTimeWithTheRightCauseAndKeepsNothin
     EXPECT_EQ(0, unlink(SocketPath().c_str()));
 }
 
-TEST_F(HostileServiceTest, AReadFailsOnWhatMakesNoSenseAndNeverLeavesThePool) {
+TEST_F(HostileServiceTest, AReadFailsOnWhatMakesNoSenseAndNeverLeavesThePool)
+{
     const std::string opened = "R10P2C!";
     EXPECT_EQ(",!EPIPE", Heard(opened + "+bX", PackEntry(3, 0)));
     EXPECT_EQ("last,!EPIPE", Heard(opened + "+bX", PackEntry(3, 4)));
@@ -225,7 +275,9 @@ TEST_F(HostileServiceTest, AReadFailsOnWhatMakesNoSenseAndNeverLeavesThePool) {
     for (const char* const said : {"#b", "-b", "J", "P2", "R10", "C"}) {
         EXPECT_EQ("!EPROTO", Heard(opened + said)) << said;
     }
-    for (const char* const said : {"X", "N", "V+b"}) { EXPECT_EQ("!EPIPE", Heard(opened + said)) << said; }
+    for (const char* const said : {"X", "N", "V+b"}) {
+        EXPECT_EQ("!EPIPE", Heard(opened + said)) << said;
+    }
     // What was queued before the hang-up is delivered, also when the reader hears of the hang-up first.
     EXPECT_EQ(",!EPIPE", Heard(opened + "z+X"));
     // A count that goes back; and a record before there is a pool.
@@ -237,7 +289,8 @@ TEST_F(HostileServiceTest, AReadFailsOnWhatMakesNoSenseAndNeverLeavesThePool) {
 // The ring between two that are honest
 
 // Each record is appended just when the reader is about to sleep.
-TEST(RingTest, NoReaderSleepsThroughARecord) {
+TEST(RingTest, NoReaderSleepsThroughARecord)
+{
 #ifdef TEST_EMULATED
     GTEST_SKIP() << "qemu-user on x86 lets a load (LDAR) overtake an older store (STLR), as no AArch64 processor does";
 #endif
@@ -248,7 +301,9 @@ TEST(RingTest, NoReaderSleepsThroughARecord) {
     std::atomic<bool> rung{false};
     std::thread reading([&] {
         for (uint32_t n = 0; n < RECORDS && !HasFailure(); reader.WakeUp()) {
-            for (volatile uint32_t pause = n % 512; pause > 0;) { pause = pause - 1; }
+            for (volatile uint32_t pause = n % 512; pause > 0;) {
+                pause = pause - 1;
+            }
             if (reader.Look() == RingReader::State::READY) {
                 EXPECT_EQ(PackEntry(n % 8, n), reader.Front());
                 reader.Pop();
@@ -259,7 +314,9 @@ TEST(RingTest, NoReaderSleepsThroughARecord) {
         }
     });
     for (uint32_t n = 0; n < RECORDS && !HasFailure(); ++n) {
-        if (writer.Append(n % 8, n)) { rung = true; }
+        if (writer.Append(n % 8, n)) {
+            rung = true;
+        }
         Eventually([&] { return writer.ClaimedConsumed() > n; });
     }
     reading.join();
@@ -270,22 +327,29 @@ TEST(RingTest, NoReaderSleepsThroughARecord) {
 
 // A reader that speaks by hand and has completed the handshake.
 struct HandReader : Wire {
-    explicit HandReader(const std::string& path) : Wire(path) {
+    explicit HandReader(const std::string& path) : Wire(path)
+    {
         Say("H");
         EXPECT_TRUE(Receive());
         ring = Map(received.at(0), message.bytes);
         Say("Y");
-        do { EXPECT_TRUE(Receive()); } while (message.type == uint16_t(MessageType::POOL));
+        do {
+            EXPECT_TRUE(Receive());
+        } while (message.type == uint16_t(MessageType::POOL));
         EXPECT_EQ(uint16_t(MessageType::CONNECTED), message.type);
     }
-    RingHeader& Header() const { return *reinterpret_cast<RingHeader*>(ring.Bytes()); }
+    RingHeader& Header() const
+    {
+        return *reinterpret_cast<RingHeader*>(ring.Bytes());
+    }
 
     Mapping ring;
 };
 
 class HostileReaderTest : public IamTest {
 protected:
-    ~HostileReaderTest() override {
+    ~HostileReaderTest() override
+    {
         ExpectDelivery(publisher, Reader());  // a good one is still served
         EXPECT_EQ(100U, publisher.FreeBlocks());
     }
@@ -293,7 +357,8 @@ protected:
     Publisher publisher{100};
 };
 
-TEST_F(HostileReaderTest, WrongMessagesEndTheConnectionAndNobodyHearsOfIt) {
+TEST_F(HostileReaderTest, WrongMessagesEndTheConnectionAndNobodyHearsOfIt)
+{
     for (const char* const script : {"J", "L", "E", "H0", "Y", "C", "h", "HH", "R00", "HW", "HYJ"}) {
         const Wire wire(SocketPath());
         wire.Say(script, {STDERR_FILENO});
@@ -302,29 +367,38 @@ TEST_F(HostileReaderTest, WrongMessagesEndTheConnectionAndNobodyHearsOfIt) {
     EXPECT_LE(receiver.opened, 1U);  // the last one got that far
 }
 
-TEST_F(HostileReaderTest, IdleConnectionsAreDroppedAndHoldNobodyUp) {
+TEST_F(HostileReaderTest, IdleConnectionsAreDroppedAndHoldNobodyUp)
+{
     std::deque<Wire> idle;
-    for (int i = 0; i < 200; ++i) { idle.emplace_back(SocketPath()).Say(i % 2 == 0 ? "H" : ""); }  // and never reads
+    for (int i = 0; i < 200; ++i) {
+        idle.emplace_back(SocketPath()).Say(i % 2 == 0 ? "H" : "");
+    }  // and never reads
     ExpectDelivery(publisher, Reader());
-    for (const auto& wire : idle) { EXPECT_TRUE(wire.IsHungUp()); }
+    for (const auto& wire : idle) {
+        EXPECT_TRUE(wire.IsHungUp());
+    }
     EXPECT_EQ(1U, receiver.opened);
 }
 
-TEST_F(HostileReaderTest, WhatItWasHandedCannotBeUsedAgainstTheService) {
+TEST_F(HostileReaderTest, WhatItWasHandedCannotBeUsedAgainstTheService)
+{
     HandReader reader(SocketPath());
     ASSERT_EQ(3U, reader.received.size());  // ring, bell, pool
     const int pool = reader.received[2].Get();
     EXPECT_EQ(MAP_FAILED, mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, pool, 0));
     EXPECT_EQ(-1, fcntl(pool, F_ADD_SEALS, F_SEAL_WRITE));
     for (const int fd : {pool, reader.received[0].Get()}) {
-        for (const off_t size : {0, 1 << 24}) { EXPECT_EQ(-1, ftruncate(fd, size)); }
+        for (const off_t size : {0, 1 << 24}) {
+            EXPECT_EQ(-1, ftruncate(fd, size));
+        }
     }
     // The bell: full, blocking as far as its reader can make it, and always due.
     const std::string bell = "/proc/self/fd/" + std::to_string(reader.received[1].Get());
     const UniqueFd filler(open(bell.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC));
     fcntl(reader.received[1].Get(), F_SETPIPE_SZ, 4096);
     fcntl(reader.received[1].Get(), F_SETFL, 0);
-    while (write(filler.Get(), "xxxxxxxx", 8) > 0) {}
+    while (write(filler.Get(), "xxxxxxxx", 8) > 0) {
+    }
     for (int i = 0; i < 100; ++i) {
         reader.Header().sleeping = 1;
         ASSERT_EQ(0, publisher.Publish(Numbered(1, 300)));
@@ -334,13 +408,16 @@ TEST_F(HostileReaderTest, WhatItWasHandedCannotBeUsedAgainstTheService) {
     EXPECT_TRUE(Eventually([&] { return receiver.closed == 1; }));
 }
 
-TEST_F(HostileReaderTest, ScribblingOverItsRingHurtsOnlyItself) {
+TEST_F(HostileReaderTest, ScribblingOverItsRingHurtsOnlyItself)
+{
     std::mt19937_64 random(11);
     for (int round = 0; round < 60; ++round) {
         HandReader reader(SocketPath());
         ASSERT_EQ(0, publisher.Publish("first"));
         const auto before = Clock::now();
-        if (round == 0) { reader.Header().consumed = 1000; }  // more than it was given
+        if (round == 0) {
+            reader.Header().consumed = 1000;
+        }  // more than it was given
         for (int i = 0; i < 300; ++i) {
             if (round > 0) {
                 const size_t word = random() % (round % 2 == 0 ? 80 : reader.ring.Size() / 8);
@@ -357,7 +434,8 @@ TEST_F(HostileReaderTest, ScribblingOverItsRingHurtsOnlyItself) {
 // ---------------------------------------------------------------------------------------------------------------------
 // Another user. The directory keeps such a peer out; here it is let past it.
 
-int InChildOfAnotherUser(const std::function<bool()>& act) {
+int InChildOfAnotherUser(const std::function<bool()>& act)
+{
     const pid_t pid = fork();
     if (pid == 0) {
         _exit(setresgid(12345, 12345, 12345) == 0 && setresuid(12345, 12345, 12345) == 0 && act() ? 0 : 1);
@@ -365,8 +443,11 @@ int InChildOfAnotherUser(const std::function<bool()>& act) {
     return StatusOf(pid);
 }
 
-TEST_F(IamTest, APeerOfAnotherUserIsRefused) {
-    if (geteuid() != 0) { GTEST_SKIP() << "needs root to become another user"; }
+TEST_F(IamTest, APeerOfAnotherUserIsRefused)
+{
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "needs root to become another user";
+    }
     {
         // The user of a listening socket is whoever called listen.
         const Wire listener;

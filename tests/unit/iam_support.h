@@ -36,20 +36,25 @@ constexpr std::chrono::seconds PATIENCE{30};           // far above anything tha
 constexpr std::chrono::milliseconds OPEN_BOUND{1700};  // one second, and a busy machine
 constexpr char NAME[] = "dp:/res/unit/events";
 
-inline bool Eventually(const std::function<bool()>& condition) {
+inline bool Eventually(const std::function<bool()>& condition)
+{
     for (const auto deadline = Clock::now() + PATIENCE; !condition(); std::this_thread::yield()) {
-        if (Clock::now() > deadline) { return false; }
+        if (Clock::now() > deadline) {
+            return false;
+        }
     }
     return true;
 }
 
-inline int StatusOf(pid_t pid) {
+inline int StatusOf(pid_t pid)
+{
     int status = 0;
     EXPECT_EQ(pid, waitpid(pid, &status, 0));
     return status;
 }
 
-inline std::string Numbered(size_t number, size_t size) {
+inline std::string Numbered(size_t number, size_t size)
+{
     std::string record = std::to_string(number) + ":";
     record.resize(std::max(size, record.size()), static_cast<char>('a' + number % 26));
     return record;
@@ -65,25 +70,32 @@ struct Receiver {
 };
 inline Receiver receiver;
 
-inline int OnOpen(IAMRTFSMgrFile* file) {
+inline int OnOpen(IAMRTFSMgrFile* file)
+{
     std::unique_lock<std::mutex> lock(receiver.mutex);
     receiver.current = file;
     ++receiver.opened;
     lock.unlock();
-    if (receiver.whenOpened) { receiver.whenOpened(); }
+    if (receiver.whenOpened) {
+        receiver.whenOpened();
+    }
     return 0;
 }
 
-inline int OnClose(IAMRTFSMgrFile* file) {
+inline int OnClose(IAMRTFSMgrFile* file)
+{
     const std::lock_guard<std::mutex> lock(receiver.mutex);
-    if (receiver.current == file) { receiver.current = nullptr; }
+    if (receiver.current == file) {
+        receiver.current = nullptr;
+    }
     receiver.closed += strstr(file->name, NAME) != nullptr ? 1 : 1000;  // the object still lives
     return 0;
 }
 
 struct Publisher {
     // Serves and has a pool, unless that is the test's affair.
-    explicit Publisher(uint32_t blocks = 0, const char* name = NAME) : name(name) {
+    explicit Publisher(uint32_t blocks = 0, const char* name = NAME) : name(name)
+    {
         receiver.current = nullptr;
         receiver.whenOpened = nullptr;
         receiver.opened = receiver.closed = 0;
@@ -92,41 +104,61 @@ struct Publisher {
             EXPECT_EQ(0, MakePool(blocks));
         }
     }
-    ~Publisher() { IAMShmDestroyPool(&pool); }
+    ~Publisher()
+    {
+        IAMShmDestroyPool(&pool);
+    }
 
-    int Serve(IAMFileNotification open = OnOpen, IAMFileNotification close = OnClose) const {
+    int Serve(IAMFileNotification open = OnOpen, IAMFileNotification close = OnClose) const
+    {
         // Records live only as long as the call, as the library's do.
         const std::string copy = name;
         IAMFileOperations operations{nullptr, nullptr, open, close, nullptr};
         IAMRTServiceRecord record{copy.c_str(), &operations, {500, 0, 10, 1}};
         return IAMRegisterRTService(&record);
     }
-    int MakePool(uint32_t blocks, uint32_t blockSize = 4032) {
+    int MakePool(uint32_t blocks, uint32_t blockSize = 4032)
+    {
         IAMShmPoolConfig config{name.c_str(), blocks * blockSize, blocks};
         return IAMShmRegisterPoolWithConfig(&config, &pool);
     }
     // 0, or the result of the call that failed; 1 when no reader is there.
-    int Publish(const std::string& record) {
+    int Publish(const std::string& record)
+    {
         const std::lock_guard<std::mutex> lock(receiver.mutex);
-        if (receiver.current == nullptr) { return 1; }
+        if (receiver.current == nullptr) {
+            return 1;
+        }
         const auto size = static_cast<uint32_t>(record.size());
         int result = IAMShmHandleMalloc(&pool, size, &block);
-        if (result != 0) { return result; }
+        if (result != 0) {
+            return result;
+        }
         IAMDataPackage package{&pool, &block, 1};
         result = IAMShmWrite(&block, record.data(), size, 0);
         result = result != 0 ? result : IAMRTDataEnqueue(receiver.current->dataHandle, &package);
-        if (result != 0) { EXPECT_EQ(0, IAMShmFree(&pool, &block)); }
+        if (result != 0) {
+            EXPECT_EQ(0, IAMShmFree(&pool, &block));
+        }
         return result;
     }
-    void PublishNumbered(size_t count, size_t size) {
-        for (size_t i = 0; i < count; ++i) { ASSERT_EQ(0, Publish(Numbered(i, size))) << i; }
+    void PublishNumbered(size_t count, size_t size)
+    {
+        for (size_t i = 0; i < count; ++i) {
+            ASSERT_EQ(0, Publish(Numbered(i, size))) << i;
+        }
     }
     // How many blocks can be had right now; all are given back.
-    size_t FreeBlocks() {
+    size_t FreeBlocks()
+    {
         const std::lock_guard<std::mutex> lock(receiver.mutex);
         std::vector<IAMShmBlockHandle> blocks;
-        while (IAMShmHandleMalloc(&pool, 1, &block) == 0) { blocks.push_back(block); }
-        for (auto& each : blocks) { EXPECT_EQ(0, IAMShmFree(&pool, &each)); }
+        while (IAMShmHandleMalloc(&pool, 1, &block) == 0) {
+            blocks.push_back(block);
+        }
+        for (auto& each : blocks) {
+            EXPECT_EQ(0, IAMShmFree(&pool, &each));
+        }
         return blocks.size();
     }
 
@@ -136,18 +168,26 @@ struct Publisher {
 };
 
 // The record, or "!" and the name of the error.
-inline std::string ReadFrom(int fd, size_t length = 3960) {
+inline std::string ReadFrom(int fd, size_t length = 3960)
+{
     std::string buffer(4096, '\0');
     const int64_t size = IAMFastRead(fd, buffer.data(), length);
     return size < 0 ? std::string("!") + strerrorname_np(errno) : buffer.substr(0, static_cast<size_t>(size));
 }
 
 struct Reader {
-    explicit Reader(const char* name = NAME, int flags = O_RDWR) { Open(name, flags); }
-    ~Reader() { Close(); }
+    explicit Reader(const char* name = NAME, int flags = O_RDWR)
+    {
+        Open(name, flags);
+    }
+    ~Reader()
+    {
+        Close();
+    }
 
     // In bounded time.
-    bool Open(const char* name = NAME, int flags = O_RDWR) {
+    bool Open(const char* name = NAME, int flags = O_RDWR)
+    {
         Close();
         const auto begin = Clock::now();
         fd = OpenResource(name, flags);
@@ -155,10 +195,19 @@ struct Reader {
         EXPECT_LT(Clock::now() - begin, OPEN_BOUND);
         return fd >= 0;
     }
-    void Close() { CloseResource(std::exchange(fd, -1)); }
-    std::string Read(size_t length = 3960) const { return ReadFrom(fd, length); }
-    void ExpectNumbered(size_t count, size_t size) const {
-        for (size_t i = 0; i < count; ++i) { ASSERT_EQ(Numbered(i, size), Read()); }
+    void Close()
+    {
+        CloseResource(std::exchange(fd, -1));
+    }
+    std::string Read(size_t length = 3960) const
+    {
+        return ReadFrom(fd, length);
+    }
+    void ExpectNumbered(size_t count, size_t size) const
+    {
+        for (size_t i = 0; i < count; ++i) {
+            ASSERT_EQ(Numbered(i, size), Read());
+        }
     }
 
     int fd = -1;
@@ -166,37 +215,49 @@ struct Reader {
 };
 
 // What is published now is what this reader reads next.
-inline void ExpectDelivery(Publisher& publisher, const Reader& reader) {
+inline void ExpectDelivery(Publisher& publisher, const Reader& reader)
+{
     static size_t number = 0;
     const std::string record = Numbered(++number, 20);
     EXPECT_EQ(0, publisher.Publish(record));
     EXPECT_EQ(record, reader.Read());
 }
 
-inline auto OpenDescriptors() { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); }
+inline auto OpenDescriptors()
+{
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+}
 
 // Every test has a runtime directory of its own and leaves no descriptor and no file behind.
 class IamTest : public testing::Test {
 protected:
-    IamTest() {
+    IamTest()
+    {
         char path[] = "/tmp/iam-unit-XXXXXX";
         directory = mkdtemp(path);
         setenv("IAM_RUNTIME_DIR", path, 1);
         getrlimit(RLIMIT_NOFILE, &limit_);
-        { const Publisher warmUp(1); }  // the service thread and its descriptors stay
+        {
+            const Publisher warmUp(1);
+        }  // the service thread and its descriptors stay
         descriptors_ = OpenDescriptors();
     }
-    ~IamTest() override {
+    ~IamTest() override
+    {
         LimitDescriptors(limit_.rlim_cur);
         EXPECT_EQ(descriptors_, OpenDescriptors());
         EXPECT_TRUE(std::filesystem::is_empty(directory));
         std::filesystem::remove_all(directory);
     }
-    void LimitDescriptors(rlim_t number) const {
+    void LimitDescriptors(rlim_t number) const
+    {
         const rlimit limit{number, limit_.rlim_max};
         setrlimit(RLIMIT_NOFILE, &limit);
     }
-    std::string SocketPath() const { return directory + "/dp%3A%2Fres%2Funit%2Fevents"; }
+    std::string SocketPath() const
+    {
+        return directory + "/dp%3A%2Fres%2Funit%2Fevents";
+    }
 
     std::string directory;
 

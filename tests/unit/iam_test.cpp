@@ -17,14 +17,19 @@ namespace {
 // reader and dies by SIGKILL. It exits with 3 when it cannot register, and with 7 when a reader can still come by the
 // time of what was made before its service.
 struct OtherRole {
-    OtherRole() {
+    OtherRole()
+    {
         const char* const role = getenv("IAM_TEST_ROLE");
-        if (role == nullptr) { return; }
+        if (role == nullptr) {
+            return;
+        }
         static int result;
         std::atexit([] { _exit(result != 0 ? 3 : Reader().fd >= 0 ? 7 : 0); });
         Publisher publisher;
         result = publisher.Serve();
-        if (result != 0 || role != std::string("publisher")) { exit(0); }
+        if (result != 0 || role != std::string("publisher")) {
+            exit(0);
+        }
         result = publisher.MakePool(1000);
         // A reader is connected once it has read something.
         EXPECT_TRUE(Eventually([&] { return publisher.Publish("hello") == 0; }));
@@ -34,7 +39,8 @@ struct OtherRole {
     }
 } const otherRole;
 
-pid_t Start(const char* role) {
+pid_t Start(const char* role)
+{
     setenv("IAM_TEST_ROLE", role, 1);
     char self[] = "/proc/self/exe";
     char* arguments[] = {self, nullptr};
@@ -44,9 +50,13 @@ pid_t Start(const char* role) {
     return pid;
 }
 
-int Mode(const std::string& path) { return static_cast<int>(std::filesystem::status(path).permissions()); }
+int Mode(const std::string& path)
+{
+    return static_cast<int>(std::filesystem::status(path).permissions());
+}
 
-TEST_F(IamTest, RecordsOfEverySizeArriveUnchangedInOrderAcrossManyTurnsOfTheRing) {
+TEST_F(IamTest, RecordsOfEverySizeArriveUnchangedInOrderAcrossManyTurnsOfTheRing)
+{
     Publisher publisher(7);
     const Reader reader;
     constexpr size_t SIZES[] = {0, 1, 3, 362, 3959, 3960};
@@ -57,12 +67,15 @@ TEST_F(IamTest, RecordsOfEverySizeArriveUnchangedInOrderAcrossManyTurnsOfTheRing
             ASSERT_TRUE(Eventually([&] { return (i >= 30 || delivered == i) && publisher.Publish(record(i)) == 0; }));
         }
     });
-    for (; delivered < 5000; ++delivered) { ASSERT_EQ(record(delivered), reader.Read()) << delivered; }
+    for (; delivered < 5000; ++delivered) {
+        ASSERT_EQ(record(delivered), reader.Read()) << delivered;
+    }
     publishing.join();
     EXPECT_EQ(7U, publisher.FreeBlocks());
 }
 
-TEST_F(IamTest, NothingPublishedAfterOpenIsMissedWhenThePoolComesLater) {
+TEST_F(IamTest, NothingPublishedAfterOpenIsMissedWhenThePoolComesLater)
+{
     Publisher publisher;
     EXPECT_LT(publisher.MakePool(4), 0);  // no service yet
     EXPECT_EQ(ENOENT, Reader().error);
@@ -77,11 +90,14 @@ TEST_F(IamTest, NothingPublishedAfterOpenIsMissedWhenThePoolComesLater) {
     ExpectDelivery(publisher, Reader(NAME, O_RDONLY));
     // A second registration replaces the notifications.
     EXPECT_EQ(0, publisher.Serve([](IAMRTFSMgrFile*) { return static_cast<int>(receiver.opened += 10); }, nullptr));
-    { const Reader reader; }
+    {
+        const Reader reader;
+    }
     EXPECT_EQ(12U, receiver.opened);
 }
 
-TEST_F(IamTest, AFullPoolIsAResultCodeAndLosesNothing) {
+TEST_F(IamTest, AFullPoolIsAResultCodeAndLosesNothing)
+{
     Publisher publisher(1000);
     Reader first;
     for (size_t round = 0; round < 3; ++round) {
@@ -115,12 +131,16 @@ TEST_F(IamTest, AFullPoolIsAResultCodeAndLosesNothing) {
     Reader().ExpectNumbered(1000, 40);
 }
 
-void AllFail(std::initializer_list<int> results) {
+void AllFail(std::initializer_list<int> results)
+{
     size_t index = 0;
-    for (const int result : results) { EXPECT_NE(0, result) << "call " << index++; }
+    for (const int result : results) {
+        EXPECT_NE(0, result) << "call " << index++;
+    }
 }
 
-TEST_F(IamTest, AHandleThatIsNotGoodMakesTheCallFailAndChangesNothing) {
+TEST_F(IamTest, AHandleThatIsNotGoodMakesTheCallFailAndChangesNothing)
+{
     Publisher other(4, "dp:/res/unit/other");
     Publisher publisher(4);
     IAMShmPoolHandle* const pool = &publisher.pool;
@@ -167,7 +187,8 @@ TEST_F(IamTest, AHandleThatIsNotGoodMakesTheCallFailAndChangesNothing) {
     EXPECT_EQ(4U, publisher.FreeBlocks());
 }
 
-TEST_F(IamTest, OrdinaryFilesPassThrough) {
+TEST_F(IamTest, OrdinaryFilesPassThrough)
+{
     const std::string path = directory + "/file";
     const int fd = OpenResource(path.c_str(), O_CREAT | O_WRONLY, 0600);
     EXPECT_EQ(0600, Mode(path));
@@ -177,7 +198,8 @@ TEST_F(IamTest, OrdinaryFilesPassThrough) {
     EXPECT_EQ(0, unlink(path.c_str()));
 }
 
-TEST_F(IamTest, CloseWakesABlockedReaderAtOnceAndItsNumberLeadsToNobodyElsesRecords) {
+TEST_F(IamTest, CloseWakesABlockedReaderAtOnceAndItsNumberLeadsToNobodyElsesRecords)
+{
     Publisher publisher(4);
     LimitDescriptors(100);  // numbers come round soon
     Reader reader;
@@ -212,7 +234,8 @@ TEST_F(IamTest, CloseWakesABlockedReaderAtOnceAndItsNumberLeadsToNobodyElsesReco
     EXPECT_EQ(4U, publisher.FreeBlocks());
 }
 
-TEST_F(IamTest, NeitherASignalNorABufferThatIsTooSmallLosesARecord) {
+TEST_F(IamTest, NeitherASignalNorABufferThatIsTooSmallLosesARecord)
+{
     Publisher publisher(4);
     static std::atomic<int> signals;
     signals = 0;
@@ -228,7 +251,8 @@ TEST_F(IamTest, NeitherASignalNorABufferThatIsTooSmallLosesARecord) {
     EXPECT_EQ("at last", reader.Read(7));
 }
 
-TEST_F(IamTest, DestroyingThePoolEndsNotificationsAndLeavesReadersTheirRecords) {
+TEST_F(IamTest, DestroyingThePoolEndsNotificationsAndLeavesReadersTheirRecords)
+{
     IAMShmPoolHandle previous{};
     for (int round = 0; round < 3; ++round) {
         Publisher publisher(4);
@@ -241,7 +265,9 @@ TEST_F(IamTest, DestroyingThePoolEndsNotificationsAndLeavesReadersTheirRecords) 
         ASSERT_EQ(0, IAMShmDestroyPool(&publisher.pool));
         EXPECT_EQ(2U, receiver.closed);
         AllFail({IAMShmDestroyPool(&publisher.pool), IAMShmHandleMalloc(&publisher.pool, 1, &publisher.block)});
-        for (const char* const expected : {"one", "two", "!EPIPE", "!EPIPE"}) { EXPECT_EQ(expected, left.Read()); }
+        for (const char* const expected : {"one", "two", "!EPIPE", "!EPIPE"}) {
+            EXPECT_EQ(expected, left.Read());
+        }
         EXPECT_EQ("!EPIPE", kept.Read());
         EXPECT_NE(0, Reader().error);
     }
@@ -255,7 +281,8 @@ TEST_F(IamTest, DestroyingThePoolEndsNotificationsAndLeavesReadersTheirRecords) 
     ASSERT_EQ(0, publisher.MakePool(4));
 }
 
-TEST_F(IamTest, AKilledServiceHasDeliveredWhatItAcceptedAndLeavesItsNameFree) {
+TEST_F(IamTest, AKilledServiceHasDeliveredWhatItAcceptedAndLeavesItsNameFree)
+{
     for (int round = 0; round < 3; ++round) {
         const pid_t pid = Start("publisher");
         Reader reader;
@@ -273,7 +300,8 @@ TEST_F(IamTest, AKilledServiceHasDeliveredWhatItAcceptedAndLeavesItsNameFree) {
     ExpectDelivery(publisher, Reader());
 }
 
-TEST_F(IamTest, ReadersThatComeAndGoDisturbNeitherEachOtherNorTheOrder) {
+TEST_F(IamTest, ReadersThatComeAndGoDisturbNeitherEachOtherNorTheOrder)
+{
     Publisher publisher(50);
     std::mutex turn;
     int newest = -1;  // whoever opens next closes it, under its reader's hands
@@ -285,7 +313,9 @@ TEST_F(IamTest, ReadersThatComeAndGoDisturbNeitherEachOtherNorTheOrder) {
             std::unique_lock<std::mutex> lock(turn);
             EXPECT_TRUE(Eventually([&] { return delivered >= enough; }));
             enough = delivered + 5;
-            if (round % 2 == 0) { CloseResource(std::exchange(newest, -1)); }  // while it is the current one
+            if (round % 2 == 0) {
+                CloseResource(std::exchange(newest, -1));
+            }  // while it is the current one
             const int fd = OpenResource(NAME, O_RDWR);
             CloseResource(std::exchange(newest, fd));
             lock.unlock();
@@ -307,8 +337,12 @@ TEST_F(IamTest, ReadersThatComeAndGoDisturbNeitherEachOtherNorTheOrder) {
         }
     });
     std::vector<std::thread> readers;
-    for (unsigned seed = 0; seed < 4; ++seed) { readers.emplace_back(comeAndGo, seed); }
-    for (auto& reader : readers) { reader.join(); }
+    for (unsigned seed = 0; seed < 4; ++seed) {
+        readers.emplace_back(comeAndGo, seed);
+    }
+    for (auto& reader : readers) {
+        reader.join();
+    }
     running = false;
     publishing.join();
     CloseResource(newest);
@@ -318,13 +352,15 @@ TEST_F(IamTest, ReadersThatComeAndGoDisturbNeitherEachOtherNorTheOrder) {
     EXPECT_GE(delivered.load(), 795U);
 }
 
-TEST_F(IamTest, ManyReadersAndTooFewDescriptorsDoNotStopTheService) {
+TEST_F(IamTest, ManyReadersAndTooFewDescriptorsDoNotStopTheService)
+{
     Publisher publisher(4);
     const auto begin = std::clock();
     for (rlim_t limit = 100; limit < 108; ++limit) {  // each time another step of an open fails, on this side or that
         LimitDescriptors(limit);
         std::deque<Reader> readers;
-        while (readers.emplace_back().fd >= 0) {}
+        while (readers.emplace_back().fd >= 0) {
+        }
         EXPECT_GT(readers.size(), 5U);
         readers.pop_back();
         EXPECT_TRUE(Eventually([&] { return readers.back().Open(); }));
@@ -335,7 +371,8 @@ TEST_F(IamTest, ManyReadersAndTooFewDescriptorsDoNotStopTheService) {
     EXPECT_LT(std::clock() - begin, CLOCKS_PER_SEC / 2);  // the service rests while it cannot accept
 }
 
-TEST_F(IamTest, ARuntimeDirectoryThatIsNotPrivateIsRefused) {
+TEST_F(IamTest, ARuntimeDirectoryThatIsNotPrivateIsRefused)
+{
     const std::string inner = directory + "/inner";
     const auto refused = [&](const std::string& value, const char* what) {
         setenv("IAM_RUNTIME_DIR", value.c_str(), 1);
@@ -368,7 +405,9 @@ TEST_F(IamTest, ARuntimeDirectoryThatIsNotPrivateIsRefused) {
     // Below XDG_RUNTIME_DIR it is made, with the right mode.
     unsetenv("IAM_RUNTIME_DIR");
     setenv("XDG_RUNTIME_DIR", directory.c_str(), 1);
-    { const Publisher publisher(1); }
+    {
+        const Publisher publisher(1);
+    }
     EXPECT_EQ(0700, Mode(directory + "/iam"));
     unsetenv("XDG_RUNTIME_DIR");
     EXPECT_TRUE(std::filesystem::remove(directory + "/iam"));

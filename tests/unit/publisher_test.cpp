@@ -16,11 +16,18 @@ const std::string POOL_BEGIN = SERVICE_BEGIN + " | syslog 4 IAMRegisterRTService
 
 class Publisher : public LibraryTest, public ProcMgr::ClientTestAccess {
 protected:
-    Publisher() { Forget(); }
+    Publisher()
+    {
+        Forget();
+    }
 
-    static void Forget() { status = 0, currentFile = nullptr; }
+    static void Forget()
+    {
+        status = 0, currentFile = nullptr;
+    }
 
-    int Publish(const std::string& record) {
+    int Publish(const std::string& record)
+    {
         return client_->ReportEvent(record.data(), static_cast<unsigned int>(record.size()));
     }
 
@@ -29,13 +36,15 @@ protected:
     std::unique_ptr<Client> client_ = std::make_unique<Client>();
 };
 
-TEST_F(Publisher, LevelsHaveTheirPriorities) {
+TEST_F(Publisher, LevelsHaveTheirPriorities)
+{
     for (int level = -1; level < 8; ++level) {
         EXPECT_EQ("676435666"[level + 1] - '0', ProcMgr::GetSyslogLevel(static_cast<ProcMgr::GrpOwnerLogLevel>(level)));
     }
 }
 
-TEST_F(Publisher, RegistrationHandsOverItsRecordsAndTheDestructorOnlyAPoolThatExists) {
+TEST_F(Publisher, RegistrationHandsOverItsRecordsAndTheDestructorOnlyAPoolThatExists)
+{
     const auto check = [&](const std::vector<int64_t>& results, int result, const std::string& journal) {
         Results("iam", results);
         client_ = std::make_unique<Client>();
@@ -57,7 +66,8 @@ TEST_F(Publisher, RegistrationHandsOverItsRecordsAndTheDestructorOnlyAPoolThatEx
 }
 
 // The newest opener is current; only its own close ends that, in whatever order four readers come and go.
-TEST_F(Publisher, RecordsGoToTheNewestReaderUntilItCloses) {
+TEST_F(Publisher, RecordsGoToTheNewestReaderUntilItCloses)
+{
     IAMRTFSMgrFile readers[] = {{0, "reader", 0, 0}, {0, "reader", 0, 1}, {0, nullptr, 0, 2}, {0, "reader", 0, 3}};
     std::vector<int> order = {0, 0, 1, 1, 2, 2, 3, 3};  // the first of a pair opens, the second closes
     do {
@@ -75,7 +85,9 @@ TEST_F(Publisher, RecordsGoToTheNewestReaderUntilItCloses) {
             EXPECT_EQ(-1, Client::MyClose(nullptr));
             current = opens ? reader : current == reader ? nullptr : current;
             EXPECT_EQ(0, Publish("r"));
-            if (current != nullptr) { expected[current->dataHandle].push_back("r"); }
+            if (current != nullptr) {
+                expected[current->dataHandle].push_back("r");
+            }
             if (reader->name != nullptr) {
                 told += Text(told.empty() ? "" : " | ", "syslog 4 My", opens ? "Open" : "Close", " is called, reader");
             }
@@ -85,7 +97,8 @@ TEST_F(Publisher, RecordsGoToTheNewestReaderUntilItCloses) {
     } while (std::next_permutation(order.begin(), order.end()));
 }
 
-TEST_F(Publisher, EveryOutcomeOfAPublishHasItsCallsItsLogAndItsCode) {
+TEST_F(Publisher, EveryOutcomeOfAPublishHasItsCallsItsLogAndItsCode)
+{
     const std::string alloc = "malloc(pool, 3, block)";
     const std::string write = alloc + " | write(block, 3, 0)";
     const std::string enqueue = write + " | enqueue(2, package of pool, block, 1)";
@@ -120,7 +133,9 @@ TEST_F(Publisher, EveryOutcomeOfAPublishHasItsCallsItsLogAndItsCode) {
     EXPECT_EQ(0, client_->ReportEvent("", 0));
     EXPECT_EQ((Names{"abc", "abc", largest, ""}), enqueued[2]);
     const int64_t before = heap.allocations;
-    for (int i = 0; i < 1000; ++i) { Publish(largest); }
+    for (int i = 0; i < 1000; ++i) {
+        Publish(largest);
+    }
     EXPECT_EQ(before, heap.allocations);
     EXPECT_EQ("", Journal("syslog"));
     EXPECT_EQ(0xF10205, Publish(largest + "x"));
@@ -136,11 +151,14 @@ TEST_F(Publisher, EveryOutcomeOfAPublishHasItsCallsItsLogAndItsCode) {
 }
 
 // A notification waits until the publish, or the registration of the pool, that it meets is over.
-TEST_F(Publisher, ReadersComeAndGoBetweenRecordsNeverDuringOne) {
+TEST_F(Publisher, ReadersComeAndGoBetweenRecordsNeverDuringOne)
+{
     std::unique_ptr<Background> notification;
     std::atomic<bool> done{false};
     const auto during = [&](int call, IAMFileNotification notify, int statusMeanwhile) {
-        for (int before = 0; before < call; ++before) { Next("iam", nullptr); }
+        for (int before = 0; before < call; ++before) {
+            Next("iam", nullptr);
+        }
         Next("iam", [&, notify, statusMeanwhile] {
             done = false;
             Journal();
@@ -169,14 +187,17 @@ TEST_F(Publisher, ReadersComeAndGoBetweenRecordsNeverDuringOne) {
     EXPECT_EQ(Names{"moved"}, enqueued[7]);
 }
 
-TEST_F(Publisher, EightThreadsPublishEachRecordOnceInTheOrderOfTheirCalls) {
+TEST_F(Publisher, EightThreadsPublishEachRecordOnceInTheOrderOfTheirCalls)
+{
     constexpr size_t RECORDS = 250;
     std::atomic<int> publishers{8};
     std::deque<Background> callers;
     Client::MyOpen(&reader_);
     for (char thread = 'a'; thread <= 'h'; ++thread) {
         callers.emplace_back([&, thread] {
-            for (size_t size = 1; size <= RECORDS; ++size) { EXPECT_EQ(0, Publish(std::string(size, thread))); }
+            for (size_t size = 1; size <= RECORDS; ++size) {
+                EXPECT_EQ(0, Publish(std::string(size, thread)));
+            }
             --publishers;
         });
     }
@@ -200,7 +221,8 @@ TEST_F(Publisher, EightThreadsPublishEachRecordOnceInTheOrderOfTheirCalls) {
 
 // At exit the publisher's destructor destroys the pool, during which, and after which, a reader may close. Its
 // notification takes the lock and logs: the level table must still be there.
-TEST_F(Publisher, AReaderMayCloseWhileAndAfterThePublisherEnds) {
+TEST_F(Publisher, AReaderMayCloseWhileAndAfterThePublisherEnds)
+{
     ExpectAtExit("", "destroy(pool) | syslog 4 MyClose is called, A", [&] {
         static IAMRTFSMgrFile reader = reader_;
         ReportEventClient::GetInstance().RegisterResService(PM);

@@ -11,31 +11,49 @@ namespace recording {
 const std::string MANAGER = "process-manager";
 const std::string CAUGHT = "log 16 server catch signal=13";
 
-static std::string Report(const std::string& name) {
+static std::string Report(const std::string& name)
+{
     return "eventId=0x8C03A000, severity=2, assertion=1, deviceId=65535, procName=" + name;
 }
 
 // A subscribed file: what it is called in the journal, and the process that its loss means.
 struct File {
     std::string name, manager = "";
-    bool IsSecurity() const { return name == SEC; }
-    ReportEvent::EventType Family() const { return IsSecurity() ? SECURITY_EVENT : FAULT_EVENT; }
-    Bytes Record(const std::string& event) const { return Raw(IsSecurity() ? 0x11 : 0x01, event); }
-    std::string Told(const std::string& event) const { return (IsSecurity() ? "security " : "device ") + event; }
+    bool IsSecurity() const
+    {
+        return name == SEC;
+    }
+    ReportEvent::EventType Family() const
+    {
+        return IsSecurity() ? SECURITY_EVENT : FAULT_EVENT;
+    }
+    Bytes Record(const std::string& event) const
+    {
+        return Raw(IsSecurity() ? 0x11 : 0x01, event);
+    }
+    std::string Told(const std::string& event) const
+    {
+        return (IsSecurity() ? "security " : "device ") + event;
+    }
 };
 
 class ReadLoop : public LibraryTest {
 protected:
-    void Start(const File& file) {
+    void Start(const File& file)
+    {
         EXPECT_EQ(0, server_->StartSubscribeEvent({file.name}, file.Family()));
         AwaitBlocked(file.name);
         Journal();
     }
 
-    void Stop(const File& file) { EXPECT_EQ(0, server_->StopSubscribeEvent({file.name}, file.Family())); }
+    void Stop(const File& file)
+    {
+        EXPECT_EQ(0, server_->StopSubscribeEvent({file.name}, file.Family()));
+    }
 };
 
-TEST_F(ReadLoop, EveryFailureIsClassedByItsErrno) {
+TEST_F(ReadLoop, EveryFailureIsClassedByItsErrno)
+{
     const std::set<int> passing = {ETIMEDOUT, EAGAIN, EIO};
     const std::set<int> lost = {EPIPE, EBADMSG, EBADFD, EBADF};
     for (const File& file : {File{PM, MANAGER}, File{SEA, "sea_" + MANAGER}, File{ONE}, File{SEC}}) {
@@ -63,7 +81,8 @@ TEST_F(ReadLoop, EveryFailureIsClassedByItsErrno) {
     }
 }
 
-TEST_F(ReadLoop, AFileThatComesBackIsReadOnThroughItsNewDescriptor) {
+TEST_F(ReadLoop, AFileThatComesBackIsReadOnThroughItsNewDescriptor)
+{
     Start({ONE});
     SetAbsent(ONE);
     Next("sleep");
@@ -83,7 +102,8 @@ TEST_F(ReadLoop, AFileThatComesBackIsReadOnThroughItsNewDescriptor) {
               Journal("open sleep close"));
 }
 
-TEST_F(ReadLoop, TheFlagEndsTheThreadWithoutAWord) {
+TEST_F(ReadLoop, TheFlagEndsTheThreadWithoutAWord)
+{
     const auto scenario = [&](const File& file, const std::string& journal) {
         EXPECT_EQ(0, server_->StartSubscribeEvent({file.name}, file.Family()));
         AwaitThreads();
@@ -106,7 +126,8 @@ TEST_F(ReadLoop, TheFlagEndsTheThreadWithoutAWord) {
     scenario({ONE}, " | read(1000) = -1 | close(1000) | open(" + ONE + ", 0) = -1" + GaveUp(ONE, EPIPE));
 }
 
-TEST_F(ReadLoop, TheBufferIsZeroBeforeEveryRecordAlsoAfterOneThatFailed) {
+TEST_F(ReadLoop, TheBufferIsZeroBeforeEveryRecordAlsoAfterOneThatFailed)
+{
     const std::string zeroed = " | memset_s(3960, 0, 3960)";
     const std::string failed = " | log 3 fault deserialize/callback failed, data read from " + SEC;
     for (const Bytes& record : {Raw(0x11, "good"), Bytes(3960, 0xFF), Bytes(3, 0x11), Bytes()}) {
@@ -134,7 +155,8 @@ TEST_F(ReadLoop, TheBufferIsZeroBeforeEveryRecordAlsoAfterOneThatFailed) {
 
 // Sent while the thread is blocked in a read, between a failed read and its classing, and in the pauses of a
 // reconnection, which tries for five seconds.
-TEST_F(ReadLoop, ASigpipeDisturbsNeitherTheStreamNorErrnoNorTheFiveSecondsOfAReconnection) {
+TEST_F(ReadLoop, ASigpipeDisturbsNeitherTheStreamNorErrnoNorTheFiveSecondsOfAReconnection)
+{
     EXPECT_EQ(0, server_->RegIDSEventReportHandlerImpl(Teller("security")));
     AwaitBlocked(SEC);
     Journal();
@@ -149,12 +171,15 @@ TEST_F(ReadLoop, ASigpipeDisturbsNeitherTheStreamNorErrnoNorTheFiveSecondsOfARec
     Fail(SEC, EBADMSG);
     AwaitThreads();
     std::string expected = "close(1000)";
-    for (int i = 0; i <= 50; ++i) { expected += " | open(" + SEC + ", 0) = -1 | sleep 100000 us | " + CAUGHT; }
+    for (int i = 0; i <= 50; ++i) {
+        expected += " | open(" + SEC + ", 0) = -1 | sleep 100000 us | " + CAUGHT;
+    }
     EXPECT_EQ(expected + GaveUp(SEC, EBADMSG), Journal("open close sleep log"));
     EXPECT_EQ(0, server_->UnregIDSEventReportHandlerImpl());
 }
 
-TEST_F(ReadLoop, TheLossOfAProcessManagerIsReportedInThreeHundredBytes) {
+TEST_F(ReadLoop, TheLossOfAProcessManagerIsReportedInThreeHundredBytes)
+{
     const std::pair<std::string, std::string> names[] = {
         {PM, MANAGER}, {SEA, "sea_" + MANAGER}, {"", MANAGER}, {"sea:/res/pm/f", MANAGER}, {SEA + "x", MANAGER}};
     for (const auto& [file, name] : names) {

@@ -13,20 +13,31 @@ struct Callable {
     Hook copying, calling;
     std::shared_ptr<void> held;
     Callable(Hook onCopy, Hook onCall, Hook onEnd)
-        : copying(std::move(onCopy)), calling(std::move(onCall)), held(nullptr, [onEnd](void*) { onEnd(); }) {}
-    Callable(const Callable& other) : copying(other.copying), calling(other.calling), held(other.held) { copying(); }
-    template <typename... Event> void operator()(const Event&...) const { calling(); }
+        : copying(std::move(onCopy)), calling(std::move(onCall)), held(nullptr, [onEnd](void*) { onEnd(); })
+    {
+    }
+    Callable(const Callable& other) : copying(other.copying), calling(other.calling), held(other.held)
+    {
+        copying();
+    }
+    template <typename... Event>
+    void operator()(const Event&...) const
+    {
+        calling();
+    }
 };
 
 class Registration : public LibraryTest {
 protected:
-    int Register(const Names& files, const std::string& who = "device") {
+    int Register(const Names& files, const std::string& who = "device")
+    {
         return server_->FmRegisterMidReportEventImpl(
             files, [](const EventInfo&, const UDSInfoForCpp&) {}, Teller(who));
     }
 };
 
-TEST_F(Registration, TheFirstOneInstallsTheSigpipeHandlerForTheLifeOfTheProcess) {
+TEST_F(Registration, TheFirstOneInstallsTheSigpipeHandlerForTheLifeOfTheProcess)
+{
     const std::string installed = "sigaction(flags 0, no mask, null)", opened = " | open(" + SEC + ", 2) = 1000";
     const std::string fte = " | FTERegisterCallback", unregistered = " | FTEUnregisterCallback";
     ExpectAtExit("sigaction open fte", installed + fte + unregistered + fte + opened + opened, [&] {
@@ -48,7 +59,8 @@ TEST_F(Registration, TheFirstOneInstallsTheSigpipeHandlerForTheLifeOfTheProcess)
     });
 }
 
-TEST_F(Registration, TheInstanceOfTheProcessEndsWithIt) {
+TEST_F(Registration, TheInstanceOfTheProcessEndsWithIt)
+{
     const std::string end = "log 16 ~ReportEventServerImpl... | close(1000) | " + Joined(SEC) + " | flush";
     ExpectAtExit("open log close join flush", end, [&] {
         ReportEventServer& instance = ReportEventServer::GetInstance();
@@ -59,7 +71,8 @@ TEST_F(Registration, TheInstanceOfTheProcessEndsWithIt) {
     });
 }
 
-TEST_F(Registration, CallbacksAreStoredFirstAndTheFaultLibraryComesLastWhateverTheOutcome) {
+TEST_F(Registration, CallbacksAreStoredFirstAndTheFaultLibraryComesLastWhateverTheOutcome)
+{
     Of(deviceCallback) = Of(securityCallback) = nullptr;
     Next("open", [&] { EXPECT_TRUE(Of(eventCallback) && Of(deviceCallback) && !Of(securityCallback)); });
     EXPECT_EQ(0, Register({PM}));
@@ -86,7 +99,8 @@ TEST_F(Registration, CallbacksAreStoredFirstAndTheFaultLibraryComesLastWhateverT
         Journal("open log fte deliver"));
 }
 
-TEST_F(Registration, TheSecurityFamilyHasOneFileAndNothingToDoWithTheFaultLibrary) {
+TEST_F(Registration, TheSecurityFamilyHasOneFileAndNothingToDoWithTheFaultLibrary)
+{
     Of(securityCallback) = nullptr;
     EXPECT_EQ(0, server_->UnregIDSEventReportHandlerImpl());
     SetAbsent(SEC, true);
@@ -111,7 +125,8 @@ TEST_F(Registration, TheSecurityFamilyHasOneFileAndNothingToDoWithTheFaultLibrar
     EXPECT_EQ("", Journal("fte"));
 }
 
-TEST_F(Registration, FaultsFromTheFaultLibraryTakeTheSameRoad) {
+TEST_F(Registration, FaultsFromTheFaultLibraryTakeTheSameRoad)
+{
     Register({});
     const Bytes record = Raw(0x01, "inbound");
     Journal();
@@ -131,7 +146,8 @@ TEST_F(Registration, FaultsFromTheFaultLibraryTakeTheSameRoad) {
 // The read thread and the thread of the fault library run the old callable while it is replaced, which waits for the
 // copy that the latter makes. It dies with the last delivery, or else with the replacement, outside every lock: client
 // code in its destructor receives and registers, as do callables themselves.
-TEST_F(Registration, ACallbackIsReplacedWhileTwoThreadsDeliver) {
+TEST_F(Registration, ACallbackIsReplacedWhileTwoThreadsDeliver)
+{
     const auto use = [&](unsigned char header, const Callable& client) {
         EXPECT_EQ(0, header == 0x11   ? server_->RegIDSEventReportHandlerImpl(client)
                      : header == 0x01 ? server_->FmRegisterMidReportEventImpl({PM}, nullptr, client)
@@ -152,7 +168,9 @@ TEST_F(Registration, ACallbackIsReplacedWhileTwoThreadsDeliver) {
             nothing, [&] { Record("deliver", "new"); }, nothing);
         const Hook replace = [&] { use(header, next), replaced = true; };
         const Hook copy = [&] {
-            if (!armed.exchange(false)) { return; }
+            if (!armed.exchange(false)) {
+                return;
+            }
             replacing = std::make_unique<Background>(replace);
             AwaitCondition("the lock", [&] { return replaced || Count("lock wait") > 0; });
             EXPECT_FALSE(replaced);

@@ -20,7 +20,8 @@ namespace {
 using Lines = std::vector<std::string>;
 
 // Puts `fd` in the place of standard error and closes it; returns what was there.
-int Exchange(int fd) {
+int Exchange(int fd)
+{
     const int previous = dup(STDERR_FILENO);
     dup2(fd, STDERR_FILENO);
     close(fd);
@@ -28,13 +29,17 @@ int Exchange(int fd) {
 }
 
 // What the operation sends to standard error, one element per system call.
-template <typename Operation> Lines WritesOf(Operation&& operation) {
+template <typename Operation>
+Lines WritesOf(Operation&& operation)
+{
     int ends[2];
     EXPECT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
     Lines writes;
     std::thread reader([&] {
         char buffer[8192];
-        for (ssize_t size; (size = read(ends[0], buffer, sizeof(buffer))) > 0;) { writes.emplace_back(buffer, size); }
+        for (ssize_t size; (size = read(ends[0], buffer, sizeof(buffer))) > 0;) {
+            writes.emplace_back(buffer, size);
+        }
     });
     const int previous = Exchange(ends[1]);
     operation();
@@ -45,20 +50,23 @@ template <typename Operation> Lines WritesOf(Operation&& operation) {
 }
 
 // Names this thread; what then stands at the start of its lines.
-std::string OriginAs(const std::string& threadName) {
+std::string OriginAs(const std::string& threadName)
+{
     pthread_setname_np(pthread_self(), threadName.c_str());
     return std::string(program_invocation_short_name) + "[" + std::to_string(getpid()) + "/" + threadName + "] ";
 }
 
 // The environment is read when the library is loaded: only a fresh process sees it.
-void ExpectErrorOutput(const char* name, const char* value, void (*operation)(), const std::string& errorOutput) {
+void ExpectErrorOutput(const char* name, const char* value, void (*operation)(), const std::string& errorOutput)
+{
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     value == nullptr ? unsetenv(name) : setenv(name, value, 1);
     EXPECT_EXIT((operation(), _exit(0)), testing::ExitedWithCode(0), errorOutput) << (value == nullptr ? "" : value);
     unsetenv(name);
 }
 
-TEST(Slog, WritesOneLinePerMessageInOneWrite) {
+TEST(Slog, WritesOneLinePerMessageInOneWrite)
+{
     std::string origin = OriginAs("some thread") + "level=3 module=54: ";
     const std::string full(1024 - origin.size() - std::string("...[cut]\n").size(), 'x');
     const std::pair<std::string, std::string> cases[] = {
@@ -81,9 +89,12 @@ TEST(Slog, WritesOneLinePerMessageInOneWrite) {
                              origin + "event module=0x1000036: eventId=0x8C03A000;\n"}));
 }
 
-TEST(Slog, LetsThroughTheLevelsThatTheEnvironmentNames) {
+TEST(Slog, LetsThroughTheLevelsThatTheEnvironmentNames)
+{
     const auto print = [] {
-        for (int n = -70; n < 140; ++n) { std::cerr << (CheckLogLevel(54, n) == 1 ? std::to_string(n) + ";" : ""); }
+        for (int n = -70; n < 140; ++n) {
+            std::cerr << (CheckLogLevel(54, n) == 1 ? std::to_string(n) + ";" : "");
+        }
     };
     ExpectErrorOutput("SLOG_LEVELS", nullptr, print, "^3;$");
     ExpectErrorOutput("SLOG_LEVELS", "", print, "^$");
@@ -94,14 +105,17 @@ TEST(Slog, LetsThroughTheLevelsThatTheEnvironmentNames) {
     }
 }
 
-TEST(Slog, AppendsEventLinesOfAllThreadsToTheEventFile) {
+TEST(Slog, AppendsEventLinesOfAllThreadsToTheEventFile)
+{
     // A file without a name in any directory: the process that runs the scenario reaches it through this one.
     const int memory = memfd_create("events", MFD_CLOEXEC);
     ASSERT_EQ(write(memory, "kept\n", 5), 5);
     const std::string path = "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(memory);
     const auto logFromTwoThreads = [] {
         const auto log = [](int from) {
-            for (int i = from; i < from + 200; ++i) { DlogEventInner(0x1000036, "%d", i); }
+            for (int i = from; i < from + 200; ++i) {
+                DlogEventInner(0x1000036, "%d", i);
+            }
         };
         std::thread other(log, 200);
         log(0);
@@ -111,7 +125,9 @@ TEST(Slog, AppendsEventLinesOfAllThreadsToTheEventFile) {
     ExpectErrorOutput("SLOG_EVENT_FILE", path.c_str(), logFromTwoThreads, "^$");
     std::set<std::string> texts;
     std::ifstream file(path);
-    for (std::string line; std::getline(file, line);) { texts.insert(line.substr(line.find(' ') + 1)); }
+    for (std::string line; std::getline(file, line);) {
+        texts.insert(line.substr(line.find(' ') + 1));
+    }
     EXPECT_EQ(texts.size(), 401U);
     close(memory);
 
@@ -123,7 +139,8 @@ TEST(Slog, AppendsEventLinesOfAllThreadsToTheEventFile) {
 
 std::atomic<int> handlerCalls{0};
 
-void InstallLoggingHandler(int signal) {
+void InstallLoggingHandler(int signal)
+{
     handlerCalls = 0;
     std::signal(signal, [](int) {
         const int interrupted = errno;
@@ -135,15 +152,19 @@ void InstallLoggingHandler(int signal) {
 }
 
 // A wrong implementation deadlocks, tears a line, or loses errno.
-TEST(Slog, LogsFromASignalHandlerThatInterruptsLogging) {
+TEST(Slog, LogsFromASignalHandlerThatInterruptsLogging)
+{
     const std::string prefix = OriginAs("storm") + "level=3 module=54: ";  // a new thread inherits its name
     InstallLoggingHandler(SIGUSR1);
     const Lines writes = WritesOf([] {
         std::atomic<bool> stop{false};
         std::thread logger([&] {
-            for (; !stop; DlogInner(54, 3, "interrupted %s\n", "message")) {}
+            for (; !stop; DlogInner(54, 3, "interrupted %s\n", "message")) {
+            }
         });
-        for (; handlerCalls < 300; std::this_thread::yield()) { pthread_kill(logger.native_handle(), SIGUSR1); }
+        for (; handlerCalls < 300; std::this_thread::yield()) {
+            pthread_kill(logger.native_handle(), SIGUSR1);
+        }
         stop = true;
         logger.join();
     });
@@ -154,13 +175,16 @@ TEST(Slog, LogsFromASignalHandlerThatInterruptsLogging) {
 }
 
 // The handler's own message breaks on the same pipe: only silence ends the chain of signals.
-TEST(Slog, StaysSilentAfterABrokenPipe) {
+TEST(Slog, StaysSilentAfterABrokenPipe)
+{
     const auto logToABrokenPipe = [] {
         int ends[2];
         std::cerr << pipe(ends) << close(ends[0]);
         InstallLoggingHandler(SIGPIPE);
         const int previous = Exchange(ends[1]);
-        for (int i = 0; i < 5; ++i) { DlogInner(54, 3, "into the broken pipe"); }
+        for (int i = 0; i < 5; ++i) {
+            DlogInner(54, 3, "into the broken pipe");
+        }
         close(Exchange(previous));
         DlogInner(54, 3, "into a whole one");
         std::cerr << handlerCalls;

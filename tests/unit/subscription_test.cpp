@@ -9,24 +9,30 @@ namespace recording {
 const std::string THREE = "c:/res/three";
 const std::string NEXT = " | ";
 
-static std::string Stopped(const std::string& name) { return Joined(name, "StopSubscribeEvent"); }
+static std::string Stopped(const std::string& name)
+{
+    return Joined(name, "StopSubscribeEvent");
+}
 
 // The end of a join that met `before`.
-static std::string JoinedAfter(const std::string& before, const std::string& joined) {
+static std::string JoinedAfter(const std::string& before, const std::string& joined)
+{
     return "join" + before + joined.substr(4);
 }
 
 class Subscription : public LibraryTest {
 protected:
     // Loses the connection of `name`, whose thread then waits in the first pause of its reconnection.
-    void HoldInPause(const std::string& name, Gate& gate) {
+    void HoldInPause(const std::string& name, Gate& gate)
+    {
         SetAbsent(name, true);
         Next("sleep", [&] { gate.Hold(); });
         Fail(name, EPIPE);
         gate.AwaitArrival();
     }
 
-    void HoldInCallback(const std::string& name, Gate& gate) {
+    void HoldInCallback(const std::string& name, Gate& gate)
+    {
         Of(deviceCallback) = [&, tell = Teller("device")](const dsmi_event& event) {
             event.eventName == std::string("held") ? gate.Hold() : void();
             tell(event);
@@ -36,7 +42,8 @@ protected:
     }
 
     // Runs `stop` on a thread of its own, and `release` once it waits in a join (or has ended without one).
-    void StopMeanwhile(const Hook& stop, const Hook& release) {
+    void StopMeanwhile(const Hook& stop, const Hook& release)
+    {
         std::atomic<bool> done{false};
         Next("join", [&] { done = true; });
         Background stopper([&] { stop(), done = true; });
@@ -46,7 +53,8 @@ protected:
     }
 
     // The three ways in which a thread of the security family is ended.
-    std::vector<Hook> WaysToStop() {
+    std::vector<Hook> WaysToStop()
+    {
         return {[&] { server_->StopSubscribeEvent({SEC}, SECURITY_EVENT); },
                 [&] {
                     server_->StopSubscribeEvent({}, SECURITY_EVENT);
@@ -55,7 +63,8 @@ protected:
                 [&] { server_ = std::make_unique<Server>(); }};
     }
 
-    void StartAfresh() {
+    void StartAfresh()
+    {
         SetAbsent(SEC, false);
         server_->StopSubscribeEvent({}, SECURITY_EVENT);
         server_->StartSubscribeEvent({SEC}, SECURITY_EVENT);
@@ -63,7 +72,8 @@ protected:
     }
 };
 
-TEST_F(Subscription, AStartOpensWhatTheNamesAllowInOrderAndReportsTheRest) {
+TEST_F(Subscription, AStartOpensWhatTheNamesAllowInOrderAndReportsTheRest)
+{
     const std::string dot = "log 3 Illegal fileName, find '.', cannot open file=";
     const std::string noColon = "log 3 Illegal fileName, cannot find ':', cannot open file=";
     const std::string prefix = "log 3 CheckFileNameIsValid failed prefix=/res/, fileName=";
@@ -98,7 +108,8 @@ TEST_F(Subscription, AStartOpensWhatTheNamesAllowInOrderAndReportsTheRest) {
     check(SECURITY_EVENT, {SEC, SEC}, 0, started(SEC, 1000));
 }
 
-TEST_F(Subscription, AStopClearsTheFlagThenClosesThenJoinsWhatIsListed) {
+TEST_F(Subscription, AStopClearsTheFlagThenClosesThenJoinsWhatIsListed)
+{
     EXPECT_EQ(0, server_->StopSubscribeEvent({ONE, "unknown"}, FAULT_EVENT));
     EXPECT_EQ("", Journal());
     server_->StartSubscribeEvent({ONE, TWO}, FAULT_EVENT);
@@ -116,7 +127,8 @@ TEST_F(Subscription, AStopClearsTheFlagThenClosesThenJoinsWhatIsListed) {
     EXPECT_TRUE(Of(faults).empty() && Of(securities).empty());
 }
 
-TEST_F(Subscription, AThreadThatCannotBeStartedLeavesTheFilesBeforeItSubscribed) {
+TEST_F(Subscription, AThreadThatCannotBeStartedLeavesTheFilesBeforeItSubscribed)
+{
     Next("thread");
     Results("thread", {EAGAIN});
     EXPECT_THROW(server_->StartSubscribeEvent({ONE, TWO, THREE}, FAULT_EVENT), std::system_error);
@@ -129,7 +141,8 @@ TEST_F(Subscription, AThreadThatCannotBeStartedLeavesTheFilesBeforeItSubscribed)
     EXPECT_EQ(BAD_NAME, server_->StopSubscribeEvent({ONE, TWO, THREE}, FAULT_EVENT));
 }
 
-TEST_F(Subscription, TheDestructorStopsBothFamiliesInKeyOrderAndFlushesLast) {
+TEST_F(Subscription, TheDestructorStopsBothFamiliesInKeyOrderAndFlushesLast)
+{
     Gate callback, pause;
     server_->StartSubscribeEvent({SEC}, SECURITY_EVENT);
     server_->StartSubscribeEvent({TWO, ONE, PM}, FAULT_EVENT);
@@ -149,7 +162,8 @@ TEST_F(Subscription, TheDestructorStopsBothFamiliesInKeyOrderAndFlushesLast) {
 }
 
 // What a stop did not list is retired by the next start, before the family runs again, whatever its thread is doing.
-TEST_F(Subscription, NoLeftoverOfAStopSurvivesTheNextStart) {
+TEST_F(Subscription, NoLeftoverOfAStopSurvivesTheNextStart)
+{
     const auto scenario = [&](const char* state, const Names& stopped, const Names& started) {
         SCOPED_TRACE(state + testing::PrintToString(stopped) + testing::PrintToString(started));
         const bool paused = state == std::string("paused");
@@ -189,14 +203,17 @@ TEST_F(Subscription, NoLeftoverOfAStopSurvivesTheNextStart) {
     };
     for (const char* state : {"blocked", "paused", "calling"}) {
         for (const Names& stopped : {Names{}, Names{TWO}}) {
-            for (const Names& started : {Names{ONE, TWO}, Names{THREE}, Names{}}) { scenario(state, stopped, started); }
+            for (const Names& started : {Names{ONE, TWO}, Names{THREE}, Names{}}) {
+                scenario(state, stopped, started);
+            }
         }
     }
 }
 
 // By the time the read thread goes into its reconnection, the stop has closed the descriptor and the process has taken
 // its number for a file of its own: the number is not closed again.
-TEST_F(Subscription, ANumberThatTheProcessHasTakenIsNotClosedByAReconnection) {
+TEST_F(Subscription, ANumberThatTheProcessHasTakenIsNotClosedByAReconnection)
+{
     StartAfresh();
     Gate lost;
     std::atomic<bool> due{true};
@@ -213,7 +230,8 @@ TEST_F(Subscription, ANumberThatTheProcessHasTakenIsNotClosedByAReconnection) {
 }
 
 // Whether the thread still tries to reconnect or gave up long ago, and whoever ends it.
-TEST_F(Subscription, ANumberGivenUpByAReconnectionIsNotClosedByAStop) {
+TEST_F(Subscription, ANumberGivenUpByAReconnectionIsNotClosedByAStop)
+{
     for (const bool gaveUp : {true, false}) {
         for (const Hook& stop : WaysToStop()) {
             StartAfresh();
@@ -229,7 +247,8 @@ TEST_F(Subscription, ANumberGivenUpByAReconnectionIsNotClosedByAStop) {
 
 // The reopen is under way while the stop closes and joins: its descriptor is closed after the join, whether or not its
 // number is the one from before.
-TEST_F(Subscription, ADescriptorReopenedDuringAStopIsClosedByIt) {
+TEST_F(Subscription, ADescriptorReopenedDuringAStopIsClosedByIt)
+{
     for (const int number : {1000, 1500}) {
         for (const Hook& stop : WaysToStop()) {
             firstNumber = 1000;
@@ -247,7 +266,8 @@ TEST_F(Subscription, ADescriptorReopenedDuringAStopIsClosedByIt) {
 }
 
 // Also when a descriptor is zero.
-TEST_F(Subscription, AThreadMayReconnectBeforeTheStartHasFinishedWithIt) {
+TEST_F(Subscription, AThreadMayReconnectBeforeTheStartHasFinishedWithIt)
+{
     for (const auto& [lost, found] : {std::pair(1000, 1600), std::pair(0, 0)}) {
         firstNumber = lost;
         std::vector<const void*> locks;  // for giving the old number up, storing the new one, copying the callback

@@ -17,12 +17,15 @@ namespace {
 constexpr const char* RESOURCE = "dp:/res/iam/sec_event";  // the one file that both families can read
 
 // What arrived; an exception if nothing did.
-template <typename T> T Received(std::promise<T>& promise) {
+template <typename T>
+T Received(std::promise<T>& promise)
+{
     auto future = promise.get_future();
     return future.wait_for(system_test::PATIENCE) == std::future_status::ready ? future.get() : throw "nothing came";
 }
 
-dsmi_event NumberedEvent(uint32_t number) {
+dsmi_event NumberedEvent(uint32_t number)
+{
     dsmi_event event;
     auto* const bytes = reinterpret_cast<unsigned char*>(&event);
     std::iota(bytes, bytes + sizeof(event), static_cast<unsigned char>(7));
@@ -30,7 +33,8 @@ dsmi_event NumberedEvent(uint32_t number) {
     return event;
 }
 
-TEST(FrozenClient, ReachesEveryOperationThroughItsSlot) {
+TEST(FrozenClient, ReachesEveryOperationThroughItsSlot)
+{
     const system_test::RuntimeDirectory directory;
     ReportEventClient& publisher = ReportEventClient::GetInstance();
     ReportEventServer& subscriber = ReportEventServer::GetInstance();

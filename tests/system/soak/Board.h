@@ -38,22 +38,28 @@ constexpr size_t ENTRIES_KEPT = size_t{1} << 15;
 constexpr size_t SUBSCRIBER_WORDS = ENTRIES + ENTRIES_KEPT * ENTRY_WORDS;
 
 // The runner hands a board over as an open descriptor.
-inline Word* MapBoard(const char* number, size_t words) {
+inline Word* MapBoard(const char* number, size_t words)
+{
     const int fd = atoi(number);
     void* const memory = mmap(nullptr, words * sizeof(Word), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    if (memory == MAP_FAILED) { abort(); }
+    if (memory == MAP_FAILED) {
+        abort();
+    }
     close(fd);
     return static_cast<Word*>(memory);
 }
 
-inline uint64_t Now() {  // on the clock that all processes share
+inline uint64_t Now()
+{  // on the clock that all processes share
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
     return static_cast<uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<uint64_t>(now.tv_nsec);
 }
 
 // The function that a definition in the program stands in front of.
-template <typename Function> Function* Next(const char* name) {
+template <typename Function>
+Function* Next(const char* name)
+{
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
@@ -63,21 +69,26 @@ struct Stamp {
     uint32_t resource, lane;
 };
 
-inline uint64_t Checksum(const unsigned char* data, size_t size) {
+inline uint64_t Checksum(const unsigned char* data, size_t size)
+{
     uint64_t sum = 0xcbf29ce484222325;
-    for (size_t i = 0; i < size; ++i) { sum = (sum ^ data[i]) * 0x100000001b3; }
+    for (size_t i = 0; i < size; ++i) {
+        sum = (sum ^ data[i]) * 0x100000001b3;
+    }
     return sum;
 }
 
 // Puts the stamp at `offset` of the body and the checksum into it.
-inline void Seal(unsigned char* body, size_t size, size_t offset, Stamp stamp) {
+inline void Seal(unsigned char* body, size_t size, size_t offset, Stamp stamp)
+{
     memcpy(body + offset, &stamp, sizeof stamp);
     stamp.checksum = Checksum(body, size);
     memcpy(body + offset, &stamp, sizeof stamp);
 }
 
 // False when the body is not as it was sealed. Leaves it with a checksum of zero.
-inline bool Unseal(unsigned char* body, size_t size, size_t offset, Stamp& stamp) {
+inline bool Unseal(unsigned char* body, size_t size, size_t offset, Stamp& stamp)
+{
     memcpy(&stamp, body + offset, sizeof stamp);
     memset(body + offset, 0, sizeof stamp.checksum);
     return stamp.checksum == Checksum(body, size) && stamp.lane < LANES && stamp.resource < std::size(RESOURCES);

@@ -30,46 +30,63 @@ std::string sabotage;
 // One publishing thread and its records.
 class Lane {
 public:
-    explicit Lane(uint32_t number) : number_(number), random_(static_cast<unsigned>(run * LANES + number)) {}
+    explicit Lane(uint32_t number) : number_(number), random_(static_cast<unsigned>(run * LANES + number))
+    {
+    }
 
     // Once it has returned, no call is in progress unless `go`.
-    void Set(bool go, bool end) {
+    void Set(bool go, bool end)
+    {
         const std::lock_guard<std::mutex> lock(mutex_);
         go_ = go, end_ = end;
     }
     // Publishes until the pool is empty; returns how many records that took.
-    size_t Fill() {
+    size_t Fill()
+    {
         const std::lock_guard<std::mutex> lock(mutex_);
         size_t count = 0;
-        for (int result = 0; result != NO_BLOCK_RESULT && count < 100'000; count += result == 0) { result = Publish(); }
+        for (int result = 0; result != NO_BLOCK_RESULT && count < 100'000; count += result == 0) {
+            result = Publish();
+        }
         return count;
     }
 
 private:
-    void Run() {
+    void Run()
+    {
         for (std::unique_lock<std::mutex> lock(mutex_); !end_; lock.lock()) {
-            for (auto left = go_ ? random_() % 24 : 0; left != 0 && Publish() == 0; --left) {}
+            for (auto left = go_ ? random_() % 24 : 0; left != 0 && Publish() == 0; --left) {
+            }
             const std::chrono::microseconds pause(random_() % 8000);
             lock.unlock();
             std::this_thread::sleep_for(pause);
         }
     }
 
-    int Publish() {
+    int Publish()
+    {
         const uint64_t sequence = board[ACCEPTED + number_];
         std::vector<unsigned char> record = Record(sequence);
         const auto size = static_cast<unsigned int>(record.size());
         const auto* const bytes = reinterpret_cast<const char*>(record.data());
         const bool turn = number_ == 1 && sequence % 512 == 7;  // the other lane also measures the pool
-        if (sabotage == "alter" && turn) { record[size / 2] ^= 0x10; }
-        if (sabotage == "leak" && turn) { static_cast<void>(dup(STDERR_FILENO)); }
+        if (sabotage == "alter" && turn) {
+            record[size / 2] ^= 0x10;
+        }
+        if (sabotage == "leak" && turn) {
+            static_cast<void>(dup(STDERR_FILENO));
+        }
         const bool mute = (sabotage == "lose" && turn) || (sabotage == "mute" && number_ == 1 && sequence > 20);
         auto& client = ReportEventClient::GetInstance();
         const uint64_t begun = Now();
-        if (sabotage == "stall" && turn) { std::this_thread::sleep_for(std::chrono::milliseconds(1050)); }
+        if (sabotage == "stall" && turn) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1050));
+        }
         const int result = mute ? 0 : client.ReportEvent(bytes, size);
         const uint64_t ended = Now();
-        if (sabotage == "duplicate" && turn) { client.ReportEvent(bytes, size); }
+        if (sabotage == "duplicate" && turn) {
+            client.ReportEvent(bytes, size);
+        }
         if (result == 0) {
             Word* const times = board + TIMES + number_ * 2 * TIMES_KEPT + sequence % TIMES_KEPT;
             times[0] = begun;
@@ -80,17 +97,24 @@ private:
         return result;
     }
 
-    static void Account(uint64_t nanoseconds, int result) {
+    static void Account(uint64_t nanoseconds, int result)
+    {
         const bool known = result == NO_BLOCK_RESULT || result == NOT_ENQUEUED_RESULT;
-        if (known) { ++board[result == NO_BLOCK_RESULT ? NO_BLOCK : NOT_ENQUEUED]; }
-        if (result != 0 && !known) { board[OTHER_CODE] = static_cast<uint64_t>(result); }
+        if (known) {
+            ++board[result == NO_BLOCK_RESULT ? NO_BLOCK : NOT_ENQUEUED];
+        }
+        if (result != 0 && !known) {
+            board[OTHER_CODE] = static_cast<uint64_t>(result);
+        }
         const auto bucket = static_cast<size_t>(std::log2(static_cast<double>(nanoseconds + 1)) * 4);
         ++board[HISTOGRAM + std::min(bucket, BUCKETS - 1)];
         uint64_t slowest = board[SLOWEST];
-        while (nanoseconds > slowest && !board[SLOWEST].compare_exchange_weak(slowest, nanoseconds)) {}
+        while (nanoseconds > slowest && !board[SLOWEST].compare_exchange_weak(slowest, nanoseconds)) {
+        }
     }
 
-    std::vector<unsigned char> Record(uint64_t sequence) {
+    std::vector<unsigned char> Record(uint64_t sequence)
+    {
         const bool swap = sabotage == "swap" && number_ == 1 && sequence % 512 / 2 == 3;
         const Stamp stamp{0, run, swap ? sequence ^ 1 : sequence, resource, number_};
         const auto filler = static_cast<unsigned char>(random_());
@@ -119,39 +143,53 @@ public:
     std::thread thread{&Lane::Run, this};  // over once it has been Set to end
 };
 
-void Obey() {
+void Obey()
+{
     Lane lanes[] = {Lane(0), Lane(1)};
     static_assert(std::size(lanes) == LANES);
     std::cout << "serving" << std::endl;
     const auto setAll = [&](bool go, bool end) {
-        for (Lane& lane : lanes) { lane.Set(go, end); }
+        for (Lane& lane : lanes) {
+            lane.Set(go, end);
+        }
     };
     for (std::string command; std::getline(std::cin, command) && command != "quit";) {
-        if (command == "go" || command == "pause") { setAll(command == "go", false); }
+        if (command == "go" || command == "pause") {
+            setAll(command == "go", false);
+        }
         size_t answer = 0;
-        if (command == "fill") { answer = lanes[0].Fill(); }
-        if (command == "readers") { answer = static_cast<size_t>(IAMHostReaderCount(RESOURCES[resource])); }
+        if (command == "fill") {
+            answer = lanes[0].Fill();
+        }
+        if (command == "readers") {
+            answer = static_cast<size_t>(IAMHostReaderCount(RESOURCES[resource]));
+        }
         std::cout << answer << std::endl;
     }
     setAll(false, true);
-    for (Lane& lane : lanes) { lane.thread.join(); }
+    for (Lane& lane : lanes) {
+        lane.thread.join();
+    }
 }
 
 }  // namespace
 }  // namespace soak
 
 // The library's calls pass here, so that the sabotage "hoard" can make it lose blocks.
-extern "C" int IAMRTDataEnqueue(uint64_t dataHandle, IAMDataPackage* package) {
+extern "C" int IAMRTDataEnqueue(uint64_t dataHandle, IAMDataPackage* package)
+{
     static const auto next = soak::Next<decltype(IAMRTDataEnqueue)>("IAMRTDataEnqueue");
     static uint64_t calls = 0;
     return soak::sabotage == "hoard" && ++calls % 512 == 0 ? -1 : next(dataHandle, package);
 }
-extern "C" int IAMShmFree(IAMShmPoolHandle* pool, IAMShmBlockHandle* block) {
+extern "C" int IAMShmFree(IAMShmPoolHandle* pool, IAMShmBlockHandle* block)
+{
     static const auto next = soak::Next<decltype(IAMShmFree)>("IAMShmFree");
     return soak::sabotage == "hoard" ? 0 : next(pool, block);
 }
 
-int main(int, char** argv) {
+int main(int, char** argv)
+{
     using namespace soak;
     board = MapBoard(argv[1], PUBLISHER_WORDS);
     resource = static_cast<uint32_t>(std::stoul(argv[2]));
@@ -162,6 +200,8 @@ int main(int, char** argv) {
         std::cout << "refused 0x" << std::hex << result << std::endl;
         return 3;
     }
-    if (sabotage == "wedged") { raise(SIGSTOP); }
+    if (sabotage == "wedged") {
+        raise(SIGSTOP);
+    }
     Obey();
 }

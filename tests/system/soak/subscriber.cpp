@@ -25,12 +25,15 @@ Word* board;
 // The entry of each resource's open connection. Records of a resource come on one thread at a time.
 std::atomic<Word*> current[std::size(RESOURCES)];
 
-template <typename Condition> size_t ResourceThat(Condition holds) {
+template <typename Condition>
+size_t ResourceThat(Condition holds)
+{
     return static_cast<size_t>(std::find_if(std::begin(RESOURCES), std::end(RESOURCES), holds) - RESOURCES);
 }
 
 // How long this thread has been ready to run without a processor: evidence for a time that is too long, no excuse.
-uint64_t WaitedForProcessor() {
+uint64_t WaitedForProcessor()
+{
     unsigned long long waited = 0;
     if (FILE* const file = fopen("/proc/thread-self/schedstat", "re")) {
         waited = fscanf(file, "%*u %llu", &waited) == 1 ? waited : 0;
@@ -40,13 +43,15 @@ uint64_t WaitedForProcessor() {
 }
 
 // Which resource a read thread reads, by its name.
-size_t ResourceOfThread() {
+size_t ResourceOfThread()
+{
     char name[16] = {};
     pthread_getname_np(pthread_self(), name, sizeof name);
     return ResourceThat([&](const char* resource) { return ("Rd_" + std::string(resource)).rfind(name, 0) == 0; });
 }
 
-void Check(std::vector<unsigned char> body, size_t offset, int eventId) {
+void Check(std::vector<unsigned char> body, size_t offset, int eventId)
+{
     thread_local const size_t resource = ResourceOfThread();
     Stamp stamp{};
     if (body.size() < sizeof stamp || !Unseal(body.data(), body.size(), offset, stamp) || stamp.resource != resource ||
@@ -57,8 +62,12 @@ void Check(std::vector<unsigned char> body, size_t offset, int eventId) {
     Word* const entry = current[resource];
     const bool first = entry[NEXT + stamp.lane] == 0;
     const uint64_t expected = first ? stamp.sequence : entry[NEXT + stamp.lane].load();
-    if (entry[RUN] == 0) { entry[RUN] = stamp.run; }
-    if (first) { entry[FIRST + stamp.lane] = stamp.sequence; }
+    if (entry[RUN] == 0) {
+        entry[RUN] = stamp.run;
+    }
+    if (first) {
+        entry[FIRST + stamp.lane] = stamp.sequence;
+    }
     if ((stamp.sequence != expected || stamp.run != entry[RUN]) && entry[GAPS]++ == 0) {
         entry[EXPECTED] = expected;
         entry[SEEN] = stamp.sequence;
@@ -66,7 +75,8 @@ void Check(std::vector<unsigned char> body, size_t offset, int eventId) {
     entry[NEXT + stamp.lane] = stamp.sequence + 1;
 }
 
-void CheckRaw(const dsmi_event& event) {
+void CheckRaw(const dsmi_event& event)
+{
     const auto* const bytes = reinterpret_cast<const unsigned char*>(&event);
     if (event.eventId == PROCESS_MANAGER_LOST) {
         ++board[LOSSES];
@@ -75,12 +85,14 @@ void CheckRaw(const dsmi_event& event) {
     }
 }
 
-void CheckFault(const EventInfo& event, const UDSInfoForCpp& uds) {
+void CheckFault(const EventInfo& event, const UDSInfoForCpp& uds)
+{
     Check(uds.didInfo.size() == 1 ? uds.didInfo[0].data : std::vector<unsigned char>(), 0, event.eventId);
 }
 
 // Answers with the word, then for each of the two families its result and when the call began and ended.
-void Obey() {
+void Obey()
+{
     auto& server = ReportEventServer::GetInstance();
     const std::vector<std::string> faultFiles = {RESOURCES[0], RESOURCES[1]};
     for (std::string command; std::getline(std::cin, command) && command != "quit";) {
@@ -94,7 +106,9 @@ void Obey() {
                 start ? server.RegIDSEventReportHandlerImpl(CheckRaw) : server.UnregIDSEventReportHandlerImpl();
             std::cout << (start ? "started " : "stopped ") << fault << ' ' << begun << ' ' << between << ' ' << security
                       << ' ' << between << ' ' << Now() << std::endl;
-        } catch (const std::exception& error) { std::cout << "threw " << error.what() << std::endl; }
+        } catch (const std::exception& error) {
+            std::cout << "threw " << error.what() << std::endl;
+        }
     }
     server.FmUnregisterReportEventImpl(faultFiles);
     server.UnregIDSEventReportHandlerImpl();
@@ -104,11 +118,14 @@ void Obey() {
 }  // namespace soak
 
 // The library's calls pass here and are noted.
-extern "C" int __wrap_open(const char* name, int flags, ...) {
+extern "C" int __wrap_open(const char* name, int flags, ...)
+{
     using namespace soak;
     static const auto next = Next<int(const char*, int, ...)>("__wrap_open");
     const uint64_t number = board[OPENS]++;
-    if (number >= ENTRIES_KEPT) { abort(); }  // the runner starts another subscriber long before
+    if (number >= ENTRIES_KEPT) {
+        abort();
+    }  // the runner starts another subscriber long before
     Word* const entry = board + ENTRIES + number * ENTRY_WORDS;
     const size_t resource = ResourceThat([&](const char* known) { return strcmp(known, name) == 0; });
     entry[RESOURCE] = resource;
@@ -120,22 +137,28 @@ extern "C" int __wrap_open(const char* name, int flags, ...) {
     const uint64_t ended = Now();
     entry[WAITED] = WaitedForProcessor() - waited;
     entry[FD] = static_cast<uint64_t>(fd >= 0 ? fd : -error);
-    if (fd >= 0) { current[resource] = entry; }
+    if (fd >= 0) {
+        current[resource] = entry;
+    }
     entry[ENDED] = ended;
     errno = error;
     return fd;
 }
 
-extern "C" int64_t IAMFastRead(int fd, void* buffer, size_t length) {
+extern "C" int64_t IAMFastRead(int fd, void* buffer, size_t length)
+{
     static const auto next = soak::Next<decltype(IAMFastRead)>("IAMFastRead");
     const int64_t result = next(fd, buffer, length);
     const int error = errno;
-    if (result < 0) { soak::current[soak::ResourceOfThread()].load()[soak::ERROR] = static_cast<uint64_t>(error); }
+    if (result < 0) {
+        soak::current[soak::ResourceOfThread()].load()[soak::ERROR] = static_cast<uint64_t>(error);
+    }
     errno = error;
     return result;
 }
 
-int main(int, char** argv) {
+int main(int, char** argv)
+{
     soak::board = soak::MapBoard(argv[1], soak::SUBSCRIBER_WORDS);
     soak::Obey();
 }

@@ -24,18 +24,23 @@ constexpr size_t RECORD_SIZE_MIN = 3;
 constexpr size_t RECORD_SIZE_MAX = 3960;
 constexpr size_t RAW_RECORD_SIZE = RECORD_PREFIX_SIZE + sizeof(dsmi_event);
 
-constexpr bool IsValidRecordHeader(uint8_t header) {
+constexpr bool IsValidRecordHeader(uint8_t header)
+{
     return header == RECORD_HEADER_FTE_FAULT || header == RECORD_HEADER_RAW_FAULT ||
            header == RECORD_HEADER_RAW_SECURITY;
 }
 
-constexpr EventType RecordFamily(uint8_t header) { return static_cast<EventType>(header >> 4); }
+constexpr EventType RecordFamily(uint8_t header)
+{
+    return static_cast<EventType>(header >> 4);
+}
 
 struct RawRecord {
     unsigned char bytes[RAW_RECORD_SIZE];
 };
 
-inline RawRecord MakeRawRecord(EventType family, bool forceLog, const dsmi_event& event) {
+inline RawRecord MakeRawRecord(EventType family, bool forceLog, const dsmi_event& event)
+{
     RawRecord record;
     record.bytes[0] = family == SECURITY_EVENT ? RECORD_HEADER_RAW_SECURITY : RECORD_HEADER_RAW_FAULT;
     record.bytes[1] = forceLog ? 1 : 0;
