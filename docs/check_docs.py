@@ -312,13 +312,12 @@ def check_messages(section, messages):
 
 
 def check_result_codes():
-    sources = read("subscriber/ReportEventServerImpl.cpp") + read("publisher/ReportEventClientImpl.cpp")
-    codes = {code.upper() for code in re.findall(r"constexpr int RESULT_\w+ = 0[xX](\w+);", sources)}
+    codes = set(re.findall(r"constexpr int RESULT_\w+ = 0x(\w+);", read("include/report_event/ResultCodes.h")))
     for document in (TROUBLESHOOTING, "README.md"):
         rows = rows_of(document, "Result codes")
         documented = {code.upper() for row in rows for code in re.findall(r"^0[xX](F1\w+)$", row[0])}
         for code in sorted(codes ^ documented):
-            report(document, f"result code 0x{code} is in only one of this page and the sources")
+            report(document, f"result code 0x{code} is in only one of this page and ResultCodes.h")
 
 
 def check_host_platform():

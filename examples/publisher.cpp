@@ -5,12 +5,14 @@
 
 #include "report_event/EventRecord.h"
 #include "report_event/ReportEventClient.h"
+#include "report_event/ResourceNames.h"
+#include "report_event/ResultCodes.h"
 
 int main()
 {
     ReportEventClient& publisher = ReportEventClient::GetInstance();
-    int result = publisher.RegisterResService("dp:/res/pm/fm");
-    for (int serial = 1; result == 0 && serial <= 60; ++serial) {
+    int result = publisher.RegisterResService(ReportEvent::PM_FAULT_RESOURCE);
+    for (int serial = 1; result == ReportEvent::RESULT_OK && serial <= 60; ++serial) {
         std::this_thread::sleep_for(std::chrono::seconds(1));
         dsmi_event event{};
         event.eventId = 0x1001;
@@ -20,8 +22,9 @@ int main()
         const auto record = ReportEvent::MakeRawRecord(ReportEvent::FAULT_EVENT, false, event);
         result = publisher.ReportEvent(reinterpret_cast<const char*>(record.bytes), sizeof(record.bytes));
     }
-    if (result != 0) {
-        std::fprintf(stderr, "publishing on dp:/res/pm/fm failed: 0x%X\n", static_cast<unsigned>(result));
+    if (result != ReportEvent::RESULT_OK) {
+        std::fprintf(stderr, "publishing on %s failed: 0x%X\n", ReportEvent::PM_FAULT_RESOURCE,
+                     static_cast<unsigned>(result));
     }
-    return result == 0 ? 0 : 1;
+    return result == ReportEvent::RESULT_OK ? 0 : 1;
 }

@@ -5,19 +5,13 @@
 
 #include "publisher/GrpOwnerLogLevel.h"
 #include "report_event/EventRecord.h"
+#include "report_event/ResultCodes.h"
 
 namespace ProcMgr {
 
 namespace {
 
-constexpr int RESULT_OK = 0;
-constexpr int RESULT_NULL_POINTER = 0xF10204;
-constexpr int RESULT_WRONG_SIZE = 0xF10205;
-constexpr int RESULT_SERVICE_FAILED = 0xF10207;
-constexpr int RESULT_POOL_FAILED = 0xF10208;
-constexpr int RESULT_ALLOC_FAILED = 0xF10209;
-constexpr int RESULT_WRITE_FAILED = 0xF1020A;
-constexpr int RESULT_ENQUEUE_FAILED = 0xF1020B;
+using namespace ::ReportEvent;  // the result codes and the largest record
 
 // The service's and the pool's numbers, as the middleware wants them.
 constexpr uint32_t SERVICE_SETTINGS[] = {500, 0, 10, 1};
@@ -130,14 +124,14 @@ int ReportEventClientImpl::ReportEvent(const char* buf, unsigned int size)
         syslog(GetSyslogLevel(GRP_OWNER_LOG_ERROR), "ReportEvent: null pointer");
         return RESULT_NULL_POINTER;
     }
-    if (size > ::ReportEvent::RECORD_SIZE_MAX) {
+    if (size > RECORD_SIZE_MAX) {
         syslog(GetSyslogLevel(GRP_OWNER_LOG_ERROR), "ReportEvent: fault event bufSize=%u is bigger than %d", size,
-               static_cast<int>(::ReportEvent::RECORD_SIZE_MAX));
+               static_cast<int>(RECORD_SIZE_MAX));
         return RESULT_WRONG_SIZE;
     }
     if (IAMShmHandleMalloc(dataPakg_.pool, size, dataPakg_.block) != 0) {
         syslog(GetSyslogLevel(GRP_OWNER_LOG_ERROR), "ReportEvent: IAMShmHandleMalloc block failed");
-        return RESULT_ALLOC_FAILED;
+        return RESULT_NO_BLOCK;
     }
     int ret = IAMShmWrite(dataPakg_.block, buf, size, 0);
     if (ret != 0) {

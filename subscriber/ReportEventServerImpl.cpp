@@ -22,6 +22,8 @@
 #include "c_sec.h"
 #include "fte.h"
 #include "iam.h"
+#include "report_event/ResourceNames.h"
+#include "report_event/ResultCodes.h"
 #include "slog.h"
 
 // ---------------------------------------------------------------------------------------------------------------------
@@ -48,11 +50,11 @@
 
 namespace ReportEvent {
 
-const std::string PM_FAULT_RES_FILE = "dp:/res/pm/fm";
-const std::string SEA_PM_FAULT_RES_FILE = "sea:/res/pm/fm";
+const std::string PM_FAULT_RES_FILE = PM_FAULT_RESOURCE;
+const std::string SEA_PM_FAULT_RES_FILE = SEA_PM_FAULT_RESOURCE;
 const std::string PM_PROCESS_NAME = "process-manager";
 const std::string SEA_PM_PROCESS_NAME = "sea_process-manager";
-const std::string SEC_EVENT_RES_FILE = "dp:/res/iam/sec_event";
+const std::string SEC_EVENT_RES_FILE = SECURITY_RESOURCE;
 
 namespace {
 
@@ -62,11 +64,6 @@ constexpr int SLOG_EVENT_MODULE = 0x1000036;  // module 54, event-log bit set
 constexpr int LEVEL_NOTICE = 2;
 constexpr int LEVEL_ERROR = 3;
 constexpr int LEVEL_LIFECYCLE = 16;
-
-constexpr int RESULT_OK = 0;
-constexpr int RESULT_OPEN_FAILED = 0xf10005;
-constexpr int RESULT_WRONG_SIZE = 0xf10205;
-constexpr int RESULT_BAD_NAME = 0xf10206;
 
 const std::string RES_FILE_PREFIX = "/res/";
 
@@ -672,7 +669,6 @@ bool ReportEventServerImpl::DeSerializeDataAndCallback(const unsigned char* data
 
 namespace {
 
-constexpr uint32_t PM_LOST_EVENT_ID = 0x8C03A000;
 constexpr uint16_t PM_LOST_DEVICE_ID = 0xFFFF;
 constexpr uint8_t PM_LOST_SEVERITY = 2;
 constexpr uint8_t PM_LOST_ASSERTION = 1;

@@ -6,6 +6,8 @@
 #include <vector>
 
 #include "report_event/ReportEventServer.h"
+#include "report_event/ResourceNames.h"
+#include "report_event/ResultCodes.h"
 
 namespace registration {
 
@@ -38,26 +40,24 @@ bool SubscribeFaults(const Files& files, const FaultCallback& onFault, const Dev
 {
     ReportEventServer& server = ReportEventServer::GetInstance();
     int result = server.FmRegisterMidReportEventImpl(files, onFault, onDevice);
-    while (result == 0xF10005 && waitBeforeNextTry()) {
+    while (result == ReportEvent::RESULT_OPEN_FAILED && waitBeforeNextTry()) {
         server.FmUnregisterReportEventImpl(files);  // the family counts as running although a file is missing
         result = server.FmRegisterMidReportEventImpl(files, onFault, onDevice);
     }
-    if (result != 0) {
+    if (result != ReportEvent::RESULT_OK) {
         std::fprintf(stderr, "cannot subscribe: 0x%X\n", static_cast<unsigned>(result));
         server.FmUnregisterReportEventImpl(files);
     }
-    return result == 0;
+    return result == ReportEvent::RESULT_OK;
 }
 // endregion
 
 // region renew
-constexpr uint32_t PROCESS_MANAGER_LOST = 0x8C03A000;
-
 DeviceCallback WatchForLoss(const DeviceCallback& next, const std::function<void()>& wakeMainThread)
 {
     return [next, wakeMainThread](const dsmi_event& event) {
         next(event);
-        if (event.eventId == PROCESS_MANAGER_LOST) {
+        if (event.eventId == ReportEvent::PM_LOST_EVENT_ID) {
             wakeMainThread();  // which unregisters and registers again, as above
         }
     };
