@@ -65,8 +65,6 @@ constexpr int LEVEL_NOTICE = 2;
 constexpr int LEVEL_ERROR = 3;
 constexpr int LEVEL_LIFECYCLE = 16;
 
-const std::string RES_FILE_PREFIX = "/res/";
-
 constexpr size_t READ_BUF_SIZE = RECORD_SIZE_MAX;
 constexpr std::chrono::seconds RECONNECT_TIME_LIMIT{5};
 constexpr std::chrono::milliseconds RECONNECT_PAUSE{100};
@@ -221,18 +219,24 @@ int ReportEventServerImpl::UnregIDSEventReportHandlerImpl()
 
 namespace {
 
-bool CheckFileNameIsValid(const std::string& fileName, const std::string& prefix)
+// Logs why a name is refused; true when it is not.
+bool CheckFileNameIsValid(const std::string& fileName)
 {
-    const size_t colon = fileName.find(':');
-    if (colon == std::string::npos) {
-        LOG(LEVEL_ERROR, "Illegal fileName, cannot find ':', cannot open file=%s", fileName.c_str());
-        return false;
+    switch (CheckResourceName(fileName)) {
+        case NameFault::NONE:
+            return true;
+        case NameFault::HAS_DOT:
+            LOG(LEVEL_ERROR, "Illegal fileName, find '.', cannot open file=%s", fileName.c_str());
+            return false;
+        case NameFault::NO_COLON:
+            LOG(LEVEL_ERROR, "Illegal fileName, cannot find ':', cannot open file=%s", fileName.c_str());
+            return false;
+        case NameFault::WRONG_PREFIX:
+        case NameFault::HAS_NUL:
+            break;
     }
-    if (std::strncmp(fileName.c_str() + colon + 1, prefix.c_str(), prefix.size()) != 0) {
-        LOG(LEVEL_ERROR, "CheckFileNameIsValid failed prefix=%s, fileName=%s", prefix.c_str(), fileName.c_str());
-        return false;
-    }
-    return true;
+    LOG(LEVEL_ERROR, "CheckFileNameIsValid failed prefix=%s, fileName=%s", RESOURCE_PATH_PREFIX, fileName.c_str());
+    return false;
 }
 
 // Adds the acceptable names of a fault-event list to `names`.
@@ -240,10 +244,7 @@ int CollectFaultFileNames(const std::vector<std::string>& groupOwnerList, std::s
 {
     int result = RESULT_OK;
     for (const std::string& name : groupOwnerList) {
-        if (name.find('.') != std::string::npos) {
-            LOG(LEVEL_ERROR, "Illegal fileName, find '.', cannot open file=%s", name.c_str());
-            result = RESULT_BAD_NAME;
-        } else if (!CheckFileNameIsValid(name, RES_FILE_PREFIX)) {
+        if (!CheckFileNameIsValid(name)) {
             result = RESULT_BAD_NAME;
         } else if (!names.insert(name).second) {
             LOG(LEVEL_ERROR, "resFile=%s is repeated, please check your input groupOwnerList", name.c_str());

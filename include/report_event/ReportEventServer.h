@@ -39,8 +39,8 @@
 //
 // Result codes, of all four operations:
 //   0         success (also when there was nothing to do)
-//   0xF10206  registration: at least one name was rejected (it has a '.', no ':', or no "/res/" after its first ':') or
-//             repeated; unregistration: at least one listed name is not subscribed
+//   0xF10206  registration: at least one name was rejected (ResourceNames.h has the rule) or repeated; unregistration:
+//             at least one listed name is not subscribed
 //   0xF10005  registration: at least one file could not be opened (wins over 0xF10206)
 // A code other than 0 undoes nothing: the files that could be opened are subscribed, the family counts as running, and
 // a second registration then only replaces the callbacks. To try again, unregister first, then register. The operations

@@ -2,6 +2,7 @@
 #include <set>
 #include <system_error>
 
+#include "report_event/ResourceNames.h"
 #include "tests/fakes/RecordingPlatform.h"
 
 namespace recording {
@@ -98,6 +99,9 @@ TEST_F(Subscription, AStartOpensWhatTheNamesAllowInOrderAndReportsTheRest)
           BAD_NAME,
           dot + "dp:/res/pm/fm.1 | " + dot + ". | " + noColon + "dp/res/pm/fm | " + noColon + NEXT + prefix +
               "dp:res/pm/fm | " + prefix + "a:b:/res/x | " + prefix + "dp:/res | " + prefix + "x:/resx");
+    const std::string cutOff = PM + '\0' + "x";
+    check(FAULT_EVENT, {cutOff, PM}, BAD_NAME, prefix + PM + NEXT + started(PM, 1000));
+    EXPECT_EQ(ReportEvent::NameFault::HAS_NUL, ReportEvent::CheckResourceName(cutOff));
     check(
         FAULT_EVENT, {"x:/res/no", "x:/res/:", "x:/res/", ":/res/x"}, OPEN_FAILED,
         started(":/res/x", 1000) + NEXT + started("x:/res/", 1001) + NEXT + started("x:/res/:", 1002) + NEXT + absent);
