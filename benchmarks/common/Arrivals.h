@@ -18,7 +18,8 @@ namespace bench {
 class Arrivals {
 public:
     explicit Arrivals(const Options& options)
-        : count_(options.count),
+        : warmUp_(options.warmUp),
+          count_(options.warmUp + options.count),
           latencyRun_(options.mode == Mode::LATENCY),
           done_(Check(eventfd(0, EFD_CLOEXEC), "eventfd"))
     {
@@ -40,7 +41,7 @@ public:
         } else {
             whole = TakeUnexpected(check, received);
         }
-        if (whole && latencyRun_) {
+        if (whole && latencyRun_ && next_ > warmUp_) {
             latencies_.Add(entryTime - check.TimeIn(received));
         }
         check.Expect(next_);
@@ -111,7 +112,8 @@ private:
         return whole;
     }
 
-    const uint64_t count_;
+    const uint64_t warmUp_;
+    const uint64_t count_;  // the warm-up included
     const bool latencyRun_;
     FileDescriptor done_;
     uint64_t next_ = 0;

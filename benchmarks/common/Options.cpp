@@ -11,6 +11,7 @@ namespace {
 constexpr size_t SIZE_MIN = 16;
 constexpr size_t SIZE_MAX_RECORD = 3960;
 constexpr uint64_t COUNT_MAX = 100000000;
+constexpr uint64_t LATENCY_WARM_UP = 100;
 constexpr double RATE_DEFAULT_HZ = 2000;
 constexpr double RATE_MIN_HZ = 0.1;
 constexpr double RATE_MAX_HZ = 1e6;
@@ -54,6 +55,7 @@ Options ParseOptions(const std::string& mode, const std::string& size, const std
     options.size = ParseNumber("SIZE", size, SIZE_MIN, SIZE_MAX_RECORD);
     options.count = ParseNumber("COUNT", count, 1, COUNT_MAX);
     options.rateHz = PaceFromEnvironment();
+    options.warmUp = options.mode == Mode::LATENCY ? LATENCY_WARM_UP : 0;
     return options;
 }
 

@@ -14,7 +14,8 @@ struct Options {
     Mode mode = Mode::THROUGHPUT;
     size_t size = 0;
     uint64_t count = 0;
-    double rateHz = 0;  // pace of a latency run
+    double rateHz = 0;    // pace of a latency run
+    uint64_t warmUp = 0;  // records of a latency run that are sent before the `count`, and whose latency does not count
 };
 
 // A decimal number of `text` within [lowest, highest]; throws std::invalid_argument that names `what` otherwise.

@@ -60,7 +60,7 @@ void RunSender(Link& link, const Options& options, StampedRecord record,
 
     SenderReport report{NowNs(), CpuSeconds()};
     if (options.mode == Mode::LATENCY) {
-        SendPaced(options.count, options.rateHz, record, *sender);
+        SendPaced(options.warmUp + options.count, options.rateHz, record, *sender);
     } else {
         SendAtFullSpeed(options.count, record, *sender);
     }

@@ -67,6 +67,24 @@ INSTANTIATE_TEST_SUITE_P(
                     AccountCase{"damaged_in_the_last_byte", {{0}, {1}, {2}, {3}, {4, 361}}, 1, true}),
     [](const auto& info) { return std::string(info.param.name); });
 
+TEST(Account, LeavesTheWarmUpOutOfTheLatenciesButMissesNoneOfIt)
+{
+    constexpr uint64_t WARM_UP = 3;
+    Arrivals arrivals({Mode::LATENCY, 362, COUNT, 0, WARM_UP});
+    BytesCheck check(StampedRecord::Plain(362));
+    StampedRecord sent = StampedRecord::Plain(362);
+    sent.StampTime(1000);
+    for (uint64_t number = 1; number < WARM_UP + COUNT; ++number) {
+        sent.Stamp(number);
+        arrivals.Take(check, {sent.Data(), sent.Size()}, number < WARM_UP ? 900000 : 3000);
+    }
+
+    pollfd done{arrivals.DoneFd(), POLLIN, 0};
+    EXPECT_EQ(poll(&done, 1, 0), 1);
+    EXPECT_EQ(arrivals.Lost(), 1u);
+    EXPECT_EQ(arrivals.Latencies().Max(), 2000u);
+}
+
 TEST(Account, TakesNoRecordOfAnotherLength)
 {
     for (const size_t size : {size_t{15}, size_t{361}, size_t{363}}) {
