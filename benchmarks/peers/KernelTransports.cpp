@@ -1,7 +1,6 @@
 // The transports that the kernel offers as they are: one system call sends a record, one receives it.
 #include <fcntl.h>
 #include <mqueue.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -82,46 +81,6 @@ public:
 
 private:
     FdPair fds_;
-};
-
-// The receiver of a bare ping waits as a reader must that serves a bell and notices a peer that has gone: in poll, on
-// both. Only then does it read.
-class PollingReceiver : public ReadReceiver {
-public:
-    PollingReceiver(FileDescriptor bell, FileDescriptor peer)
-        : ReadReceiver(FileDescriptor(Check(dup(bell.Get()), "dup"))), bell_(std::move(bell)), peer_(std::move(peer))
-    {
-    }
-    size_t Receive(unsigned char* buffer, size_t capacity) override
-    {
-        pollfd watched[] = {{bell_.Get(), POLLIN, 0}, {peer_.Get(), POLLIN, 0}};
-        Check(poll(watched, 2, -1), "poll");
-        return ReadReceiver::Receive(buffer, capacity);
-    }
-
-private:
-    FileDescriptor bell_;
-    FileDescriptor peer_;
-};
-
-class Ping : public Transport {
-public:
-    std::unique_ptr<Receiver> OpenReceiver() override
-    {
-        bell_.second.Close();
-        peers_.second.Close();
-        return std::make_unique<PollingReceiver>(std::move(bell_.first), std::move(peers_.first));
-    }
-    std::unique_ptr<Sender> OpenSender() override
-    {
-        bell_.first.Close();
-        peers_.first.Close();
-        return std::make_unique<WriteSender>(std::move(bell_.second));  // its socket stays open until the process ends
-    }
-
-private:
-    FdPair bell_ = MakePipe(0);
-    FdPair peers_ = MakeSocketPair();
 };
 
 long QueueRecords()
@@ -215,11 +174,6 @@ std::unique_ptr<Transport> MakePacketPipe(size_t)
 std::unique_ptr<Transport> MakeMessageQueue(size_t recordSize)
 {
     return std::make_unique<MessageQueue>(recordSize);
-}
-
-std::unique_ptr<Transport> MakePing(size_t)
-{
-    return std::make_unique<Ping>();
 }
 
 }  // namespace bench

@@ -1,17 +1,16 @@
 // The floor of the shared-memory road: a pool of blocks, a ring of entries, a bell for a receiver that sleeps, and
 // nothing else. One sender, one receiver that trust each other; no services, no readers that come and go.
-#include <sys/mman.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cstdint>
 #include <cstring>
-#include <new>
 #include <stdexcept>
 #include <utility>
 #include <vector>
 
 #include "benchmarks/common/System.h"
+#include "benchmarks/peers/SharedMapping.h"
 #include "benchmarks/peers/Transport.h"
 
 namespace bench {
@@ -34,32 +33,6 @@ struct Shared {
     alignas(CACHE_LINE) std::atomic<uint32_t> asleep{0};    // set by the receiver, cleared by whoever ends the sleep
     alignas(CACHE_LINE) Entry entries[ENTRIES];
     alignas(CACHE_LINE) unsigned char pool[BLOCKS * BLOCK_STRIDE];
-};
-
-class SharedMapping {
-public:
-    SharedMapping()
-    {
-        void* memory =
-            mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS | MAP_POPULATE, -1, 0);
-        if (memory == MAP_FAILED) {
-            ThrowErrno("mmap");
-        }
-        shared_ = new (memory) Shared;
-    }
-    SharedMapping(const SharedMapping&) = delete;
-    SharedMapping& operator=(const SharedMapping&) = delete;
-    ~SharedMapping()
-    {
-        munmap(shared_, sizeof(Shared));
-    }
-    Shared& operator*() const
-    {
-        return *shared_;
-    }
-
-private:
-    Shared* shared_;
 };
 
 class RingSender : public Sender {
@@ -182,7 +155,7 @@ public:
     }
 
 private:
-    SharedMapping mapping_;
+    SharedMapping<Shared> mapping_;
     FileDescriptor bellOut_;
     FileDescriptor bellIn_;
 };

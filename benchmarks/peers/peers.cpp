@@ -1,4 +1,4 @@
-// peers: the same records as road, over what a user would pick instead, and over the two floors that bound road.
+// peers: the same records as road, over what a user would pick instead, and over the floors that bound road.
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -18,7 +18,7 @@ namespace {
 
 constexpr int EXIT_USAGE = 2;
 constexpr int EXIT_UNAVAILABLE = 77;
-constexpr size_t PING_BYTES = StampedRecord::SIZE_MIN;
+constexpr size_t WAKE_BYTES = StampedRecord::SIZE_MIN;
 
 struct Row {
     const char* name;
@@ -30,7 +30,9 @@ struct Row {
 constexpr Row ROWS[] = {
     {"ring", "floor: a bare ring and pool in shared memory, with a bell for a receiver that sleeps", MakeRingAndPool,
      false},
-    {"ping", "floor (latency only): number and time through a pipe, awaited in poll on the pipe and a socket", MakePing,
+    {"eventfd", "floor (latency only): number and time in shared memory, a write wakes a blocking read",
+     MakeEventFdWake, true},
+    {"futex", "floor (latency only): number and time in shared memory, FUTEX_WAKE wakes FUTEX_WAIT", MakeFutexWake,
      true},
     {"seqpacket", "unix-domain SOCK_SEQPACKET socket", MakeSeqPacket, false},
     {"pipe", "packet-mode pipe of 1 MiB", MakePacketPipe, false},
@@ -64,7 +66,7 @@ int Run(const Row& row, const Options& options)
         throw std::invalid_argument(std::string(row.name) + " measures latency only");
     }
     HoldEndingSignals();
-    const StampedRecord record = StampedRecord::Plain(row.latencyOnly ? PING_BYTES : options.size);
+    const StampedRecord record = StampedRecord::Plain(row.latencyOnly ? WAKE_BYTES : options.size);
     const std::unique_ptr<Transport> transport = row.make(record.Size());
     Arrivals arrivals(options);
     SenderProcess sender(
