@@ -16,9 +16,9 @@ import sys
 
 UNAVAILABLE = 77  # exit code of a peer that the machine does not offer
 TIMEOUT_S = 300
-PEERS = ["ring", "seqpacket", "pipe", "mq", "zeromq"]
+PEERS = ["ring", "seqpacket", "pipe", "mq", "zeromq", "iceoryx", "sdbus"]
 WAKES = ["eventfd", "futex"]  # the floors of a latency: no wake-up is cheaper than the better of the two
-OTHERS = ["pipe", "mq", "zeromq"]  # of which road is compared with the best
+OTHERS = PEERS[1:]  # of which road is compared with the best
 SIZES = [362, 3960]
 READERS = [1, 8, 64, 256]
 DOCS_BEGIN = "<!-- run: begin -->\n"
@@ -32,6 +32,8 @@ COUNTS = {
     "pipe": {362: 600000, 3960: 300000},
     "mq": {362: 300000, 3960: 200000},
     "zeromq": {362: 600000, 3960: 200000},
+    "iceoryx": {362: 500000, 3960: 200000},
+    "sdbus": {362: 150000, 3960: 100000},
 }
 LATENCY_COUNT = 4000
 MICRO_REPETITIONS = 9

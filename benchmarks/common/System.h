@@ -53,10 +53,15 @@ public:
     {
         return fd_;
     }
+    // Hands the descriptor to somebody who closes it.
+    int Release()
+    {
+        return std::exchange(fd_, -1);
+    }
     void Close()
     {
         if (fd_ >= 0) {
-            close(std::exchange(fd_, -1));
+            close(Release());
         }
     }
 

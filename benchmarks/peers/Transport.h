@@ -36,6 +36,8 @@ std::unique_ptr<Transport> MakeSeqPacket(size_t recordSize);
 std::unique_ptr<Transport> MakePacketPipe(size_t recordSize);
 std::unique_ptr<Transport> MakeMessageQueue(size_t recordSize);
 std::unique_ptr<Transport> MakeZeroMq(size_t recordSize);
+std::unique_ptr<Transport> MakeIceoryx(size_t recordSize);
+std::unique_ptr<Transport> MakeSdBus(size_t recordSize);
 std::unique_ptr<Transport> MakeRingAndPool(size_t recordSize);
 std::unique_ptr<Transport> MakeEventFdWake(size_t recordSize);
 std::unique_ptr<Transport> MakeFutexWake(size_t recordSize);

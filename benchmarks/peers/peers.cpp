@@ -38,6 +38,8 @@ constexpr Row ROWS[] = {
     {"pipe", "packet-mode pipe of 1 MiB", MakePacketPipe, false},
     {"mq", "POSIX message queue, as deep as the system lets it be", MakeMessageQueue, false},
     {"zeromq", "ZeroMQ PUSH and PULL over ipc", MakeZeroMq, false},
+    {"iceoryx", "iceoryx publisher and subscriber, with a daemon of its own", MakeIceoryx, false},
+    {"sdbus", "sd-bus signals over a socket pair, without a bus daemon", MakeSdBus, false},
 };
 
 const Row& FindRow(const std::string& name)
