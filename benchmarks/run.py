@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Runs road, peers and micro in interleaved rounds, prints one Markdown table, draws the bars.
+"""Runs road, peers, publish and micro in interleaved rounds, prints one Markdown table, draws the bars.
 
 Each round runs every program once, so that a machine that speeds up or slows down does so for all of them; a ratio is
 taken within a round, and the median of the rounds stands in the table.
@@ -87,15 +87,15 @@ def command_of(programs, name, *arguments):
     return programs / "peers", [name, *arguments]
 
 
-def run_micro(programs, quick):
+def run_rows(program, quick):
     """The figures of every row, from repetitions that are mixed: rows that are compared have seen the same machine."""
     options = ["--benchmark_format=json", f"--benchmark_min_time={0.01 if quick else 0.05}",
                f"--benchmark_repetitions={1 if quick else MICRO_REPETITIONS}",
                "--benchmark_enable_random_interleaving=true"]
     rows = {}
-    for row in run_json(programs / "micro", options)["benchmarks"]:
+    for row in run_json(program, options)["benchmarks"]:
         if row.get("error_occurred"):
-            sys.exit(f"micro: {row['name']}: {row['error_message']}")
+            sys.exit(f"{program.name}: {row['name']}: {row['error_message']}")
         if row["run_type"] == "iteration":
             name = row["run_name"].removesuffix("/manual_time").split("/iterations:")[0]
             figures = rows.setdefault(name, {"ns": [], "allocs": []})
@@ -116,8 +116,9 @@ def run_round(programs, series, quick):
         figures = run_json(*command_of(programs, name, "latency", SIZES[0], count), ["p50_us", "p99_us"])
         series.add(name, figures)
     series.add("memory", run_json(programs / "road", ["memory", QUICK_MEMORY_FILES if quick else MEMORY_FILES]))
-    for name, figures in run_micro(programs, quick).items():
-        series.add(name, {figure: statistics.median(values) for figure, values in figures.items()})
+    for program in ("micro", "publish"):
+        for name, figures in run_rows(programs / program, quick).items():
+            series.add(name, {figure: statistics.median(values) for figure, values in figures.items()})
 
 
 class Line:

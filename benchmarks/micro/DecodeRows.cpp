@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "benchmarks/micro/Allocations.h"
+#include "benchmarks/micro/Program.h"
 #include "benchmarks/micro/Rows.h"
 #include "platform/host/fte/FaultRecordEncoder.h"
 #include "report_event/EventRecord.h"
@@ -113,23 +114,22 @@ Record FaultRecord(size_t dids, bool logged)
     return host_platform::fte::EncodeRecord(event, logged);
 }
 
-void AddRow(const std::string& name, const Record& record)
+void AddDecodeRow(const std::string& name, const Record& record)
 {
-    benchmark::RegisterBenchmark(("DeSerializeDataAndCallback/" + name).c_str(),
-                                 [record](benchmark::State& state) { Decode(state, record); });
+    AddRow("DeSerializeDataAndCallback/" + name, [record](benchmark::State& state) { Decode(state, record); });
 }
 
 }  // namespace
 
 void RegisterDecodeRows()
 {
-    benchmark::RegisterBenchmark("Floor/zero_copy_call/360", ZeroCopyCall);
-    AddRow("raw_security", RawRecord(ReportEvent::SECURITY_EVENT, false));
+    AddRow("Floor/zero_copy_call/360", ZeroCopyCall);
+    AddDecodeRow("raw_security", RawRecord(ReportEvent::SECURITY_EVENT, false));
     for (const bool logged : {false, true}) {
         const std::string log = logged ? "/written" : "/filtered";
-        AddRow("raw_fault" + log, RawRecord(ReportEvent::FAULT_EVENT, logged));
+        AddDecodeRow("raw_fault" + log, RawRecord(ReportEvent::FAULT_EVENT, logged));
         for (const size_t dids : DID_COUNTS) {
-            AddRow("fault/dids:" + std::to_string(dids) + log, FaultRecord(dids, logged));
+            AddDecodeRow("fault/dids:" + std::to_string(dids) + log, FaultRecord(dids, logged));
         }
     }
 }

@@ -1,49 +1,42 @@
-// The linker leads this program's calls here first (--wrap); the rows on the host platform pay one test for it.
-#include "benchmarks/micro/NullPlatform.h"
-
+// Publishing on a pool and a queue that take everything and keep nothing: the cost of the library alone. What is
+// defined here stands in front of the host platform's own.
 #include <cstdint>
 
+#include "benchmarks/micro/Program.h"
+#include "benchmarks/micro/PublishLoop.h"
+#include "benchmarks/micro/Rows.h"
 #include "iam.h"
-
-namespace {
-
-bool nullPlatform = false;  // one benchmark runs at a time, on one thread
-
-}  // namespace
+#include "publisher/ReportEventClientImpl.h"
 
 extern "C" {
 
-int __real_IAMShmHandleMalloc(IAMShmPoolHandle* pool, uint32_t size, IAMShmBlockHandle* block);
-int __real_IAMShmWrite(IAMShmBlockHandle* block, const char* data, uint32_t size, uint32_t offset);
-int __real_IAMRTDataEnqueue(uint64_t dataHandle, IAMDataPackage* package);
-
-int __wrap_IAMShmHandleMalloc(IAMShmPoolHandle* pool, uint32_t size, IAMShmBlockHandle* block)
+int IAMShmHandleMalloc(IAMShmPoolHandle*, uint32_t, IAMShmBlockHandle*)
 {
-    return nullPlatform ? 0 : __real_IAMShmHandleMalloc(pool, size, block);
+    return 0;
 }
 
-int __wrap_IAMShmWrite(IAMShmBlockHandle* block, const char* data, uint32_t size, uint32_t offset)
+int IAMShmWrite(IAMShmBlockHandle*, const char*, uint32_t, uint32_t)
 {
-    return nullPlatform ? 0 : __real_IAMShmWrite(block, data, size, offset);
+    return 0;
 }
 
-int __wrap_IAMRTDataEnqueue(uint64_t dataHandle, IAMDataPackage* package)
+int IAMRTDataEnqueue(uint64_t, IAMDataPackage*)
 {
-    return nullPlatform ? 0 : __real_IAMRTDataEnqueue(dataHandle, package);
+    return 0;
 }
 
 }  // extern "C"
 
 namespace bench {
 
-NullPlatform::NullPlatform()
+void RegisterNullPlatformRow()
 {
-    nullPlatform = true;
-}
-
-NullPlatform::~NullPlatform()
-{
-    nullPlatform = false;
+    AddRow("ReportEvent/null_platform", [](benchmark::State& state) {
+        IAMRTFSMgrFile file{};
+        ProcMgr::ReportEventClientImpl::MyOpen(&file);
+        PublishInLoop(state, ReportEventClient::GetInstance());
+        ProcMgr::ReportEventClientImpl::MyClose(&file);
+    });
 }
 
 }  // namespace bench

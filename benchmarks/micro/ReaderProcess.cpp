@@ -8,6 +8,9 @@
 #include <sys/prctl.h>
 #include <sys/wait.h>
 
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
 #include <functional>
 #include <stdexcept>
 #include <utility>
@@ -15,6 +18,9 @@
 
 #include "benchmarks/common/Options.h"
 #include "report_event/ReportEventServer.h"
+
+// Weak, because a platform without observers is measured too.
+extern "C" void IAMHostObserve(int on) __attribute__((weak));
 
 namespace bench {
 namespace {
@@ -33,7 +39,7 @@ FileDescriptor MakeMemory()
 pid_t Spawn(const std::string& resource, size_t readers, int linkFd, int memoryFd)
 {
     const std::string readersText = std::to_string(readers);
-    std::string program = "micro";
+    std::string program = "publish";
     std::string flag = READER_FLAG;
     std::string name = resource;
     std::string count = readersText;
@@ -62,7 +68,31 @@ std::vector<FileDescriptor> OpenOthers(const std::string& resource, uint64_t cou
     return others;
 }
 
+void Read(const std::string& resource, uint64_t readers)
+{
+    const SharedCount taken{FileDescriptor(MEMORY_FD)};
+    Link link{FileDescriptor(LINK_FD)};
+    if (readers == OBSERVER) {
+        IAMHostObserve(1);
+        readers = 1;
+    }
+    const std::vector<FileDescriptor> others = OpenOthers(resource, readers - 1);
+    ReportEventServer& subscriber = ReportEventServer::GetInstance();
+    const auto onDevice = [&taken](const dsmi_event&) { (*taken).fetch_add(1, std::memory_order_release); };
+    if (subscriber.FmRegisterMidReportEventImpl({resource}, nullptr, onDevice) != 0) {
+        throw std::runtime_error("cannot subscribe");
+    }
+    link.Say(Word::READY);
+    link.AwaitEnd();
+    subscriber.FmUnregisterReportEventImpl({resource});
+}
+
 }  // namespace
+
+bool ObserversExist()
+{
+    return IAMHostObserve != nullptr;
+}
 
 SharedCount::SharedCount(FileDescriptor memory) : memory_(std::move(memory))
 {
@@ -102,7 +132,7 @@ ReaderProcess::~ReaderProcess()
 void ReaderProcess::AwaitTaken(uint64_t records) const
 {
     const int64_t deadline = NowNs() + PATIENCE_NS;
-    while ((*taken_).load(std::memory_order_acquire) < records) {
+    while (Taken() < records) {
         if (NowNs() > deadline) {
             throw std::runtime_error("the reader does not take the records");
         }
@@ -110,22 +140,16 @@ void ReaderProcess::AwaitTaken(uint64_t records) const
     }
 }
 
-int RunAsReader(const std::string& resource, const std::string& readers)
+int RunAsReader(char** argv)
 {
-    Check(prctl(PR_SET_PDEATHSIG, SIGKILL), "prctl");
-    const SharedCount taken{FileDescriptor(MEMORY_FD)};
-    Link link{FileDescriptor(LINK_FD)};
-
-    const std::vector<FileDescriptor> others =
-        OpenOthers(resource, ParseNumber("READERS", readers, 1, READERS_MAX) - 1);
-    ReportEventServer& subscriber = ReportEventServer::GetInstance();
-    const auto onDevice = [&taken](const dsmi_event&) { (*taken).fetch_add(1, std::memory_order_release); };
-    if (subscriber.FmRegisterMidReportEventImpl({resource}, nullptr, onDevice) != 0) {
-        throw std::runtime_error("the reader cannot subscribe");
+    try {
+        Check(prctl(PR_SET_PDEATHSIG, SIGKILL), "prctl");
+        Read(argv[2], ParseNumber("READERS", argv[3], 0, READERS_MAX));
+        return EXIT_SUCCESS;
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "reader: %s\n", error.what());
+        return EXIT_FAILURE;
     }
-    link.Say(Word::READY);
-    link.AwaitEnd();
-    return subscriber.FmUnregisterReportEventImpl({resource});
 }
 
 }  // namespace bench

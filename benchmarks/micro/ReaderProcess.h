@@ -1,4 +1,4 @@
-// A subscriber in a process of its own, for the rows that publish: it counts what reaches its callback.
+// A subscriber or an observer in a process of its own, for the rows that publish: it counts what reaches its callback.
 #ifndef REPORT_EVENT_BENCHMARKS_READER_PROCESS_H
 #define REPORT_EVENT_BENCHMARKS_READER_PROCESS_H
 
@@ -14,6 +14,10 @@
 namespace bench {
 
 constexpr const char* READER_FLAG = "--reader";
+constexpr size_t OBSERVER = 0;  // in place of a number of readers: the process observes
+
+// Whether the platform that this program is linked with has observers.
+bool ObserversExist();
 
 // One page that both processes map: the count of records that have reached the callback.
 class SharedCount {
@@ -37,8 +41,8 @@ private:
     std::atomic<uint64_t>* count_;
 };
 
-// Connected, with `readers` readers of the resource of which the last one is the current one, when the constructor
-// returns; gone when the destructor returns.
+// Connected, with `readers` readers of the resource of which the last one is the current one, or as one observer, when
+// the constructor returns; gone when the destructor returns.
 class ReaderProcess {
 public:
     ReaderProcess(const std::string& resource, size_t readers);
@@ -46,6 +50,10 @@ public:
     ReaderProcess& operator=(const ReaderProcess&) = delete;
     ~ReaderProcess();
 
+    uint64_t Taken() const
+    {
+        return (*taken_).load(std::memory_order_acquire);
+    }
     // Throws when the reader does not come that far within seconds.
     void AwaitTaken(uint64_t records) const;
 
@@ -58,7 +66,7 @@ private:
 };
 
 // The reader's own main: RESOURCE READERS follow the flag.
-int RunAsReader(const std::string& resource, const std::string& readers);
+int RunAsReader(char** argv);
 
 }  // namespace bench
 

@@ -1,11 +1,11 @@
-// The groups of rows of micro.
+// The rows of micro.
 #ifndef REPORT_EVENT_BENCHMARKS_ROWS_H
 #define REPORT_EVENT_BENCHMARKS_ROWS_H
 
 namespace bench {
 
 void RegisterDecodeRows();
-void RegisterPublishRows();
+void RegisterNullPlatformRow();
 
 }  // namespace bench
 

@@ -1,7 +1,9 @@
-// Publishing one record: the library alone, on the host platform with readers of all kinds, and the floor below both;
-// and reading one record on the host platform.
+// publish: what it costs to publish one record on the host platform, with readers of all kinds and an observer, and to
+// read one; each row with its heap allocations per operation, and the floor below. A Google Benchmark program: its
+// options are that library's. It knows the library and the platform by their public interfaces alone.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
+#include <sys/resource.h>
 
 #include <algorithm>
 #include <cstring>
@@ -13,12 +15,12 @@
 
 #include "benchmarks/common/System.h"
 #include "benchmarks/micro/Allocations.h"
-#include "benchmarks/micro/NullPlatform.h"
+#include "benchmarks/micro/Program.h"
+#include "benchmarks/micro/PublishLoop.h"
 #include "benchmarks/micro/ReaderProcess.h"
-#include "benchmarks/micro/Rows.h"
 #include "iam.h"
-#include "publisher/ReportEventClientImpl.h"
 #include "report_event/EventRecord.h"
+#include "report_event/ReportEventClient.h"
 
 namespace bench {
 namespace {
@@ -31,16 +33,6 @@ constexpr size_t BATCH = 256;  // together with the lead, well within the pool
 constexpr int64_t WAITING_ITERATIONS = 500;
 constexpr useconds_t FALL_ASLEEP_US = 200;
 constexpr size_t READER_COUNTS[] = {1, 8, 64, 256};
-
-using Record = std::vector<char>;
-
-Record MakeRecord()
-{
-    dsmi_event event{};
-    event.assertion = 1;
-    const ReportEvent::RawRecord raw = ReportEvent::MakeRawRecord(ReportEvent::FAULT_EVENT, false, event);
-    return {raw.bytes, raw.bytes + sizeof(raw.bytes)};
-}
 
 // This process as a publisher.
 ReportEventClient& Publisher()
@@ -89,12 +81,12 @@ private:
     uint64_t allocations_ = 0;
 };
 
-// A reader that is at work all the while: no bell is rung, blocks come back as it goes.
-void PublishToBusyReader(benchmark::State& state, size_t readers)
+// Readers that are at work all the while: no bell is rung, blocks come back as they go. Returns how many records were
+// published.
+uint64_t PublishTo(const ReaderProcess& reader, benchmark::State& state)
 {
     ReportEventClient& publisher = Publisher();
     const Record record = MakeRecord();
-    const ReaderProcess reader(RESOURCE, readers);
     Stopwatch watch;
     uint64_t published = 0;
     while (state.KeepRunningBatch(BATCH)) {
@@ -105,6 +97,23 @@ void PublishToBusyReader(benchmark::State& state, size_t readers)
         reader.AwaitTaken(published += LEAD + BATCH);
     }
     ReportAllocations(state, watch.Allocations());
+    return published;
+}
+
+void PublishToBusyReader(benchmark::State& state, size_t readers)
+{
+    Publisher();
+    PublishTo(ReaderProcess(RESOURCE, readers), state);
+}
+
+// One reader and one observer at work. The observer may lose records: how many reached it stands beside the figure.
+void PublishToObserver(benchmark::State& state)
+{
+    Publisher();
+    const ReaderProcess observer(RESOURCE, OBSERVER);
+    const uint64_t published = PublishTo(ReaderProcess(RESOURCE, 1), state);
+    observer.AwaitTaken(1);
+    state.counters["observed"] = double(observer.Taken()) / double(published);
 }
 
 // A reader that sleeps: every record rings the bell.
@@ -125,28 +134,9 @@ void PublishToWaitingReader(benchmark::State& state)
     ReportAllocations(state, watch.Allocations());
 }
 
-void PublishInLoop(benchmark::State& state, ReportEventClient& publisher)
-{
-    const Record record = MakeRecord();
-    const uint64_t before = AllocationCount();
-    for (auto _ : state) {
-        benchmark::DoNotOptimize(publisher.ReportEvent(record.data(), static_cast<unsigned int>(record.size())));
-    }
-    ReportAllocations(state, AllocationCount() - before);
-}
-
 void PublishToNobody(benchmark::State& state)
 {
     PublishInLoop(state, Publisher());
-}
-
-void PublishOnNullPlatform(benchmark::State& state)
-{
-    const NullPlatform platform;
-    IAMRTFSMgrFile file{};
-    ProcMgr::ReportEventClientImpl::MyOpen(&file);
-    PublishInLoop(state, ReportEventClient::GetInstance());
-    ProcMgr::ReportEventClientImpl::MyClose(&file);
 }
 
 // This process reads from itself what it has published before: the reader never sleeps.
@@ -187,32 +177,39 @@ void LockAndCopy(benchmark::State& state)
     ReportAllocations(state, AllocationCount() - before);
 }
 
-// A row whose failures end up in its own line.
-benchmark::internal::Benchmark* AddRow(const std::string& name, const std::function<void(benchmark::State&)>& body)
+// 256 readers take more descriptors than the usual limit.
+void AllowManyDescriptors()
 {
-    return benchmark::RegisterBenchmark(name.c_str(), [body](benchmark::State& state) {
-        try {
-            body(state);
-        } catch (const std::exception& error) {
-            state.SkipWithError(error.what());
-        }
-    });
+    rlimit limit{};
+    Check(getrlimit(RLIMIT_NOFILE, &limit), "getrlimit");
+    limit.rlim_cur = limit.rlim_max;
+    Check(setrlimit(RLIMIT_NOFILE, &limit), "setrlimit");
 }
 
-}  // namespace
-
-void RegisterPublishRows()
+void RegisterRows()
 {
+    AllowManyDescriptors();
     AddRow("Floor/lock_and_copy", LockAndCopy)->Arg(ReportEvent::RAW_RECORD_SIZE)->Arg(ReportEvent::RECORD_SIZE_MAX);
-    AddRow("ReportEvent/null_platform", PublishOnNullPlatform);
     AddRow("ReportEvent/host/no_reader", PublishToNobody);
     for (const size_t readers : READER_COUNTS) {
         AddRow("ReportEvent/host/busy_reader/readers:" + std::to_string(readers), [readers](benchmark::State& state) {
             PublishToBusyReader(state, readers);
         })->UseManualTime();
     }
+    if (ObserversExist()) {
+        AddRow("ReportEvent/host/busy_reader/observers:1", PublishToObserver)->UseManualTime();
+    }
     AddRow("ReportEvent/host/waiting_reader", PublishToWaitingReader)->UseManualTime()->Iterations(WAITING_ITERATIONS);
     AddRow("IAMFastRead", ReadRecords)->UseManualTime();
 }
 
+}  // namespace
 }  // namespace bench
+
+int main(int argc, char** argv)
+{
+    if (argc == 4 && std::strcmp(argv[1], bench::READER_FLAG) == 0) {
+        return bench::RunAsReader(argv);
+    }
+    return bench::RunRows(argc, argv, bench::RegisterRows);
+}
