@@ -25,15 +25,15 @@ public:
     {
     }
 
-    // The time at which a record reached the receiver; a throughput run does not pay for the clock.
-    int64_t EntryTime() const
+    // When and where a record reached the receiver; a throughput run does not pay for the clock.
+    TimeAndPlace Entry() const
     {
-        return latencyRun_ ? NowNs() : 0;
+        return latencyRun_ ? TimeAndPlace::Now() : TimeAndPlace(0);
     }
 
     // `check` expects record number Next() when called and when left.
     template <class Checker>
-    void Take(Checker& check, const typename Checker::Received& received, int64_t entryTime)
+    void Take(Checker& check, const typename Checker::Received& received, TimeAndPlace entry)
     {
         bool whole = check.Matches(received);
         if (whole) {
@@ -42,7 +42,9 @@ public:
             whole = TakeUnexpected(check, received);
         }
         if (whole && latencyRun_ && next_ > warmUp_) {
-            latencies_.Add(entryTime - check.TimeIn(received));
+            const TimeAndPlace sent(check.TimeIn(received));
+            latencies_.Add(entry.NsSince(sent));
+            samePlace_ += entry.AtPlaceOf(sent) ? 1 : 0;
         }
         check.Expect(next_);
         // Relaxed: the supervisor only wants to see that the figure moves.
@@ -92,6 +94,11 @@ public:
     {
         return latencies_;
     }
+    // Of the records whose latency counts: how many were received on the processor that had sent them.
+    uint64_t SamePlace() const
+    {
+        return samePlace_;
+    }
 
 private:
     // A record that is not the next one, whole: is it whole at all, and where does it belong? Returns whether it is
@@ -122,6 +129,7 @@ private:
     int64_t endNs_ = 0;
     double endCpuSeconds_ = 0;
     Histogram latencies_;
+    uint64_t samePlace_ = 0;
     std::atomic<uint64_t> progress_{0};
 };
 

@@ -2,6 +2,7 @@
 #ifndef REPORT_EVENT_BENCHMARKS_SYSTEM_H
 #define REPORT_EVENT_BENCHMARKS_SYSTEM_H
 
+#include <sched.h>
 #include <sys/resource.h>
 #include <time.h>
 #include <unistd.h>
@@ -76,6 +77,40 @@ inline int64_t NowNs()
     clock_gettime(CLOCK_MONOTONIC, &now);
     return int64_t{now.tv_sec} * 1000000000 + now.tv_nsec;
 }
+
+// A time together with the processor on which it was taken, in the eight bytes that a record has for it.
+class TimeAndPlace {
+public:
+    TimeAndPlace(int64_t ns, unsigned processor) : packed_(static_cast<uint64_t>(ns) << PLACE_BITS | processor % PLACES)
+    {
+    }
+    explicit TimeAndPlace(int64_t packed) : packed_(static_cast<uint64_t>(packed))
+    {
+    }
+    static TimeAndPlace Now()
+    {
+        return {NowNs(), static_cast<unsigned>(sched_getcpu())};
+    }
+    int64_t Packed() const
+    {
+        return static_cast<int64_t>(packed_);
+    }
+    // Right for differences of up to 26 days.
+    int64_t NsSince(TimeAndPlace earlier) const
+    {
+        return static_cast<int64_t>((packed_ & ~(PLACES - 1)) - (earlier.packed_ & ~(PLACES - 1))) / int64_t{PLACES};
+    }
+    bool AtPlaceOf(TimeAndPlace other) const
+    {
+        return (packed_ ^ other.packed_) % PLACES == 0;
+    }
+
+private:
+    static constexpr unsigned PLACE_BITS = 12;
+    static constexpr uint64_t PLACES = uint64_t{1} << PLACE_BITS;
+
+    uint64_t packed_;
+};
 
 // User and system time of all threads of this process so far.
 inline double CpuSeconds()

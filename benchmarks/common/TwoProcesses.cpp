@@ -194,9 +194,11 @@ int PrintResult(const char* program, const Options& options, const Result& resul
     const auto lost = static_cast<unsigned long long>(arrivals.Lost());
     if (options.mode == Mode::LATENCY) {
         const Histogram& latencies = arrivals.Latencies();
-        std::printf("{\"p50_us\":%.2f,\"p99_us\":%.2f,\"max_us\":%.2f,\"lost\":%llu,\"cpu_s_per_million\":%.4f}\n",
-                    latencies.Quantile(0.5) * 1e-3, latencies.Quantile(0.99) * 1e-3, double(latencies.Max()) * 1e-3,
-                    lost, cpuPerMillion);
+        std::printf(
+            "{\"p50_us\":%.2f,\"p99_us\":%.2f,\"max_us\":%.2f,\"same_processor\":%.2f,\"lost\":%llu,"
+            "\"cpu_s_per_million\":%.4f}\n",
+            latencies.Quantile(0.5) * 1e-3, latencies.Quantile(0.99) * 1e-3, double(latencies.Max()) * 1e-3,
+            double(arrivals.SamePlace()) / double(options.count), lost, cpuPerMillion);
     } else {
         const double seconds = double(arrivals.EndNs() - result.sender.startNs) * 1e-9;
         std::printf("{\"records_per_s\":%.0f,\"lost\":%llu,\"cpu_s_per_million\":%.4f}\n",

@@ -57,7 +57,7 @@ void ReceiveAll(Receiver& receiver, const StampedRecord& record, Arrivals& arriv
     BytesCheck check(record);
     std::vector<unsigned char> buffer(record.Size());
     while (const size_t size = receiver.Receive(buffer.data(), buffer.size())) {
-        arrivals.Take(check, {buffer.data(), size}, arrivals.EntryTime());
+        arrivals.Take(check, {buffer.data(), size}, arrivals.Entry());
     }
     arrivals.Finish();
 }

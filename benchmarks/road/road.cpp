@@ -142,12 +142,12 @@ int Measure(const std::string& mode, const std::string& size, const std::string&
     sender->Line().Await(Word::READY);
 
     const auto onEvent = [&](const EventInfo& event, const UDSInfoForCpp& uds) {
-        const int64_t entryTime = arrivals.EntryTime();
-        arrivals.Take(faultCheck, {event, uds}, entryTime);
+        const TimeAndPlace entry = arrivals.Entry();
+        arrivals.Take(faultCheck, {event, uds}, entry);
     };
     const auto onDevice = [&](const dsmi_event& event) {
-        const int64_t entryTime = arrivals.EntryTime();
-        arrivals.Take(rawCheck, event, entryTime);
+        const TimeAndPlace entry = arrivals.Entry();
+        arrivals.Take(rawCheck, event, entry);
     };
     Result result;
     {

@@ -16,6 +16,9 @@ namespace bench {
 namespace {
 
 constexpr uint64_t COUNT = 5;
+constexpr unsigned PLACE = 7;
+const TimeAndPlace SENT(1000, PLACE);
+const TimeAndPlace RECEIVED(3000, PLACE);
 
 struct Arriving {
     uint64_t number;
@@ -39,12 +42,12 @@ TEST_P(Account, CountsEveryRecordThatDidNotArriveOnceInPlaceAndWhole)
     for (const Arriving& arriving : GetParam().records) {
         StampedRecord sent = StampedRecord::Plain(SIZE);
         sent.Stamp(arriving.number);
-        sent.StampTime(1000);
+        sent.StampTime(SENT.Packed());
         std::vector<unsigned char> bytes(sent.Data(), sent.Data() + sent.Size());
         if (arriving.damagedByte >= 0) {
             bytes[static_cast<size_t>(arriving.damagedByte)] ^= 1;
         }
-        arrivals.Take(check, {bytes.data(), bytes.size()}, 3000);
+        arrivals.Take(check, {bytes.data(), bytes.size()}, RECEIVED);
     }
 
     pollfd done{arrivals.DoneFd(), POLLIN, 0};
@@ -70,19 +73,32 @@ INSTANTIATE_TEST_SUITE_P(
 TEST(Account, LeavesTheWarmUpOutOfTheLatenciesButMissesNoneOfIt)
 {
     constexpr uint64_t WARM_UP = 3;
+    const TimeAndPlace late(900000, PLACE);
     Arrivals arrivals({Mode::LATENCY, 362, COUNT, 0, WARM_UP});
     BytesCheck check(StampedRecord::Plain(362));
     StampedRecord sent = StampedRecord::Plain(362);
-    sent.StampTime(1000);
+    sent.StampTime(SENT.Packed());
     for (uint64_t number = 1; number < WARM_UP + COUNT; ++number) {
         sent.Stamp(number);
-        arrivals.Take(check, {sent.Data(), sent.Size()}, number < WARM_UP ? 900000 : 3000);
+        arrivals.Take(check, {sent.Data(), sent.Size()}, number < WARM_UP ? late : RECEIVED);
     }
 
     pollfd done{arrivals.DoneFd(), POLLIN, 0};
     EXPECT_EQ(poll(&done, 1, 0), 1);
     EXPECT_EQ(arrivals.Lost(), 1u);
     EXPECT_EQ(arrivals.Latencies().Max(), 2000u);
+    EXPECT_EQ(arrivals.SamePlace(), COUNT);
+}
+
+TEST(Account, TimesCarryTheirPlaceToTheEndOfTheClock)
+{
+    const TimeAndPlace earlier(INT64_MAX - 500, PLACE);
+    const TimeAndPlace later(INT64_MAX, PLACE);
+    const TimeAndPlace elsewhere(INT64_MAX, PLACE + 1);
+    EXPECT_EQ(TimeAndPlace(later.Packed()).NsSince(earlier), 500);
+    EXPECT_EQ(earlier.NsSince(elsewhere), -500);
+    EXPECT_TRUE(later.AtPlaceOf(earlier));
+    EXPECT_FALSE(later.AtPlaceOf(elsewhere));
 }
 
 TEST(Account, TakesNoRecordOfAnotherLength)
@@ -91,7 +107,7 @@ TEST(Account, TakesNoRecordOfAnotherLength)
         Arrivals arrivals({Mode::THROUGHPUT, 362, 1, 0});
         BytesCheck check(StampedRecord::Plain(362));
         const StampedRecord sent = StampedRecord::Plain(363);
-        arrivals.Take(check, {sent.Data(), size}, 0);
+        arrivals.Take(check, {sent.Data(), size}, RECEIVED);
         EXPECT_EQ(arrivals.Lost(), 1u) << size;
     }
 }
