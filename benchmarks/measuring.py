@@ -1,0 +1,99 @@
+"""Runs the programs, each between two readings of the distance, and keeps their figures by class of distance."""
+import json
+import os
+import statistics
+import subprocess
+import sys
+
+UNAVAILABLE = 77  # exit code of a peer that the machine does not offer
+TIMEOUT_S = 300
+
+# How far apart the two processors are: nanoseconds for one cache line to the other and back, up to which a reading
+# belongs to a class. Between the bounds lie processors that share a cache, those that share a package or a mesh, and
+# those that share neither; a virtual machine is moved from one to another while it runs.
+CLASSES = {"near": 75, "middle": 250, "far": float("inf")}
+ONE_PROCESSOR = "one processor"  # nothing travels
+ALONE = "alone"  # figures of a single process, which no distance changes
+AGREE = 1.5  # two readings agree when neither is more than so many times the other
+ATTEMPTS = 4
+
+
+class Run:
+    """One run of a program: where its figures go, and how they are read from what it prints."""
+
+    def __init__(self, prefix, command, read=dict, alone=False):
+        self.prefix, self.command, self.read, self.alone = prefix, [str(part) for part in command], read, alone
+
+
+class Series:
+    """The values of every figure: the class of distance and the value, by round."""
+
+    def __init__(self):
+        self.values = {}
+        self.readings = {}  # by class
+        self.unsteady = {}  # what was seen, by prefix
+
+    def add(self, number, kind, prefix, figures):
+        for name, value in figures.items():
+            self.values.setdefault(f"{prefix} {name}".strip(), {})[number] = (kind, value)
+
+    def of(self, figure, kind):
+        return {number: value for number, (seen, value) in self.values.get(figure, {}).items() if seen == kind}
+
+    def ratios(self, above, below, kind):
+        """Within a round, and within a class unless distance does not matter to what is below."""
+        divisors = {**self.of(below, ALONE), **self.of(below, kind)}
+        return [value / divisors[number] for number, value in self.of(above, kind).items() if divisors.get(number)]
+
+    def kinds(self):
+        return [kind for kind in (*CLASSES, ONE_PROCESSOR) if kind in self.readings]
+
+
+def class_of(reading):
+    return next(name for name, bound in CLASSES.items() if reading <= bound)
+
+
+def call(command):
+    """What a program prints; None when it says that this machine does not offer it."""
+    environment = {k: v for k, v in os.environ.items() if k not in ("ROAD_RATE_HZ", "SLOG_LEVELS", "SLOG_EVENT_FILE")}
+    done = subprocess.run(command, stdout=subprocess.PIPE, env=environment, timeout=TIMEOUT_S, check=False)
+    if done.returncode == UNAVAILABLE:
+        return None
+    if done.returncode != 0:
+        sys.exit(f"failed with {done.returncode}: {' '.join(command)}")
+    return json.loads(done.stdout)
+
+
+class Measuring:
+    """Runs programs and adds what they print to a series."""
+
+    def __init__(self, programs, series):
+        self.distance, self.series = [str(programs / "distance")], series
+        # On two processors, so that the distance is that of the processors on which the programs run.
+        two = sorted(os.sched_getaffinity(0))[:2]
+        os.sched_setaffinity(0, two)
+        self.apart = len(two) == 2
+
+    def run(self, number, run):
+        if run.alone:
+            self.series.add(number, ALONE, run.prefix, run.read(call(run.command)))
+            return
+        for _ in range(ATTEMPTS):
+            before = self.read_distance()
+            printed = call(run.command)
+            after = self.read_distance()
+            if printed is None:
+                return
+            if max(before, after) <= AGREE * min(before, after):
+                self.keep(number, run, before, after, printed)
+                return
+        seen = f"round {number}: {before:.0f} ns before, {after:.0f} ns after: {json.dumps(run.read(printed))}"
+        self.series.unsteady.setdefault(run.prefix, []).append(seen)
+
+    def read_distance(self):
+        return call(self.distance)["ns"] if self.apart else 0
+
+    def keep(self, number, run, before, after, printed):
+        kind = class_of((before * after) ** 0.5) if self.apart else ONE_PROCESSOR
+        self.series.readings.setdefault(kind, []).extend([before, after])
+        self.series.add(number, kind, run.prefix, run.read(printed))
