@@ -16,6 +16,7 @@ ONE_PROCESSOR = "one processor"  # nothing travels
 ALONE = "alone"  # figures of a single process, which no distance changes
 AGREE = 1.5  # two readings agree when neither is more than so many times the other
 ATTEMPTS = 4
+TICKS = os.sysconf("SC_CLK_TCK")
 
 
 class Run:
@@ -32,10 +33,11 @@ class Series:
         self.values = {}
         self.readings = {}  # by class
         self.unsteady = {}  # what was seen, by prefix
+        self.others = Others()
 
     def add(self, number, kind, prefix, figures):
         for name, value in figures.items():
-            self.values.setdefault(f"{prefix} {name}".strip(), {})[number] = (kind, value)
+            self.values.setdefault(f"{prefix.strip()} {name}".strip(), {})[number] = (kind, value)
 
     def of(self, figure, kind):
         return {number: value for number, (seen, value) in self.values.get(figure, {}).items() if seen == kind}
@@ -47,6 +49,25 @@ class Series:
 
     def kinds(self):
         return [kind for kind in (*CLASSES, ONE_PROCESSOR) if kind in self.readings]
+
+
+class Others:
+    """What runs here beside the benchmarks, from the start until asked."""
+
+    def __init__(self):
+        self.start = self.read()
+
+    @staticmethod
+    def read():
+        """Seconds of all processors, those of them that were idle, and those of our own programs."""
+        with open("/proc/stat", encoding="utf-8") as file:
+            ticks = [int(word) for word in file.readline().split()[1:9]]  # guests count as their users already
+        own = os.times()
+        return sum(ticks) / TICKS, (ticks[3] + ticks[4]) / TICKS, own.children_user + own.children_system
+
+    def share(self):
+        total, idle, own = (now - then for now, then in zip(self.read(), self.start))
+        return max(0.0, total - idle - own) / max(total, 1 / TICKS)
 
 
 def class_of(reading):

@@ -18,6 +18,7 @@ COPY = "Floor/lock_and_copy/362 ns"
 CALL = "Floor/zero_copy_call/360 ns"
 BUSY = "ReportEvent/host/busy_reader/readers:"
 OBSERVED = "ReportEvent/host/busy_reader/observers:1"
+QUARTERS = ["1st quarter", "median", "3rd quarter"]
 DOCS_BEGIN = "<!-- run: begin -->\n"
 DOCS_END = "<!-- run: end -->\n"
 
@@ -30,12 +31,15 @@ class Figure:
 
     def cells(self, judge):
         if not self.values:
-            return [self.label, "0", "", "", "", self.target(None)]
-        median = statistics.median(self.values)
-        spread = [f"{value:.2f}" for value in (min(self.values), median, max(self.values))]
-        return [self.label, str(len(self.values)), *spread, self.target(median if judge else None)]
+            return [self.label, "0", "", "", "", self.target(None)] if "not available" in self.label else None
+        values = self.values if len(self.values) > 1 else self.values * 2
+        quarters = statistics.quantiles(values, n=4, method="inclusive")
+        return [self.label, str(len(self.values)), *(f"{value:.2f}" for value in quarters),
+                self.target(quarters[1] if judge else None)]
 
     def target(self, median):
+        if self.at_least is None and self.at_most is None:
+            return ""
         if self.at_least is not None:
             verdict = "" if median is None else " met" if median >= self.at_least else " MISSED"
             return f"≥ {self.at_least:g}{verdict}"
@@ -48,8 +52,8 @@ def spread(values, scale=1.0, digits=2):
     values = [value * scale for value in values]
     if not values:
         return ""
-    text = f"{statistics.median(values):,.{digits}f}"
-    return text if len(values) == 1 else f"{text} ({min(values):,.{digits}f}–{max(values):,.{digits}f})"
+    lowest, median, highest = (f"{value:,.{digits}f}" for value in (min(values), statistics.median(values), max(values)))
+    return median if lowest == highest else f"{median} ({lowest}–{highest})"
 
 
 class Kind:
@@ -93,7 +97,8 @@ def transports(kind, names, columns):
         if first not in kind.series.values:
             steady = not any(first.startswith(prefix) for prefix in kind.series.unsteady)
             cells[0] = "not available here" if steady else "never steady"
-        rows.append([name, str(len(kind.series.of(first, kind.kind))), *cells])
+        if any(cells):
+            rows.append([name, str(len(kind.series.of(first, kind.kind))), *cells])
     return rows
 
 
@@ -174,15 +179,19 @@ def machine():
 
 
 def table(columns, rows):
+    """Nothing when there is no row."""
+    lines = [f"| {' | '.join(row)} |\n" for row in rows if row is not None]
     head = f"| {' | '.join(columns)} |\n|---|{'--:|' * (len(columns) - 1)}\n"
-    return head + "".join(f"| {' | '.join(row)} |\n" for row in rows) + "\n"
+    return head + "".join(lines) + "\n" if lines else ""
 
 
 def figures_table(figures, judge):
-    return table(["figure", "rounds", "min", "median", "max", "target"], [figure.cells(judge) for figure in figures])
+    return table(["figure", "rounds", *QUARTERS, "target"], [figure.cells(judge) for figure in figures])
 
 
 def heading(series, kind):
+    if kind == ALONE:
+        return "**alone**: one process, or nothing that a distance changes\n\n"
     readings = series.readings[kind]
     return (f"**{kind}**: a cache line goes to and fro in {min(readings):.0f} to {max(readings):.0f} ns "
             f"({len(readings) // 2} runs)\n\n")
@@ -193,20 +202,49 @@ def unsteady(series):
     return "**Never steady**, so in no table:\n\n" + "".join(lines) if lines else ""
 
 
-def first_line(rounds):
+def first_line(series, rounds):
     today = datetime.date.today().isoformat()
-    return f"{today}, {machine()}, RelWithDebInfo, {rounds} interleaved round{'s' if rounds > 1 else ''}.\n\n"
+    return (f"{today}, {machine()}, RelWithDebInfo, {rounds} interleaved round{'s' if rounds > 1 else ''}; other work "
+            f"took {series.others.share():.0%} of the processors meanwhile.\n\n")
 
 
 def full_report(series, rounds, judge):
-    text = first_line(rounds)
+    text = first_line(series, rounds)
     for each in series.kinds():
         kind = Kind(series, each)
         text += heading(series, each) + figures_table(class_figures(kind), judge)
         text += throughput_table(kind) + latency_table(kind) + rows_table(kind)
     alone = Kind(series, ALONE)
-    text += "**alone**: one process, or nothing that a distance changes\n\n"
+    text += heading(series, ALONE)
     return text + figures_table(alone_figures(alone), judge) + rows_table(alone) + unsteady(series)
+
+
+def against_table(kind, judge):
+    """New ÷ old of the same round: what must become better, and what is shown beside it."""
+    cases = [("throughput 362 B, million/s", "road throughput 362 records_per_s", 1e-6, {"at_least": 1.12}),
+             ("throughput 3960 B, million/s", "road throughput 3960 records_per_s", 1e-6, {}),
+             ("latency p50 at 2 kHz, µs", "road latency p50_us", 1, {"at_most": 0.8}),
+             ("latency p99 at 2 kHz, µs", "road latency p99_us", 1, {}),
+             ("CPU at 2 kHz, µs per record", "road latency cpu_s_per_million", 1, {"at_most": 0.9}),
+             ("CPU at full speed 362 B, µs", "road throughput 362 cpu_s_per_million", 1, {}),
+             ("CPU at full speed 3960 B, µs", "road throughput 3960 cpu_s_per_million", 1, {}),
+             ("publish, busy reader, no observer, ns", f"{BUSY}1 ns", 1, {"at_most": 0.95}),
+             ("publish, waiting reader, ns", "ReportEvent/host/waiting_reader ns", 1, {}),
+             ("publish, no reader, ns", "ReportEvent/host/no_reader ns", 1, {})]
+    rows = []
+    for label, figure, scale, target in cases:
+        cells = Figure(label, kind.ratios(figure, f"old {figure}"), **target).cells(judge)
+        if cells is not None:
+            rows.append([*cells, kind.values(figure, scale), kind.values(f"old {figure}", scale)])
+    return table(["new ÷ old", "rounds", *QUARTERS, "target", "new", "old"], rows)
+
+
+def against_report(series, rounds, commit, judge):
+    text = first_line(series, rounds) + f"new: this tree; old: {commit}; new ÷ old of the same round.\n\n"
+    for each in [*series.kinds(), ALONE]:
+        kind = Kind(series, each)
+        text += heading(series, each) + against_table(kind, judge)
+    return text + unsteady(series)
 
 
 def draw(series, path):

@@ -17,10 +17,8 @@
 #include <vector>
 
 #include "benchmarks/common/Options.h"
+#include "benchmarks/common/OtherCommits.h"
 #include "report_event/ReportEventServer.h"
-
-// Weak, because a platform without observers is measured too.
-extern "C" void IAMHostObserve(int on) __attribute__((weak));
 
 namespace bench {
 namespace {

@@ -14,6 +14,7 @@
 
 #include "benchmarks/common/Arrivals.h"
 #include "benchmarks/common/Options.h"
+#include "benchmarks/common/OtherCommits.h"
 #include "benchmarks/common/RuntimeDirectory.h"
 #include "benchmarks/common/Sending.h"
 #include "benchmarks/common/TwoProcesses.h"
@@ -27,7 +28,6 @@ namespace bench {
 namespace {
 
 constexpr int EXIT_USAGE = 2;
-constexpr int NO_FREE_BLOCK = 0xF10209;
 constexpr size_t POOL_BLOCKS = 1000;
 constexpr const char* RESOURCE = "dp:/res/pm/fm";
 constexpr const char* SENDER_FLAG = "--sender";
