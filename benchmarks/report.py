@@ -7,7 +7,7 @@ import statistics
 import subprocess
 import sys
 
-from measuring import ALONE
+from measuring import ALONE, ONE_PROCESSOR
 
 PEERS = ["ring", "seqpacket", "pipe", "mq", "zeromq", "iceoryx", "sdbus"]
 OTHERS = PEERS[1:]  # what a user would pick instead; road is compared with the best of them
@@ -193,6 +193,8 @@ def heading(series, kind):
     if kind == ALONE:
         return "**alone**: one process, or nothing that a distance changes\n\n"
     readings = series.readings[kind]
+    if kind == ONE_PROCESSOR:
+        return f"**{kind}** for both sides ({len(readings) // 2} runs)\n\n"
     return (f"**{kind}**: a cache line goes to and fro in {min(readings):.0f} to {max(readings):.0f} ns "
             f"({len(readings) // 2} runs)\n\n")
 
