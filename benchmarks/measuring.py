@@ -89,9 +89,9 @@ class Measuring:
     """Runs programs and adds what they print to a series."""
 
     def __init__(self, programs, series):
-        self.distance, self.series = [str(programs / "distance")], series
         # On two processors, so that the distance is that of the processors on which the programs run.
         two = sorted(os.sched_getaffinity(0))[:2]
+        self.distance, self.series = [str(programs / "distance"), *map(str, two)], series
         os.sched_setaffinity(0, two)
         self.apart = len(two) == 2
 

@@ -26,14 +26,14 @@ public:
     }
 
     // When and where a record reached the receiver; a throughput run does not pay for the clock.
-    TimeAndPlace Entry() const
+    uint64_t Entry() const
     {
-        return latencyRun_ ? TimeAndPlace::Now() : TimeAndPlace(0);
+        return latencyRun_ ? TimeAndPlace(NowNs(), sched_getcpu()) : 0;
     }
 
     // `check` expects record number Next() when called and when left.
     template <class Checker>
-    void Take(Checker& check, const typename Checker::Received& received, TimeAndPlace entry)
+    void Take(Checker& check, const typename Checker::Received& received, uint64_t entry)
     {
         bool whole = check.Matches(received);
         if (whole) {
@@ -42,9 +42,9 @@ public:
             whole = TakeUnexpected(check, received);
         }
         if (whole && latencyRun_ && next_ > warmUp_) {
-            const TimeAndPlace sent(check.TimeIn(received));
-            latencies_.Add(entry.NsSince(sent));
-            samePlace_ += entry.AtPlaceOf(sent) ? 1 : 0;
+            const uint64_t sent = check.TimeIn(received);
+            latencies_.Add(NsBetween(sent, entry));
+            samePlace_ += AtTheSamePlace(sent, entry) ? 1 : 0;
         }
         check.Expect(next_);
         // Relaxed: the supervisor only wants to see that the figure moves.

@@ -32,7 +32,7 @@ void SendPaced(uint64_t count, double rateHz, StampedRecord& record, Sender& sen
     for (uint64_t number = 0; number < count; ++number) {
         record.Stamp(number);
         SleepUntil(start + static_cast<int64_t>(double(number + 1) * double(SECOND_NS) / rateHz));
-        record.StampTime(TimeAndPlace::Now().Packed());
+        record.StampTime(TimeAndPlace(NowNs(), sched_getcpu()));
         sender.Send(record.Data(), record.Size());
     }
 }

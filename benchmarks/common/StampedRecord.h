@@ -72,7 +72,7 @@ public:
             std::memcpy(bytes_.data() + at, &number, FIELD);
         }
     }
-    void StampTime(int64_t time)
+    void StampTime(uint64_t time)
     {
         std::memcpy(bytes_.data() + timeOffset_, &time, FIELD);
     }
@@ -83,9 +83,9 @@ public:
         std::memcpy(&number, received + numberOffsets_.front(), FIELD);
         return number;
     }
-    int64_t TimeIn(const unsigned char* received) const
+    uint64_t TimeIn(const unsigned char* received) const
     {
-        int64_t time;
+        uint64_t time;
         std::memcpy(&time, received + timeOffset_, FIELD);
         return time;
     }
@@ -131,7 +131,7 @@ public:
     {
         return received.size >= expected_.Size() ? expected_.NumberIn(received.data) : UINT64_MAX;
     }
-    int64_t TimeIn(const Received& received) const
+    uint64_t TimeIn(const Received& received) const
     {
         return expected_.TimeIn(received.data);
     }

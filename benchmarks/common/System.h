@@ -79,38 +79,23 @@ inline int64_t NowNs()
 }
 
 // A time together with the processor on which it was taken, in the eight bytes that a record has for it.
-class TimeAndPlace {
-public:
-    TimeAndPlace(int64_t ns, unsigned processor) : packed_(static_cast<uint64_t>(ns) << PLACE_BITS | processor % PLACES)
-    {
-    }
-    explicit TimeAndPlace(int64_t packed) : packed_(static_cast<uint64_t>(packed))
-    {
-    }
-    static TimeAndPlace Now()
-    {
-        return {NowNs(), static_cast<unsigned>(sched_getcpu())};
-    }
-    int64_t Packed() const
-    {
-        return static_cast<int64_t>(packed_);
-    }
-    // Right for differences of up to 26 days.
-    int64_t NsSince(TimeAndPlace earlier) const
-    {
-        return static_cast<int64_t>((packed_ & ~(PLACES - 1)) - (earlier.packed_ & ~(PLACES - 1))) / int64_t{PLACES};
-    }
-    bool AtPlaceOf(TimeAndPlace other) const
-    {
-        return (packed_ ^ other.packed_) % PLACES == 0;
-    }
+constexpr unsigned PLACE_BITS = 12;
 
-private:
-    static constexpr unsigned PLACE_BITS = 12;
-    static constexpr uint64_t PLACES = uint64_t{1} << PLACE_BITS;
+inline uint64_t TimeAndPlace(int64_t ns, int processor)
+{
+    return static_cast<uint64_t>(ns) << PLACE_BITS | static_cast<uint64_t>(processor) % (1 << PLACE_BITS);
+}
 
-    uint64_t packed_;
-};
+// Right for up to 26 days.
+inline int64_t NsBetween(uint64_t earlier, uint64_t later)
+{
+    return static_cast<int64_t>(((later >> PLACE_BITS) - (earlier >> PLACE_BITS)) << PLACE_BITS) >> PLACE_BITS;
+}
+
+inline bool AtTheSamePlace(uint64_t one, uint64_t other)
+{
+    return (one ^ other) << (64 - PLACE_BITS) == 0;
+}
 
 // User and system time of all threads of this process so far.
 inline double CpuSeconds()

@@ -1,5 +1,6 @@
 #include "benchmarks/common/TwoProcesses.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -131,6 +132,21 @@ void SenderProcess::Finish()
     if (status != 0) {
         throw std::runtime_error("the sender failed");
     }
+}
+
+std::unique_ptr<SenderProcess> StartAgain(std::vector<std::string> arguments)
+{
+    std::vector<char*> argv;
+    for (std::string& argument : arguments) {
+        argv.push_back(argument.data());
+    }
+    argv.push_back(nullptr);
+    return std::make_unique<SenderProcess>([&](Link& link) {
+        Check(dup2(link.Fd(), INHERITED_LINK_FD), "dup2");
+        Check(fcntl(INHERITED_LINK_FD, F_SETFD, 0), "fcntl");  // it may have been that very descriptor
+        execv("/proc/self/exe", argv.data());
+        ThrowErrno("cannot start this program again");
+    });
 }
 
 void HoldEndingSignals()

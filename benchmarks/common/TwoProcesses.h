@@ -6,7 +6,10 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
+#include <string>
 #include <utility>
+#include <vector>
 
 #include "benchmarks/common/Arrivals.h"
 #include "benchmarks/common/Options.h"
@@ -74,6 +77,12 @@ private:
     pid_t pid_ = -1;
     Link link_;
 };
+
+constexpr int INHERITED_LINK_FD = 100;  // out of the way of everything else
+
+// Starts this very program with these arguments, its name the first, in place of a body: it finds its end of the line
+// at INHERITED_LINK_FD. This process may have threads.
+std::unique_ptr<SenderProcess> StartAgain(std::vector<std::string> arguments);
 
 // Blocks the signals that end a program by hand, so that Supervise sees them and destructors clean up. Called before
 // the process has a second thread or a child.

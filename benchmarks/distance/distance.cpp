@@ -12,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "benchmarks/common/Options.h"
 #include "benchmarks/common/System.h"
 
 namespace bench {
@@ -25,22 +26,6 @@ struct Line {
     alignas(LINE_PAIR) std::atomic<uint32_t> turn{0};
     alignas(LINE_PAIR) char neighbour{};
 };
-
-std::vector<int> TwoProcessors()
-{
-    cpu_set_t allowed;
-    Check(sched_getaffinity(0, sizeof(allowed), &allowed), "sched_getaffinity");
-    std::vector<int> two;
-    for (int processor = 0; processor < CPU_SETSIZE && two.size() < 2; ++processor) {
-        if (CPU_ISSET(processor, &allowed)) {
-            two.push_back(processor);
-        }
-    }
-    if (two.size() < 2) {
-        throw std::runtime_error("there is but one processor to run on");
-    }
-    return two;
-}
 
 // The calling thread's place.
 void StayOn(int processor)
@@ -62,15 +47,14 @@ void Play(std::atomic<uint32_t>& turn, uint32_t mine, uint32_t rounds)
     }
 }
 
-double MedianNs()
+double MedianNs(int here, int there)
 {
-    const std::vector<int> processors = TwoProcessors();
     Line line;
     std::thread other([&] {
-        StayOn(processors[1]);
+        StayOn(there);
         Play(line.turn, 1, BATCHES * BATCH);
     });
-    StayOn(processors[0]);
+    StayOn(here);
     std::vector<double> batches;
     for (uint32_t batch = 0; batch < BATCHES; ++batch) {
         const int64_t start = NowNs();
@@ -85,10 +69,14 @@ double MedianNs()
 }  // namespace
 }  // namespace bench
 
-int main()
+int main(int argc, char** argv)
 {
     try {
-        std::printf("{\"ns\":%.1f}\n", bench::MedianNs());
+        const auto processor = [&](int i) { return int(bench::ParseNumber("PROCESSOR", argv[i], 0, CPU_SETSIZE - 1)); };
+        if (argc != 3) {
+            throw std::invalid_argument("usage: distance PROCESSOR PROCESSOR");
+        }
+        std::printf("{\"ns\":%.1f}\n", bench::MedianNs(processor(1), processor(2)));
         return EXIT_SUCCESS;
     } catch (const std::exception& error) {
         std::fprintf(stderr, "distance: %s\n", error.what());

@@ -8,7 +8,6 @@
 
 #include "benchmarks/micro/Allocations.h"
 #include "benchmarks/micro/Program.h"
-#include "benchmarks/micro/Rows.h"
 #include "platform/host/fte/FaultRecordEncoder.h"
 #include "report_event/EventRecord.h"
 #include "subscriber/ReportEventServerImpl.h"

@@ -4,7 +4,6 @@
 
 #include "benchmarks/micro/Program.h"
 #include "benchmarks/micro/PublishLoop.h"
-#include "benchmarks/micro/Rows.h"
 #include "iam.h"
 #include "publisher/ReportEventClientImpl.h"
 

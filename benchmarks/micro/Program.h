@@ -16,6 +16,10 @@ int RunRows(int argc, char** argv, void (*registerRows)());
 // A row whose failures end up in its own line.
 benchmark::internal::Benchmark* AddRow(const std::string& name, const std::function<void(benchmark::State&)>& body);
 
+// The rows of micro.
+void RegisterDecodeRows();
+void RegisterNullPlatformRow();
+
 }  // namespace bench
 
 #endif  // REPORT_EVENT_BENCHMARKS_PROGRAM_H

@@ -2,11 +2,7 @@
 
 #include <fcntl.h>
 #include <sched.h>
-#include <signal.h>
-#include <spawn.h>
 #include <sys/mman.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -23,38 +19,8 @@
 namespace bench {
 namespace {
 
-constexpr int LINK_FD = 100;  // where the reader finds what it inherits, out of the way of everything else
-constexpr int MEMORY_FD = 101;
 constexpr int64_t PATIENCE_NS = 5000000000;
 constexpr uint64_t READERS_MAX = 1024;
-
-FileDescriptor MakeMemory()
-{
-    return FileDescriptor(Check(memfd_create("report-event-bench-count", MFD_CLOEXEC), "memfd_create"));
-}
-
-// posix_spawn, because this process has threads.
-pid_t Spawn(const std::string& resource, size_t readers, int linkFd, int memoryFd)
-{
-    const std::string readersText = std::to_string(readers);
-    std::string program = "publish";
-    std::string flag = READER_FLAG;
-    std::string name = resource;
-    std::string count = readersText;
-    char* arguments[] = {program.data(), flag.data(), name.data(), count.data(), nullptr};
-
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, linkFd, LINK_FD);
-    posix_spawn_file_actions_adddup2(&actions, memoryFd, MEMORY_FD);
-    pid_t pid = -1;
-    errno = posix_spawn(&pid, "/proc/self/exe", &actions, nullptr, arguments, environ);
-    posix_spawn_file_actions_destroy(&actions);
-    if (errno != 0) {
-        ThrowErrno("cannot start the reader");
-    }
-    return pid;
-}
 
 // Readers that connect, read nothing and are not the current one.
 std::vector<FileDescriptor> OpenOthers(const std::string& resource, uint64_t count)
@@ -66,10 +32,9 @@ std::vector<FileDescriptor> OpenOthers(const std::string& resource, uint64_t cou
     return others;
 }
 
-void Read(const std::string& resource, uint64_t readers)
+void Read(const std::string& resource, uint64_t readers, const SharedCount& taken)
 {
-    const SharedCount taken{FileDescriptor(MEMORY_FD)};
-    Link link{FileDescriptor(LINK_FD)};
+    Link link{FileDescriptor(INHERITED_LINK_FD)};
     if (readers == OBSERVER) {
         IAMHostObserve(1);
         readers = 1;
@@ -109,22 +74,19 @@ SharedCount::~SharedCount()
 }
 
 ReaderProcess::ReaderProcess(const std::string& resource, size_t readers)
-    : ReaderProcess(Link::MakePair(), resource, readers)
+    : taken_(FileDescriptor(Check(memfd_create("report-event-bench-count", 0), "memfd_create"))),
+      process_(StartAgain({"publish", READER_FLAG, resource, std::to_string(readers), std::to_string(taken_.Fd())}))
 {
-}
-
-ReaderProcess::ReaderProcess(std::pair<Link, Link> links, const std::string& resource, size_t readers)
-    : taken_(MakeMemory()), link_(std::move(links.first))
-{
-    pid_ = Spawn(resource, readers, links.second.Fd(), taken_.Fd());
-    links.second.Hang();
-    link_.Await(Word::READY);
+    process_->Line().Await(Word::READY);
 }
 
 ReaderProcess::~ReaderProcess()
 {
-    link_.Hang();
-    waitpid(pid_, nullptr, 0);
+    try {
+        process_->Finish();
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "reader: %s\n", error.what());
+    }
 }
 
 void ReaderProcess::AwaitTaken(uint64_t records) const
@@ -141,8 +103,7 @@ void ReaderProcess::AwaitTaken(uint64_t records) const
 int RunAsReader(char** argv)
 {
     try {
-        Check(prctl(PR_SET_PDEATHSIG, SIGKILL), "prctl");
-        Read(argv[2], ParseNumber("READERS", argv[3], 0, READERS_MAX));
+        Read(argv[2], ParseNumber("READERS", argv[3], 0, READERS_MAX), SharedCount(FileDescriptor(std::stoi(argv[4]))));
         return EXIT_SUCCESS;
     } catch (const std::exception& error) {
         std::fprintf(stderr, "reader: %s\n", error.what());

@@ -2,10 +2,9 @@
 #ifndef REPORT_EVENT_BENCHMARKS_READER_PROCESS_H
 #define REPORT_EVENT_BENCHMARKS_READER_PROCESS_H
 
-#include <sys/types.h>
-
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <string>
 
 #include "benchmarks/common/System.h"
@@ -58,14 +57,11 @@ public:
     void AwaitTaken(uint64_t records) const;
 
 private:
-    ReaderProcess(std::pair<Link, Link> links, const std::string& resource, size_t readers);
-
     SharedCount taken_;
-    Link link_;
-    pid_t pid_ = -1;
+    std::unique_ptr<SenderProcess> process_;
 };
 
-// The reader's own main: RESOURCE READERS follow the flag.
+// The reader's own main: RESOURCE READERS MEMORY_FD follow the flag.
 int RunAsReader(char** argv);
 
 }  // namespace bench

@@ -1,7 +1,6 @@
 // micro: what the library's single operations cost without a host platform below them, each row with its heap
 // allocations per operation. A Google Benchmark program: its options are that library's.
 #include "benchmarks/micro/Program.h"
-#include "benchmarks/micro/Rows.h"
 
 int main(int argc, char** argv)
 {

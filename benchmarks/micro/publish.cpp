@@ -56,30 +56,17 @@ void Publish(ReportEventClient& publisher, const Record& record, size_t times)
     }
 }
 
-// Time and allocations of what stands between Start and Stop, added up over a run.
-class Stopwatch {
-public:
-    void Start()
-    {
-        allocationsAtStart_ = AllocationCount();
-        startNs_ = NowNs();
-    }
-    double StopSeconds()
-    {
-        const int64_t elapsed = NowNs() - startNs_;
-        allocations_ += AllocationCount() - allocationsAtStart_;
-        return double(elapsed) * 1e-9;
-    }
-    uint64_t Allocations() const
-    {
-        return allocations_;
-    }
-
-private:
-    int64_t startNs_ = 0;
-    uint64_t allocationsAtStart_ = 0;
-    uint64_t allocations_ = 0;
-};
+// Seconds that something takes; its allocations are added up.
+template <class Something>
+double Timed(uint64_t& allocations, const Something& something)
+{
+    const uint64_t before = AllocationCount();
+    const int64_t start = NowNs();
+    something();
+    const int64_t elapsed = NowNs() - start;
+    allocations += AllocationCount() - before;
+    return double(elapsed) * 1e-9;
+}
 
 // Readers that are at work all the while: no bell is rung, blocks come back as they go. Returns how many records were
 // published.
@@ -87,16 +74,14 @@ uint64_t PublishTo(const ReaderProcess& reader, benchmark::State& state)
 {
     ReportEventClient& publisher = Publisher();
     const Record record = MakeRecord();
-    Stopwatch watch;
+    uint64_t allocations = 0;
     uint64_t published = 0;
     while (state.KeepRunningBatch(BATCH)) {
         Publish(publisher, record, LEAD);
-        watch.Start();
-        Publish(publisher, record, BATCH);
-        state.SetIterationTime(watch.StopSeconds());
+        state.SetIterationTime(Timed(allocations, [&] { Publish(publisher, record, BATCH); }));
         reader.AwaitTaken(published += LEAD + BATCH);
     }
-    ReportAllocations(state, watch.Allocations());
+    ReportAllocations(state, allocations);
     return published;
 }
 
@@ -122,16 +107,14 @@ void PublishToWaitingReader(benchmark::State& state)
     ReportEventClient& publisher = Publisher();
     const Record record = MakeRecord();
     const ReaderProcess reader(RESOURCE, 1);
-    Stopwatch watch;
+    uint64_t allocations = 0;
     uint64_t published = 0;
     for (auto _ : state) {
         usleep(FALL_ASLEEP_US);
-        watch.Start();
-        Publish(publisher, record, 1);
-        state.SetIterationTime(watch.StopSeconds());
+        state.SetIterationTime(Timed(allocations, [&] { Publish(publisher, record, 1); }));
         reader.AwaitTaken(++published);
     }
-    ReportAllocations(state, watch.Allocations());
+    ReportAllocations(state, allocations);
 }
 
 void PublishToNobody(benchmark::State& state)
@@ -146,18 +129,18 @@ void ReadRecords(benchmark::State& state)
     const Record record = MakeRecord();
     Record buffer(ReportEvent::RECORD_SIZE_MAX);
     const FileDescriptor reader(Check(open(RESOURCE, O_RDWR), "cannot open the resource"));
-    Stopwatch watch;
+    uint64_t allocations = 0;
     while (state.KeepRunningBatch(BATCH)) {
         Publish(publisher, record, BATCH);
-        watch.Start();
-        for (size_t i = 0; i < BATCH; ++i) {
-            if (IAMFastRead(reader.Get(), buffer.data(), buffer.size()) != static_cast<int64_t>(record.size())) {
-                throw std::runtime_error("IAMFastRead failed");
+        state.SetIterationTime(Timed(allocations, [&] {
+            for (size_t i = 0; i < BATCH; ++i) {
+                if (IAMFastRead(reader.Get(), buffer.data(), buffer.size()) != static_cast<int64_t>(record.size())) {
+                    throw std::runtime_error("IAMFastRead failed");
+                }
             }
-        }
-        state.SetIterationTime(watch.StopSeconds());
+        }));
     }
-    ReportAllocations(state, watch.Allocations());
+    ReportAllocations(state, allocations);
 }
 
 // What no publish can do without: take a lock that nobody else wants and copy the record into a pool.
@@ -208,7 +191,7 @@ void RegisterRows()
 
 int main(int argc, char** argv)
 {
-    if (argc == 4 && std::strcmp(argv[1], bench::READER_FLAG) == 0) {
+    if (argc == 5 && std::strcmp(argv[1], bench::READER_FLAG) == 0) {
         return bench::RunAsReader(argv);
     }
     return bench::RunRows(argc, argv, bench::RegisterRows);

@@ -21,7 +21,6 @@
 #include <string>
 #include <utility>
 
-#include "benchmarks/common/System.h"
 #include "benchmarks/peers/Transport.h"
 
 namespace bench {
@@ -31,6 +30,7 @@ constexpr const char* CONFIGURATION_FILE = "/tmp/iox-roudi.toml";
 // One pool for records of every size, as many chunks as the road has blocks.
 constexpr const char* CONFIGURATION =
     "[general]\nversion = 1\n[[segment]]\n[[segment.mempool]]\nsize = 4096\ncount = 1000\n";
+constexpr uint64_t QUEUE = 256;  // the longest
 constexpr const char* READY_LINE = "ready for clients";
 constexpr useconds_t LOOK_EVERY_US = 1000;
 
@@ -110,47 +110,46 @@ private:
 
 const iox::capro::ServiceDescription SERVICE{"Report", "Event", "Record"};
 
+// This process as a client of the daemon: made before its publisher or subscriber.
+struct Client {
+    explicit Client(const iox::RuntimeName_t& name)
+    {
+        iox::log::LogManager::GetLogManager().SetDefaultLogLevel(iox::log::LogLevel::kError,
+                                                                 iox::log::LogLevelOutput::kHideLogLevel);
+        iox::runtime::PoshRuntime::initRuntime(name);
+    }
+};
+
 class ChunkSender : public Sender {
 public:
+    explicit ChunkSender(const Daemon&)
+    {
+        while (!publisher_.hasSubscribers()) {
+            usleep(LOOK_EVERY_US);
+        }
+    }
     ~ChunkSender() override
     {
-        Put(nullptr, 0);  // an empty chunk ends the stream
-    }
-    bool Connected() const
-    {
-        return publisher_.hasSubscribers();
+        Send(reinterpret_cast<const unsigned char*>(""), 0);  // an empty chunk ends the stream
     }
     void Send(const unsigned char* data, size_t size) override
-    {
-        Put(data, size);
-    }
-
-private:
-    static iox::popo::PublisherOptions Waiting()
-    {
-        iox::popo::PublisherOptions options;
-        options.subscriberTooSlowPolicy = iox::popo::ConsumerTooSlowPolicy::WAIT_FOR_CONSUMER;
-        return options;
-    }
-
-    void Put(const unsigned char* data, size_t size)
     {
         auto chunk = publisher_.loan(static_cast<uint32_t>(size));
         if (chunk.has_error()) {
             throw std::runtime_error("no chunk to be had");
         }
-        if (size != 0) {
-            std::memcpy(chunk.value(), data, size);
-        }
+        std::memcpy(chunk.value(), data, size);
         publisher_.publish(chunk.value());
     }
 
-    iox::popo::UntypedPublisher publisher_{SERVICE, Waiting()};
+private:
+    const Client client_{"sender"};
+    iox::popo::UntypedPublisher publisher_{SERVICE, {0, "", true, iox::popo::ConsumerTooSlowPolicy::WAIT_FOR_CONSUMER}};
 };
 
 class ChunkReceiver : public Receiver {
 public:
-    ChunkReceiver()
+    explicit ChunkReceiver(const Daemon&)
     {
         waitSet_.attachState(subscriber_, iox::popo::SubscriberState::HAS_DATA).or_else([](auto) {
             throw std::runtime_error("cannot wait for the subscriber");
@@ -176,41 +175,9 @@ public:
     }
 
 private:
-    static iox::popo::SubscriberOptions Waiting()
-    {
-        iox::popo::SubscriberOptions options;
-        options.queueFullPolicy = iox::popo::QueueFullPolicy::BLOCK_PRODUCER;
-        return options;
-    }
-
-    iox::popo::UntypedSubscriber subscriber_{SERVICE, Waiting()};
+    const Client client_{"receiver"};
+    iox::popo::UntypedSubscriber subscriber_{SERVICE, {QUEUE, 0, "", true, iox::popo::QueueFullPolicy::BLOCK_PRODUCER}};
     iox::popo::WaitSet<1> waitSet_;
-};
-
-class Iceoryx : public Transport {
-public:
-    std::unique_ptr<Receiver> OpenReceiver() override
-    {
-        Connect("receiver");
-        return std::make_unique<ChunkReceiver>();
-    }
-    std::unique_ptr<Sender> OpenSender() override
-    {
-        Connect("sender");
-        auto sender = std::make_unique<ChunkSender>();
-        while (!sender->Connected()) {
-            usleep(LOOK_EVERY_US);
-        }
-        return sender;
-    }
-
-private:
-    static void Connect(const iox::RuntimeName_t& name)
-    {
-        iox::log::LogManager::GetLogManager().SetDefaultLogLevel(iox::log::LogLevel::kError,
-                                                                 iox::log::LogLevelOutput::kHideLogLevel);
-        iox::runtime::PoshRuntime::initRuntime(name);
-    }
 };
 
 }  // namespace
@@ -220,7 +187,7 @@ std::unique_ptr<Transport> MakeIceoryx(size_t)
     // Older than the receiver's connection to the daemon, so that it ends after that.
     static Daemon daemon;
     daemon.AwaitReady();
-    return std::make_unique<Iceoryx>();
+    return std::make_unique<TransportOf<ChunkSender, ChunkReceiver, Daemon&>>(daemon);
 }
 
 }  // namespace bench

@@ -7,9 +7,7 @@
 #include <algorithm>
 #include <fstream>
 #include <string>
-#include <utility>
 
-#include "benchmarks/common/System.h"
 #include "benchmarks/peers/Transport.h"
 
 namespace bench {
@@ -18,25 +16,9 @@ namespace {
 constexpr int PIPE_BYTES = 1 << 20;  // what an unprivileged process may ask for by default
 constexpr long QUEUE_RECORDS_MAX = 128;
 
-using FdPair = std::pair<FileDescriptor, FileDescriptor>;
-
-FdPair MakePipe(int flags)
-{
-    int fds[2];
-    Check(pipe2(fds, flags), "pipe2");
-    return {FileDescriptor(fds[0]), FileDescriptor(fds[1])};
-}
-
-FdPair MakeSocketPair()
-{
-    int fds[2];
-    Check(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, fds), "socketpair");
-    return {FileDescriptor(fds[0]), FileDescriptor(fds[1])};
-}
-
 class WriteSender : public Sender {
 public:
-    explicit WriteSender(FileDescriptor fd) : fd_(std::move(fd))
+    explicit WriteSender(DescriptorPair& pair) : fd_(pair.TakeSending())
     {
     }
     void Send(const unsigned char* data, size_t size) override
@@ -50,7 +32,7 @@ private:
 
 class ReadReceiver : public Receiver {
 public:
-    explicit ReadReceiver(FileDescriptor fd) : fd_(std::move(fd))
+    explicit ReadReceiver(DescriptorPair& pair) : fd_(pair.TakeReceiving())
     {
     }
     size_t Receive(unsigned char* buffer, size_t capacity) override
@@ -63,25 +45,7 @@ private:
 };
 
 // A packet socket, or a pipe in packet mode: each write is read back whole by one read.
-class PacketFds : public Transport {
-public:
-    explicit PacketFds(FdPair fds) : fds_(std::move(fds))
-    {
-    }
-    std::unique_ptr<Receiver> OpenReceiver() override
-    {
-        fds_.second.Close();
-        return std::make_unique<ReadReceiver>(std::move(fds_.first));
-    }
-    std::unique_ptr<Sender> OpenSender() override
-    {
-        fds_.first.Close();
-        return std::make_unique<WriteSender>(std::move(fds_.second));
-    }
-
-private:
-    FdPair fds_;
-};
+using Packets = TransportOf<WriteSender, ReadReceiver, DescriptorPair>;
 
 long QueueRecords()
 {
@@ -90,9 +54,24 @@ long QueueRecords()
     return std::clamp(limit, 1L, QUEUE_RECORDS_MAX);
 }
 
+// A queue is a descriptor. Its name is gone before anybody uses it: the two processes share the descriptor.
+FileDescriptor MakeQueue(size_t recordSize)
+{
+    const std::string name = "/report-event-peers-" + std::to_string(getpid());
+    mq_attr attributes{};
+    attributes.mq_maxmsg = QueueRecords();
+    attributes.mq_msgsize = static_cast<long>(recordSize);
+    FileDescriptor queue(mq_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600, &attributes));
+    if (queue.Get() < 0) {
+        throw Unavailable("mq_open: " + std::generic_category().message(errno));
+    }
+    mq_unlink(name.c_str());
+    return queue;
+}
+
 class QueueSender : public Sender {
 public:
-    explicit QueueSender(mqd_t queue) : queue_(queue)
+    explicit QueueSender(const FileDescriptor& queue) : queue_(queue.Get())
     {
     }
     ~QueueSender() override
@@ -110,7 +89,7 @@ private:
 
 class QueueReceiver : public Receiver {
 public:
-    explicit QueueReceiver(mqd_t queue) : queue_(queue)
+    explicit QueueReceiver(const FileDescriptor& queue) : queue_(queue.Get())
     {
     }
     size_t Receive(unsigned char* buffer, size_t capacity) override
@@ -123,57 +102,26 @@ private:
     const mqd_t queue_;
 };
 
-// Its name is gone before anybody uses it: the two processes share the descriptor.
-class MessageQueue : public Transport {
-public:
-    explicit MessageQueue(size_t recordSize)
-    {
-        const std::string name = "/report-event-peers-" + std::to_string(getpid());
-        mq_attr attributes{};
-        attributes.mq_maxmsg = QueueRecords();
-        attributes.mq_msgsize = static_cast<long>(recordSize);
-        queue_ = mq_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600, &attributes);
-        if (queue_ == mqd_t{-1}) {
-            throw Unavailable("mq_open: " + std::generic_category().message(errno));
-        }
-        mq_unlink(name.c_str());
-    }
-    MessageQueue(const MessageQueue&) = delete;
-    MessageQueue& operator=(const MessageQueue&) = delete;
-    ~MessageQueue() override
-    {
-        mq_close(queue_);
-    }
-    std::unique_ptr<Receiver> OpenReceiver() override
-    {
-        return std::make_unique<QueueReceiver>(queue_);
-    }
-    std::unique_ptr<Sender> OpenSender() override
-    {
-        return std::make_unique<QueueSender>(queue_);
-    }
-
-private:
-    mqd_t queue_;
-};
-
 }  // namespace
 
 std::unique_ptr<Transport> MakeSeqPacket(size_t)
 {
-    return std::make_unique<PacketFds>(MakeSocketPair());
+    int fds[2];
+    Check(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, fds), "socketpair");
+    return std::make_unique<Packets>(FileDescriptor(fds[0]), FileDescriptor(fds[1]));
 }
 
 std::unique_ptr<Transport> MakePacketPipe(size_t)
 {
-    FdPair fds = MakePipe(O_DIRECT);
-    fcntl(fds.second.Get(), F_SETPIPE_SZ, PIPE_BYTES);  // where that is not allowed, the default stays
-    return std::make_unique<PacketFds>(std::move(fds));
+    int fds[2];
+    Check(pipe2(fds, O_DIRECT), "pipe2");
+    fcntl(fds[1], F_SETPIPE_SZ, PIPE_BYTES);  // where that is not allowed, the default stays
+    return std::make_unique<Packets>(FileDescriptor(fds[0]), FileDescriptor(fds[1]));
 }
 
 std::unique_ptr<Transport> MakeMessageQueue(size_t recordSize)
 {
-    return std::make_unique<MessageQueue>(recordSize);
+    return std::make_unique<TransportOf<QueueSender, QueueReceiver, FileDescriptor>>(MakeQueue(recordSize));
 }
 
 }  // namespace bench

@@ -1,16 +1,19 @@
-// The floor of the shared-memory road: a pool of blocks, a ring of entries, a bell for a receiver that sleeps, and
-// nothing else. One sender, one receiver that trust each other; no services, no readers that come and go.
+// The floor of the shared-memory road: a pool of blocks, a ring of entries, the kernel's cheapest bells for a receiver
+// that sleeps, and nothing else. One sender, one receiver that trust each other; no services, no readers that come and
+// go.
+#include <linux/futex.h>
+#include <sys/eventfd.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cstdint>
 #include <cstring>
+#include <new>
 #include <stdexcept>
-#include <utility>
 #include <vector>
 
-#include "benchmarks/common/System.h"
-#include "benchmarks/peers/SharedMapping.h"
 #include "benchmarks/peers/Transport.h"
 
 namespace bench {
@@ -24,7 +27,7 @@ constexpr size_t CACHE_LINE = 64;
 
 struct Entry {
     uint32_t block;
-    uint32_t size;
+    uint32_t size;  // 0 ends the stream
 };
 
 struct Shared {
@@ -35,13 +38,73 @@ struct Shared {
     alignas(CACHE_LINE) unsigned char pool[BLOCKS * BLOCK_STRIDE];
 };
 
+struct Unmapping {
+    void operator()(Shared* shared) const
+    {
+        munmap(shared, sizeof(Shared));
+    }
+};
+
+std::unique_ptr<Shared, Unmapping> MapShared()
+{
+    void* memory =
+        mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS | MAP_POPULATE, -1, 0);
+    if (memory == MAP_FAILED) {
+        ThrowErrno("mmap");
+    }
+    return std::unique_ptr<Shared, Unmapping>(new (memory) Shared);
+}
+
+// The receiver sleeps in a read.
+class EventFd {
+public:
+    void Ring(std::atomic<uint32_t>&)
+    {
+        Check(eventfd_write(fd_.Get(), 1), "eventfd_write");
+    }
+    void Sleep(std::atomic<uint32_t>&)
+    {
+        eventfd_t rung;
+        Check(eventfd_read(fd_.Get(), &rung), "eventfd_read");
+    }
+
+private:
+    const FileDescriptor fd_{Check(eventfd(0, EFD_CLOEXEC), "eventfd")};
+};
+
+// The receiver sleeps for as long as it is said to be asleep.
+class Futex {
+public:
+    void Ring(std::atomic<uint32_t>& asleep)
+    {
+        Check(syscall(SYS_futex, &asleep, FUTEX_WAKE, 1, nullptr, nullptr, 0), "FUTEX_WAKE");
+    }
+    void Sleep(std::atomic<uint32_t>& asleep)
+    {
+        if (syscall(SYS_futex, &asleep, FUTEX_WAIT, 1, nullptr, nullptr, 0) < 0 && errno != EAGAIN) {
+            ThrowErrno("FUTEX_WAIT");
+        }
+    }
+};
+
+template <class Bell>
+struct RingWith {
+    std::unique_ptr<Shared, Unmapping> shared = MapShared();
+    Bell bell;
+};
+
+template <class Bell>
 class RingSender : public Sender {
 public:
-    RingSender(Shared& shared, FileDescriptor bell) : shared_(shared), bell_(std::move(bell)), inRing_(ENTRIES)
+    explicit RingSender(RingWith<Bell>& ring) : shared_(*ring.shared), bell_(ring.bell), inRing_(ENTRIES)
     {
         for (uint32_t block = BLOCKS; block > 0; --block) {
             free_.push_back(block - 1);
         }
+    }
+    ~RingSender() override
+    {
+        Send(reinterpret_cast<const unsigned char*>(""), 0);
     }
 
     void Send(const unsigned char* data, size_t size) override
@@ -62,7 +125,7 @@ public:
         // the record before it does.
         shared_.produced.store(++produced_, std::memory_order_seq_cst);
         if (shared_.asleep.load(std::memory_order_seq_cst) != 0 && shared_.asleep.exchange(0) != 0) {
-            Check(write(bell_.Get(), "", 1), "write");
+            bell_.Ring(shared_.asleep);
         }
         pause_.Sent();
     }
@@ -77,7 +140,7 @@ private:
     }
 
     Shared& shared_;
-    FileDescriptor bell_;
+    Bell& bell_;
     std::vector<uint32_t> free_;    // last freed, first used: its lines are still warm
     std::vector<uint32_t> inRing_;  // which block stands in which place of the ring
     uint32_t produced_ = 0;
@@ -85,9 +148,10 @@ private:
     PoolPause pause_{BLOCKS};
 };
 
+template <class Bell>
 class RingReceiver : public Receiver {
 public:
-    RingReceiver(Shared& shared, FileDescriptor bell) : shared_(shared), bell_(std::move(bell))
+    explicit RingReceiver(RingWith<Bell>& ring) : shared_(*ring.shared), bell_(ring.bell)
     {
     }
 
@@ -95,8 +159,8 @@ public:
     {
         if (consumed_ == produced_) {
             produced_ = shared_.produced.load(std::memory_order_acquire);
-            if (consumed_ == produced_ && !Sleep()) {
-                return 0;
+            while (consumed_ == produced_) {
+                Sleep();
             }
         }
         const Entry entry = shared_.entries[consumed_ % ENTRIES];
@@ -109,62 +173,36 @@ public:
     }
 
 private:
-    // Returns true once there is a record, false when none will come.
-    bool Sleep()
+    void Sleep()
     {
-        for (;;) {
-            shared_.asleep.store(1, std::memory_order_seq_cst);
-            produced_ = shared_.produced.load(std::memory_order_seq_cst);
-            if (produced_ != consumed_ && shared_.asleep.exchange(0) != 0) {
-                return true;
-            }
-            // Asleep; or the bell is about to be rung, and its byte must not stay for the next sleep.
-            char rung;
-            const bool ended = Check(read(bell_.Get(), &rung, 1), "read") == 0;
+        shared_.asleep.store(1, std::memory_order_seq_cst);
+        produced_ = shared_.produced.load(std::memory_order_seq_cst);
+        if (produced_ == consumed_ || shared_.asleep.exchange(0) == 0) {
+            // Asleep; or the bell is about to be rung, and that must not be left for the next sleep.
+            bell_.Sleep(shared_.asleep);
             produced_ = shared_.produced.load(std::memory_order_acquire);
-            if (produced_ != consumed_ || ended) {
-                return produced_ != consumed_;
-            }
         }
     }
 
     Shared& shared_;
-    FileDescriptor bell_;
+    Bell& bell_;
     uint32_t produced_ = 0;
     uint32_t consumed_ = 0;
 };
 
-class RingAndPool : public Transport {
-public:
-    RingAndPool()
-    {
-        int fds[2];
-        Check(pipe(fds), "pipe");
-        bellOut_ = FileDescriptor(fds[0]);
-        bellIn_ = FileDescriptor(fds[1]);
-    }
-    std::unique_ptr<Receiver> OpenReceiver() override
-    {
-        bellIn_.Close();
-        return std::make_unique<RingReceiver>(*mapping_, std::move(bellOut_));
-    }
-    std::unique_ptr<Sender> OpenSender() override
-    {
-        bellOut_.Close();
-        return std::make_unique<RingSender>(*mapping_, std::move(bellIn_));
-    }
-
-private:
-    SharedMapping<Shared> mapping_;
-    FileDescriptor bellOut_;
-    FileDescriptor bellIn_;
-};
+template <class Bell>
+using Ring = TransportOf<RingSender<Bell>, RingReceiver<Bell>, RingWith<Bell>>;
 
 }  // namespace
 
-std::unique_ptr<Transport> MakeRingAndPool(size_t)
+std::unique_ptr<Transport> MakeRingWithEventFd(size_t)
 {
-    return std::make_unique<RingAndPool>();
+    return std::make_unique<Ring<EventFd>>();
+}
+
+std::unique_ptr<Transport> MakeRingWithFutex(size_t)
+{
+    return std::make_unique<Ring<Futex>>();
 }
 
 }  // namespace bench

@@ -7,9 +7,8 @@
 #include <cstring>
 #include <stdexcept>
 #include <string>
-#include <utility>
+#include <system_error>
 
-#include "benchmarks/common/System.h"
 #include "benchmarks/peers/Transport.h"
 
 namespace bench {
@@ -26,71 +25,47 @@ int CheckBus(int result, const char* what)
     return result;
 }
 
-// One end of the connection. The first calls shake hands, so both ends must be open by then.
-class Bus {
-public:
-    Bus(FileDescriptor fd, bool server)
+template <class Type, Type* (*Unref)(Type*)>
+struct Unreferencing {
+    void operator()(Type* object) const
     {
-        CheckBus(sd_bus_new(&bus_), "sd_bus_new");
-        CheckBus(sd_bus_set_fd(bus_, fd.Get(), fd.Get()), "sd_bus_set_fd");
-        fd.Release();
-        sd_id128_t id{};
-        CheckBus(server ? sd_id128_randomize(&id) : 0, "sd_id128_randomize");
-        CheckBus(sd_bus_set_server(bus_, server, id), "sd_bus_set_server");
-        CheckBus(sd_bus_set_anonymous(bus_, 1), "sd_bus_set_anonymous");
-        CheckBus(sd_bus_start(bus_), "sd_bus_start");
+        Unref(object);
     }
-    Bus(const Bus&) = delete;
-    Bus& operator=(const Bus&) = delete;
-    ~Bus()
-    {
-        sd_bus_flush_close_unref(bus_);
-    }
-    sd_bus* Get() const
-    {
-        return bus_;
-    }
-
-private:
-    sd_bus* bus_ = nullptr;
 };
+using Bus = std::unique_ptr<sd_bus, Unreferencing<sd_bus, sd_bus_flush_close_unref>>;
+using Message = std::unique_ptr<sd_bus_message, Unreferencing<sd_bus_message, sd_bus_message_unref>>;
 
-class Message {
-public:
-    Message() = default;
-    Message(const Message&) = delete;
-    Message& operator=(const Message&) = delete;
-    ~Message()
-    {
-        sd_bus_message_unref(message_);
-    }
-    sd_bus_message** Out()
-    {
-        return &message_;
-    }
-    sd_bus_message* Get() const
-    {
-        return message_;
-    }
-
-private:
-    sd_bus_message* message_ = nullptr;
-};
+// One end of the connection. Its first calls shake hands, so both ends must be open by then.
+Bus OpenBus(FileDescriptor fd, bool server)
+{
+    sd_bus* made = nullptr;
+    CheckBus(sd_bus_new(&made), "sd_bus_new");
+    Bus bus(made);
+    CheckBus(sd_bus_set_fd(made, fd.Get(), fd.Get()), "sd_bus_set_fd");
+    fd.Release();
+    sd_id128_t id{};
+    CheckBus(server ? sd_id128_randomize(&id) : 0, "sd_id128_randomize");
+    CheckBus(sd_bus_set_server(made, server, id), "sd_bus_set_server");
+    CheckBus(sd_bus_set_anonymous(made, 1), "sd_bus_set_anonymous");
+    CheckBus(sd_bus_start(made), "sd_bus_start");
+    return bus;
+}
 
 class BusSender : public Sender {
 public:
-    explicit BusSender(FileDescriptor fd) : bus_(std::move(fd), false)
+    explicit BusSender(DescriptorPair& pair) : bus_(OpenBus(pair.TakeSending(), false))
     {
-        CheckBus(sd_bus_flush(bus_.Get()), "sd_bus_flush");
+        CheckBus(sd_bus_flush(bus_.get()), "sd_bus_flush");
     }
     void Send(const unsigned char* data, size_t size) override
     {
-        Message message;
-        CheckBus(sd_bus_message_new_signal(bus_.Get(), message.Out(), "/report/event", "report.event", "Record"),
+        sd_bus_message* made = nullptr;
+        CheckBus(sd_bus_message_new_signal(bus_.get(), &made, "/report/event", "report.event", "Record"),
                  "sd_bus_message_new_signal");
-        CheckBus(sd_bus_message_append_array(message.Get(), 'y', data, size), "sd_bus_message_append_array");
-        CheckBus(sd_bus_send(bus_.Get(), message.Get(), nullptr), "sd_bus_send");
-        CheckBus(sd_bus_flush(bus_.Get()), "sd_bus_flush");  // waits when the socket had no room
+        const Message message(made);
+        CheckBus(sd_bus_message_append_array(made, 'y', data, size), "sd_bus_message_append_array");
+        CheckBus(sd_bus_send(bus_.get(), made, nullptr), "sd_bus_send");
+        CheckBus(sd_bus_flush(bus_.get()), "sd_bus_flush");  // waits when the socket had no room
     }
 
 private:
@@ -99,23 +74,24 @@ private:
 
 class BusReceiver : public Receiver {
 public:
-    explicit BusReceiver(FileDescriptor fd) : bus_(std::move(fd), true)
+    explicit BusReceiver(DescriptorPair& pair) : bus_(OpenBus(pair.TakeReceiving(), true))
     {
     }
     size_t Receive(unsigned char* buffer, size_t capacity) override
     {
         for (;;) {
-            Message message;
-            const int done = sd_bus_process(bus_.Get(), message.Out());
+            sd_bus_message* came = nullptr;
+            const int done = sd_bus_process(bus_.get(), &came);
+            const Message message(came);
             if (done == -ECONNRESET || done == -ENOTCONN) {
                 return 0;
             }
             CheckBus(done, "sd_bus_process");
-            if (message.Get() != nullptr && sd_bus_message_is_signal(message.Get(), "report.event", "Record") > 0) {
-                return Copy(message.Get(), buffer, capacity);
+            if (came != nullptr && sd_bus_message_is_signal(came, "report.event", "Record") > 0) {
+                return Copy(came, buffer, capacity);
             }
             if (done == 0) {
-                CheckBus(sd_bus_wait(bus_.Get(), NO_TIMEOUT), "sd_bus_wait");
+                CheckBus(sd_bus_wait(bus_.get(), NO_TIMEOUT), "sd_bus_wait");
             }
         }
     }
@@ -136,36 +112,14 @@ private:
     Bus bus_;
 };
 
-class SdBus : public Transport {
-public:
-    SdBus()
-    {
-        int fds[2];
-        Check(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), "socketpair");
-        receiving_ = FileDescriptor(fds[0]);
-        sending_ = FileDescriptor(fds[1]);
-    }
-    std::unique_ptr<Receiver> OpenReceiver() override
-    {
-        sending_.Close();
-        return std::make_unique<BusReceiver>(std::move(receiving_));
-    }
-    std::unique_ptr<Sender> OpenSender() override
-    {
-        receiving_.Close();
-        return std::make_unique<BusSender>(std::move(sending_));
-    }
-
-private:
-    FileDescriptor receiving_;
-    FileDescriptor sending_;
-};
-
 }  // namespace
 
 std::unique_ptr<Transport> MakeSdBus(size_t)
 {
-    return std::make_unique<SdBus>();
+    int fds[2];
+    Check(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), "socketpair");
+    return std::make_unique<TransportOf<BusSender, BusReceiver, DescriptorPair>>(FileDescriptor(fds[0]),
+                                                                                 FileDescriptor(fds[1]));
 }
 
 }  // namespace bench

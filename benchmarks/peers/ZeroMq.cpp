@@ -4,7 +4,6 @@
 
 #include <string>
 
-#include "benchmarks/common/System.h"
 #include "benchmarks/peers/Transport.h"
 
 namespace bench {
@@ -13,7 +12,7 @@ namespace {
 // A context with its one socket. Closing waits until everything sent has been taken over by the other process.
 class Socket {
 public:
-    explicit Socket(int type) : context_(zmq_ctx_new()), socket_(zmq_socket(context_, type))
+    explicit Socket(int type) : socket_(zmq_socket(context_, type))
     {
     }
     Socket(const Socket&) = delete;
@@ -29,8 +28,8 @@ public:
     }
 
 private:
-    void* context_;
-    void* socket_;
+    void* const context_ = zmq_ctx_new();
+    void* const socket_;
 };
 
 class PushSender : public Sender {
@@ -71,27 +70,13 @@ private:
     Socket socket_{ZMQ_PULL};
 };
 
-class ZeroMq : public Transport {
-public:
-    std::unique_ptr<Receiver> OpenReceiver() override
-    {
-        return std::make_unique<PullReceiver>(address_);
-    }
-    std::unique_ptr<Sender> OpenSender() override
-    {
-        return std::make_unique<PushSender>(address_);
-    }
-
-private:
-    // An abstract name: nothing to remove afterwards.
-    const std::string address_ = "ipc://@report-event-peers-" + std::to_string(getpid());
-};
-
 }  // namespace
 
 std::unique_ptr<Transport> MakeZeroMq(size_t)
 {
-    return std::make_unique<ZeroMq>();
+    // An abstract name: nothing to remove afterwards.
+    return std::make_unique<TransportOf<PushSender, PullReceiver, const std::string>>("ipc://@report-event-peers-" +
+                                                                                      std::to_string(getpid()));
 }
 
 }  // namespace bench

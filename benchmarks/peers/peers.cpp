@@ -18,28 +18,23 @@ namespace {
 
 constexpr int EXIT_USAGE = 2;
 constexpr int EXIT_UNAVAILABLE = 77;
-constexpr size_t WAKE_BYTES = StampedRecord::SIZE_MIN;
 
 struct Row {
     const char* name;
     const char* description;
     std::unique_ptr<Transport> (*make)(size_t recordSize);
-    bool latencyOnly;
 };
 
 constexpr Row ROWS[] = {
-    {"ring", "floor: a bare ring and pool in shared memory, with a bell for a receiver that sleeps", MakeRingAndPool,
-     false},
-    {"eventfd", "floor (latency only): number and time in shared memory, a write wakes a blocking read",
-     MakeEventFdWake, true},
-    {"futex", "floor (latency only): number and time in shared memory, FUTEX_WAKE wakes FUTEX_WAIT", MakeFutexWake,
-     true},
-    {"seqpacket", "unix-domain SOCK_SEQPACKET socket", MakeSeqPacket, false},
-    {"pipe", "packet-mode pipe of 1 MiB", MakePacketPipe, false},
-    {"mq", "POSIX message queue, as deep as the system lets it be", MakeMessageQueue, false},
-    {"zeromq", "ZeroMQ PUSH and PULL over ipc", MakeZeroMq, false},
-    {"iceoryx", "iceoryx publisher and subscriber, with a daemon of its own", MakeIceoryx, false},
-    {"sdbus", "sd-bus signals over a socket pair, without a bus daemon", MakeSdBus, false},
+    {"ring", "floor: a bare ring and pool in shared memory, an eventfd wakes a receiver that sleeps",
+     MakeRingWithEventFd},
+    {"futex", "floor: the same, but a futex wakes the receiver", MakeRingWithFutex},
+    {"seqpacket", "unix-domain SOCK_SEQPACKET socket", MakeSeqPacket},
+    {"pipe", "packet-mode pipe of 1 MiB", MakePacketPipe},
+    {"mq", "POSIX message queue, as deep as the system lets it be", MakeMessageQueue},
+    {"zeromq", "ZeroMQ PUSH and PULL over ipc", MakeZeroMq},
+    {"iceoryx", "iceoryx publisher and subscriber, with a daemon of its own", MakeIceoryx},
+    {"sdbus", "sd-bus signals over a socket pair, without a bus daemon", MakeSdBus},
 };
 
 const Row& FindRow(const std::string& name)
@@ -64,11 +59,8 @@ void ReceiveAll(Receiver& receiver, const StampedRecord& record, Arrivals& arriv
 
 int Run(const Row& row, const Options& options)
 {
-    if (row.latencyOnly && options.mode != Mode::LATENCY) {
-        throw std::invalid_argument(std::string(row.name) + " measures latency only");
-    }
     HoldEndingSignals();
-    const StampedRecord record = StampedRecord::Plain(row.latencyOnly ? WAKE_BYTES : options.size);
+    const StampedRecord record = StampedRecord::Plain(options.size);
     const std::unique_ptr<Transport> transport = row.make(record.Size());
     Arrivals arrivals(options);
     SenderProcess sender(

@@ -182,7 +182,7 @@ uint64_t FaultCheck::NumberIn(const Received& received) const
     return received.uds.didInfo.empty() ? UINT64_MAX : first_.NumberIn(BytesOf(received.uds.didInfo[0]));
 }
 
-int64_t FaultCheck::TimeIn(const Received& received) const
+uint64_t FaultCheck::TimeIn(const Received& received) const
 {
     return first_.TimeIn(BytesOf(received.uds.didInfo[0]));
 }

@@ -50,7 +50,7 @@ public:
     {
         return check_.NumberIn(Bytes(event));
     }
-    int64_t TimeIn(const Received& event) const
+    uint64_t TimeIn(const Received& event) const
     {
         return check_.TimeIn(Bytes(event));
     }
@@ -76,7 +76,7 @@ public:
     void Expect(uint64_t number);
     bool Matches(const Received& received);
     uint64_t NumberIn(const Received& received) const;
-    int64_t TimeIn(const Received& received) const;
+    uint64_t TimeIn(const Received& received) const;
 
 private:
     explicit FaultCheck(const FaultParts& parts);

@@ -1,14 +1,16 @@
 // road: a record's whole way, from a publisher process that calls ReportEvent to the callback of a subscriber process.
 //
 // This process is the subscriber; it starts the publisher, which is this program again.
-#include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <fstream>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -18,7 +20,6 @@
 #include "benchmarks/common/RuntimeDirectory.h"
 #include "benchmarks/common/Sending.h"
 #include "benchmarks/common/TwoProcesses.h"
-#include "benchmarks/road/MemoryMap.h"
 #include "benchmarks/road/RoadRecord.h"
 #include "report_event/EventRecord.h"
 #include "report_event/ReportEventClient.h"
@@ -98,30 +99,49 @@ private:
     const std::vector<std::string> files_;
 };
 
-// The sending process is a program of its own, with nothing of this one but its end of the line.
-struct SenderArguments {
-    std::string resource;
-    std::string mode;
-    std::string size;
-    std::string count;
+// What a process costs in memory.
+struct MemoryCost {
+    uint64_t privateDirtyKib = 0;   // Private_Dirty of all mappings that are not shared ones
+    uint64_t largestSharedKib = 0;  // the size of the largest shared mapping
 };
 
-std::unique_ptr<SenderProcess> StartSender(const SenderArguments& arguments)
+MemoryCost ReadMemoryCost(pid_t pid)
 {
-    return std::make_unique<SenderProcess>([&](Link& link) {
-        Check(fcntl(link.Fd(), F_SETFD, 0), "fcntl");
-        const std::string fd = std::to_string(link.Fd());
-        execl("/proc/self/exe", "road", SENDER_FLAG, fd.c_str(), arguments.resource.c_str(), arguments.mode.c_str(),
-              arguments.size.c_str(), arguments.count.c_str(), nullptr);
-        ThrowErrno("cannot start the publisher");
-    });
+    const std::string path = "/proc/" + std::to_string(pid) + "/smaps";
+    std::ifstream file(path);
+    if (!file) {
+        throw std::runtime_error("cannot read " + path);
+    }
+    MemoryCost cost;
+    bool shared = false;
+    for (std::string line; std::getline(file, line);) {
+        std::istringstream fields(line);
+        std::string first;
+        std::string second;
+        fields >> first >> second;
+        if (first.back() != ':') {  // the head of a mapping: its addresses, then its permissions
+            shared = second.back() == 's';
+        } else if (first == "Size:" && shared) {
+            cost.largestSharedKib = std::max<uint64_t>(cost.largestSharedKib, std::stoull(second));
+        } else if (first == "Private_Dirty:" && !shared) {
+            cost.privateDirtyKib += std::stoull(second);
+        }
+    }
+    return cost;
+}
+
+// The sending process is a program of its own, with nothing of this one but its end of the line.
+std::unique_ptr<SenderProcess> StartSender(const std::string& resource, const std::string& mode,
+                                           const std::string& size, const std::string& count)
+{
+    return StartAgain({"road", SENDER_FLAG, resource, mode, size, count});
 }
 
 int RunAsSender(char** argv)
 {
-    Link link(FileDescriptor(std::stoi(argv[2])));
-    const std::string resource = argv[3];
-    const Options options = ParseOptions(argv[4], argv[5], argv[6]);
+    Link link{FileDescriptor(INHERITED_LINK_FD)};
+    const std::string resource = argv[2];
+    const Options options = ParseOptions(argv[3], argv[4], argv[5]);
     RunSender(link, options, MakeRoadRecord(options.size), [&] { return std::make_unique<LibrarySender>(resource); });
     return EXIT_SUCCESS;
 }
@@ -137,16 +157,16 @@ int Measure(const std::string& mode, const std::string& size, const std::string&
 
     HoldEndingSignals();
     const RuntimeDirectory directory;
-    const std::unique_ptr<SenderProcess> sender = StartSender({RESOURCE, mode, size, count});
+    const std::unique_ptr<SenderProcess> sender = StartSender(RESOURCE, mode, size, count);
     sender->Line().Say(Word::CONNECT);
     sender->Line().Await(Word::READY);
 
     const auto onEvent = [&](const EventInfo& event, const UDSInfoForCpp& uds) {
-        const TimeAndPlace entry = arrivals.Entry();
+        const uint64_t entry = arrivals.Entry();
         arrivals.Take(faultCheck, {event, uds}, entry);
     };
     const auto onDevice = [&](const dsmi_event& event) {
-        const TimeAndPlace entry = arrivals.Entry();
+        const uint64_t entry = arrivals.Entry();
         arrivals.Take(rawCheck, event, entry);
     };
     Result result;
@@ -168,7 +188,7 @@ int MeasureMemory(const std::string& files)
     std::vector<std::unique_ptr<SenderProcess>> senders;
     for (uint64_t i = 0; i < count; ++i) {
         names.push_back("dp:/res/road/" + std::to_string(i));
-        senders.push_back(StartSender({names.back(), "throughput", MEMORY_SIZE, MEMORY_COUNT}));
+        senders.push_back(StartSender(names.back(), "throughput", MEMORY_SIZE, MEMORY_COUNT));
     }
     for (const auto& sender : senders) {
         sender->Line().Say(Word::CONNECT);
@@ -207,7 +227,7 @@ int MeasureMemory(const std::string& files)
 int Main(int argc, char** argv)
 {
     const std::string first = argc > 1 ? argv[1] : "";
-    if (argc == 7 && first == SENDER_FLAG) {
+    if (argc == 6 && first == SENDER_FLAG) {
         return RunAsSender(argv);
     }
     if (argc == 3 && first == "memory") {

@@ -16,9 +16,9 @@ namespace bench {
 namespace {
 
 constexpr uint64_t COUNT = 5;
-constexpr unsigned PLACE = 7;
-const TimeAndPlace SENT(1000, PLACE);
-const TimeAndPlace RECEIVED(3000, PLACE);
+constexpr int PLACE = 7;
+const uint64_t SENT = TimeAndPlace(1000, PLACE);
+const uint64_t RECEIVED = TimeAndPlace(3000, PLACE);
 
 struct Arriving {
     uint64_t number;
@@ -42,7 +42,7 @@ TEST_P(Account, CountsEveryRecordThatDidNotArriveOnceInPlaceAndWhole)
     for (const Arriving& arriving : GetParam().records) {
         StampedRecord sent = StampedRecord::Plain(SIZE);
         sent.Stamp(arriving.number);
-        sent.StampTime(SENT.Packed());
+        sent.StampTime(SENT);
         std::vector<unsigned char> bytes(sent.Data(), sent.Data() + sent.Size());
         if (arriving.damagedByte >= 0) {
             bytes[static_cast<size_t>(arriving.damagedByte)] ^= 1;
@@ -73,11 +73,11 @@ INSTANTIATE_TEST_SUITE_P(
 TEST(Account, LeavesTheWarmUpOutOfTheLatenciesButMissesNoneOfIt)
 {
     constexpr uint64_t WARM_UP = 3;
-    const TimeAndPlace late(900000, PLACE);
+    const uint64_t late = TimeAndPlace(900000, PLACE);
     Arrivals arrivals({Mode::LATENCY, 362, COUNT, 0, WARM_UP});
     BytesCheck check(StampedRecord::Plain(362));
     StampedRecord sent = StampedRecord::Plain(362);
-    sent.StampTime(SENT.Packed());
+    sent.StampTime(SENT);
     for (uint64_t number = 1; number < WARM_UP + COUNT; ++number) {
         sent.Stamp(number);
         arrivals.Take(check, {sent.Data(), sent.Size()}, number < WARM_UP ? late : RECEIVED);
@@ -90,15 +90,16 @@ TEST(Account, LeavesTheWarmUpOutOfTheLatenciesButMissesNoneOfIt)
     EXPECT_EQ(arrivals.SamePlace(), COUNT);
 }
 
-TEST(Account, TimesCarryTheirPlaceToTheEndOfTheClock)
+TEST(Account, TimesCarryTheirPlaceBeyondTheEndOfTheClock)
 {
-    const TimeAndPlace earlier(INT64_MAX - 500, PLACE);
-    const TimeAndPlace later(INT64_MAX, PLACE);
-    const TimeAndPlace elsewhere(INT64_MAX, PLACE + 1);
-    EXPECT_EQ(TimeAndPlace(later.Packed()).NsSince(earlier), 500);
-    EXPECT_EQ(earlier.NsSince(elsewhere), -500);
-    EXPECT_TRUE(later.AtPlaceOf(earlier));
-    EXPECT_FALSE(later.AtPlaceOf(elsewhere));
+    const uint64_t earlier = TimeAndPlace(INT64_MAX - 500, PLACE);
+    const uint64_t later = TimeAndPlace(INT64_MAX, PLACE);
+    const uint64_t afterTheEnd = TimeAndPlace(INT64_MIN + 500, PLACE + 1);
+    EXPECT_EQ(NsBetween(earlier, later), 500);
+    EXPECT_EQ(NsBetween(later, earlier), -500);
+    EXPECT_EQ(NsBetween(later, afterTheEnd), 501);
+    EXPECT_TRUE(AtTheSamePlace(earlier, later));
+    EXPECT_FALSE(AtTheSamePlace(later, afterTheEnd));
 }
 
 TEST(Account, TakesNoRecordOfAnotherLength)
