@@ -16,6 +16,7 @@ ONE_PROCESSOR = "one processor"  # nothing travels
 ALONE = "alone"  # figures of a single process, which no distance changes
 AGREE = 1.5  # two readings agree when neither is more than so many times the other
 ATTEMPTS = 4
+PLACES_AGREE = 0.1  # and two shares of records received on the sender's processor, when they differ by no more
 TICKS = os.sysconf("SC_CLK_TCK")
 
 
@@ -43,9 +44,12 @@ class Series:
         return {number: value for number, (seen, value) in self.values.get(figure, {}).items() if seen == kind}
 
     def ratios(self, above, below, kind):
-        """Within a round, and within a class unless distance does not matter to what is below."""
+        """Within a round, and within a class unless distance does not matter to what is below; a latency only beside
+        one whose records were received on the sender's own processor about as often."""
         divisors = {**self.of(below, ALONE), **self.of(below, kind)}
-        return [value / divisors[number] for number, value in self.of(above, kind).items() if divisors.get(number)]
+        here, there = self.of(place_of(above), kind), self.of(place_of(below), kind)
+        return [value / divisors[number] for number, value in self.of(above, kind).items()
+                if divisors.get(number) and abs(here.get(number, 0) - there.get(number, 0)) <= PLACES_AGREE]
 
     def kinds(self):
         return [kind for kind in (*CLASSES, ONE_PROCESSOR) if kind in self.readings]
@@ -68,6 +72,10 @@ class Others:
     def share(self):
         total, idle, own = (now - then for now, then in zip(self.read(), self.start))
         return max(0.0, total - idle - own) / max(total, 1 / TICKS)
+
+
+def place_of(figure):
+    return figure.rsplit(" ", 1)[0] + " same_processor"
 
 
 def class_of(reading):
