@@ -11,7 +11,7 @@ from measuring import ALONE, ONE_PROCESSOR
 
 PEERS = ["ring", "seqpacket", "pipe", "mq", "zeromq", "iceoryx", "sdbus"]
 OTHERS = PEERS[1:]  # what a user would pick instead; road is compared with the best of them
-WAKES = ["ring", "futex"]  # the floor of a latency is the better of these, which wake by eventfd and by futex
+WAKES = ["eventfd", "futex"]  # the floor of a latency is the better of the two
 SIZES = [362, 3960]
 READERS = [1, 8, 64, 256]
 COPY = "Floor/lock_and_copy/362 ns"
@@ -113,7 +113,7 @@ def latency_table(kind):
     columns = [("latency p50_us", 1, 2, True), ("latency p99_us", 1, 2, False),
                ("latency cpu_s_per_million", 1, 2, True), ("latency same_processor", 100, 0, False)]
     head = ["at 2 kHz, 362 B", "runs", "p50 µs", "road ÷", "p99 µs", "CPU µs", "road ÷", "same processor %"]
-    return table(head, transports(kind, ["road", "futex", *PEERS], columns))
+    return table(head, transports(kind, ["road", *WAKES, *PEERS], columns))
 
 
 def rows_table(kind):
@@ -264,7 +264,7 @@ def draw(series, path):
 
     fast, paced = most_seen(f"road throughput {SIZES[0]} records_per_s"), most_seen("road latency p50_us")
     throughput = block(fast, ["road", *PEERS], [f"{{}} throughput {SIZES[0]} records_per_s"], 1e-6)
-    latency = block(paced, ["road", "futex", *PEERS], ["{} latency p50_us", "{} latency p99_us"], 1)
+    latency = block(paced, ["road", *WAKES, *PEERS], ["{} latency p50_us", "{} latency p99_us"], 1)
     if not throughput or not latency:
         print("no picture: too few runs were steady", file=sys.stderr)
         return

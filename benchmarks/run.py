@@ -68,7 +68,7 @@ class Plan:
 
     def all_runs(self):
         runs = [self.throughput(name, size) for size in report.SIZES for name in ["road", *report.PEERS]]
-        runs += [self.latency(name) for name in ["road", "futex", *report.PEERS]]
+        runs += [self.latency(name) for name in ["road", *report.WAKES, *report.PEERS]]
         return runs + [
             self.rows("publish", "readers:1/|observers:|waiting_reader"),
             self.rows("publish", "readers:", prefix="many"),

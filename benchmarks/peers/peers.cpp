@@ -23,12 +23,16 @@ struct Row {
     const char* name;
     const char* description;
     std::unique_ptr<Transport> (*make)(size_t recordSize);
+    size_t size = 0;  // of the records, whatever was asked for
 };
 
 constexpr Row ROWS[] = {
     {"ring", "floor: a bare ring and pool in shared memory, an eventfd wakes a receiver that sleeps",
      MakeRingWithEventFd},
-    {"futex", "floor: the same, but a futex wakes the receiver", MakeRingWithFutex},
+    {"eventfd", "floor of a wake-up: the same, with nothing in a record but a number and a time", MakeRingWithEventFd,
+     StampedRecord::SIZE_MIN},
+    {"futex", "floor of a wake-up: the same, but a futex wakes the receiver", MakeRingWithFutex,
+     StampedRecord::SIZE_MIN},
     {"seqpacket", "unix-domain SOCK_SEQPACKET socket", MakeSeqPacket},
     {"pipe", "packet-mode pipe of 1 MiB", MakePacketPipe},
     {"mq", "POSIX message queue, as deep as the system lets it be", MakeMessageQueue},
@@ -60,7 +64,7 @@ void ReceiveAll(Receiver& receiver, const StampedRecord& record, Arrivals& arriv
 int Run(const Row& row, const Options& options)
 {
     HoldEndingSignals();
-    const StampedRecord record = StampedRecord::Plain(options.size);
+    const StampedRecord record = StampedRecord::Plain(row.size != 0 ? row.size : options.size);
     const std::unique_ptr<Transport> transport = row.make(record.Size());
     Arrivals arrivals(options);
     SenderProcess sender(
