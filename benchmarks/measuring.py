@@ -10,8 +10,9 @@ TIMEOUT_S = 300
 
 # How far apart the two processors are: nanoseconds for one cache line to the other and back, up to which a reading
 # belongs to a class. Between the bounds lie processors that share a cache, those that share a package or a mesh, and
-# those that share neither; a virtual machine is moved from one to another while it runs.
-CLASSES = {"near": 75, "middle": 250, "far": float("inf")}
+# those that share neither; a virtual machine is moved from one to another while it runs. Beyond all bounds lies no
+# distance: other work had the processors.
+CLASSES = {"near": 75, "middle": 250, "far": 1000}
 ONE_PROCESSOR = "one processor"  # nothing travels
 ALONE = "alone"  # figures of a single process, which no distance changes
 AGREE = 1.5  # two readings agree when neither is more than so many times the other
@@ -113,7 +114,7 @@ class Measuring:
             after = self.read_distance()
             if printed is None:
                 return
-            if max(before, after) <= AGREE * min(before, after):
+            if max(before, after) <= min(AGREE * min(before, after), max(CLASSES.values())):
                 self.keep(number, run, before, after, printed)
                 return
         seen = f"round {number}: {before:.0f} ns before, {after:.0f} ns after: {json.dumps(run.read(printed))}"
