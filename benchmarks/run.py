@@ -126,7 +126,7 @@ def parse_options():
     parser.add_argument("--rounds", type=int, help="how many rounds (default: 5, or 15 against another commit)")
     parser.add_argument("--against", metavar="COMMIT", help="build that commit of the project too, with this tree's "
                         "benchmarks, and measure road and publish of both trees alone: prints new ÷ old")
-    parser.add_argument("--update-docs", action="store_true", help="put the tables into docs/performance.md")
+    parser.add_argument("--update-docs", action="store_true", help="put the tables and the picture into docs/")
     options = parser.parse_args()
     if options.rounds is None:
         options.rounds = 15 if options.against else 5
@@ -164,10 +164,9 @@ def main():
     all_rounds(measure, programs, options.rounds, options.quick)
     text = report.full_report(series, options.rounds, judge=not options.quick)
     print(text)
-    docs = ROOT / "docs"
-    report.draw(series, programs / "performance.svg" if options.quick else docs / "performance.svg")
+    report.draw(series, (ROOT / "docs" if options.update_docs else programs) / "performance.svg")
     if options.update_docs:
-        report.write_into_docs(text, docs / "performance.md")
+        report.write_into_docs(text, ROOT / "docs" / "performance.md")
 
 
 if __name__ == "__main__":
