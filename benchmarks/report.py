@@ -248,6 +248,37 @@ def against_report(series, rounds, commit, judge):
     return text + unsteady(series)
 
 
+def picture(path, throughput, latency, kinds):
+    """What gnuplot draws from two blocks of names and figures."""
+    return f"""
+set terminal svg size 1000,380 font 'sans,12' background '#ffffff'
+set output '{path}'
+$throughput << EOD
+{throughput}
+EOD
+$latency << EOD
+{latency}
+EOD
+set multiplot layout 1,2
+set style fill solid 0.85 border
+set boxwidth 0.7
+set grid ytics
+set xtics rotate by -30
+set title 'Throughput, 362-byte records, {kinds[0]}'
+set ylabel 'million records per second'
+set yrange [0:*]
+plot $throughput using 2:xtic(1) with boxes lc rgb '#3465a4' notitle
+set title 'One-way latency at 2 kHz, {kinds[1]}'
+set ylabel 'microseconds'
+set logscale y
+set yrange [1:*]
+set style data histograms
+set style histogram clustered gap 1
+plot $latency using 2:xtic(1) lc rgb '#3465a4' title 'p50', '' using 3 lc rgb '#c4a000' title 'p99'
+unset multiplot
+"""
+
+
 def draw(series, path):
     """Bars for throughput, p50 and p99 for latency: medians of the class that has seen most of road's runs."""
 
@@ -268,33 +299,7 @@ def draw(series, path):
     if not throughput or not latency:
         print("no picture: too few runs were steady", file=sys.stderr)
         return
-    script = f"""
-set terminal svg size 1000,380 font 'sans,12' background '#ffffff'
-set output '{path}'
-$throughput << EOD
-{throughput}
-EOD
-$latency << EOD
-{latency}
-EOD
-set multiplot layout 1,2
-set style fill solid 0.85 border
-set boxwidth 0.7
-set grid ytics
-set xtics rotate by -30
-set title 'Throughput, 362-byte records, {fast}'
-set ylabel 'million records per second'
-set yrange [0:*]
-plot $throughput using 2:xtic(1) with boxes lc rgb '#3465a4' notitle
-set title 'One-way latency at 2 kHz, {paced}'
-set ylabel 'microseconds'
-set logscale y
-set yrange [1:*]
-set style data histograms
-set style histogram clustered gap 1
-plot $latency using 2:xtic(1) lc rgb '#3465a4' title 'p50', '' using 3 lc rgb '#c4a000' title 'p99'
-unset multiplot
-"""
+    script = picture(path, throughput, latency, (fast, paced))
     subprocess.run(["gnuplot"], input=script, text=True, check=True)
 
 
