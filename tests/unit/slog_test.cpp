@@ -1,52 +1,54 @@
-// slog: one line and one write per message whatever it holds, settings from the environment, use in signal handlers.
+// slog: what slog.h promises its callers, and what this host adds: where lines go, and that nobody waits for that.
 #include "slog.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/mman.h>
+#include <poll.h>
+#include <pty.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <fstream>
+#include <functional>
 #include <iostream>
-#include <set>
+#include <map>
+#include <sstream>
 #include <thread>
 
 namespace {
 
-using Lines = std::vector<std::string>;
+using Operation = std::function<void()>;
 
-// Puts `fd` in the place of standard error and closes it; returns what was there.
-int Exchange(int fd)
+// No line of a test tells of those that were left out before it, when nobody read what the process writes.
+void StartCountingAnew()
 {
-    const int previous = dup(STDERR_FILENO);
-    dup2(fd, STDERR_FILENO);
-    close(fd);
-    return previous;
+    testing::internal::CaptureStderr();
+    DlogInner(54, 3, "tells of them");
+    testing::internal::GetCapturedStderr();
 }
 
-// What the operation sends to standard error, one element per system call.
-template <typename Operation>
-Lines WritesOf(Operation&& operation)
+// What the operation sends to standard error, which is a file meanwhile.
+std::string ErrorOutputOf(const Operation& operation)
 {
-    int ends[2];
-    EXPECT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
-    Lines writes;
-    std::thread reader([&] {
-        char buffer[8192];
-        for (ssize_t size; (size = read(ends[0], buffer, sizeof(buffer))) > 0;) {
-            writes.emplace_back(buffer, size);
-        }
-    });
-    const int previous = Exchange(ends[1]);
+    StartCountingAnew();
+    testing::internal::CaptureStderr();
     operation();
-    close(Exchange(previous));
-    reader.join();
-    close(ends[0]);
-    return writes;
+    return testing::internal::GetCapturedStderr();
+}
+
+// The lines of a text, and how often each of them stands there.
+std::map<std::string, int> CountLines(std::istream&& text)
+{
+    std::map<std::string, int> lines;
+    for (std::string line; std::getline(text, line);) {
+        ++lines[line];
+    }
+    return lines;
 }
 
 // Names this thread; what then stands at the start of its lines.
@@ -56,140 +58,282 @@ std::string OriginAs(const std::string& threadName)
     return std::string(program_invocation_short_name) + "[" + std::to_string(getpid()) + "/" + threadName + "] ";
 }
 
-// The environment is read when the library is loaded: only a fresh process sees it.
-void ExpectErrorOutput(const char* name, const char* value, void (*operation)(), const std::string& errorOutput)
+// Runs the operation in a fresh process, because libslog reads the environment when it is loaded.
+void ExpectErrorOutput(const char* name, const char* value, const Operation& operation, const std::string& expected)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     value == nullptr ? unsetenv(name) : setenv(name, value, 1);
-    EXPECT_EXIT((operation(), _exit(0)), testing::ExitedWithCode(0), errorOutput) << (value == nullptr ? "" : value);
+    EXPECT_EXIT((operation(), _exit(0)), testing::ExitedWithCode(0), expected) << (value == nullptr ? "" : value);
     unsetenv(name);
 }
 
-TEST(Slog, WritesOneLinePerMessageInOneWrite)
+// ---- What slog.h promises
+
+TEST(Slog, WritesOneLinePerMessage)
 {
-    std::string origin = OriginAs("some thread") + "level=3 module=54: ";
+    const std::string origin = OriginAs("some thread");
+    const auto log = [] {
+        DlogInner(54, 16, "[%s:%d]ret=0x%X %llu\n", "File.cpp", 7, 0xF10204U, 1234567890123ULL);
+        DlogEventInner(0x1000036, "eventId=0x%X;", 0x8C03A000U);
+    };
+    EXPECT_EQ(ErrorOutputOf(log), origin + "level=16 module=54: [File.cpp:7]ret=0xF10204 1234567890123\n" + origin +
+                                      "event module=0x1000036: eventId=0x8C03A000;\n");
+}
+
+std::atomic<int> handlerCalls{0};
+
+// A wrong implementation deadlocks, tears or loses a line, or loses errno.
+TEST(Slog, LogsFromASignalHandlerThatInterruptsLogging)
+{
+    const std::string prefix = OriginAs("storm") + "level=3 module=54: ";  // a new thread inherits its name
+    handlerCalls = 0;
+    std::signal(SIGUSR1, [](int) {
+        const int interrupted = errno;
+        errno = 77;
+        DlogInner(54, CheckLogLevel(54, 3) == 1 ? 3 : 0, "from the handler");
+        handlerCalls += errno == 77 ? 1 : 0;
+        errno = interrupted;
+    });
+    std::atomic<int> interrupted{0};
+    const std::string output = ErrorOutputOf([&] {
+        std::atomic<bool> stop{false};
+        std::thread logger([&] {
+            for (; !stop; ++interrupted) {
+                DlogInner(54, 3, "interrupted %s\n", "message");
+            }
+        });
+        for (; handlerCalls < 300 || interrupted < 300; std::this_thread::yield()) {
+            pthread_kill(logger.native_handle(), SIGUSR1);
+        }
+        stop = true;
+        logger.join();
+    });
+    const std::map<std::string, int> expected = {{prefix + "from the handler", handlerCalls},
+                                                 {prefix + "interrupted message", interrupted}};
+    EXPECT_EQ(CountLines(std::istringstream(output)), expected);
+}
+
+int Socket(int* ends)
+{
+    return socketpair(AF_UNIX, SOCK_STREAM, 0, ends);
+}
+
+int Terminal(int* ends)
+{
+    return openpty(&ends[0], &ends[1], nullptr, nullptr, nullptr);
+}
+
+// In the place of standard error as long as it lives: lines come out at its other end.
+class Road {
+public:
+    explicit Road(int (*make)(int*))
+    {
+        StartCountingAnew();
+        int ends[2];
+        EXPECT_EQ(make(ends), 0);
+        fcntl(ends[0], F_SETFL, O_NONBLOCK);
+        dup2(ends[1], STDERR_FILENO);
+        close(ends[1]);
+        out = ends[0];
+    }
+    ~Road()
+    {
+        close(out);
+        dup2(before_, STDERR_FILENO);
+        close(before_);
+    }
+
+    int out = -1;
+
+private:
+    const int before_ = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+};
+
+void LogIntoNothing(int (*make)(int*))
+{
+    Road road(make);
+    close(std::exchange(road.out, -1));
+    DlogInner(54, 3, "into nothing");
+}
+
+// A SIGPIPE handler that logs to the pipe that has just broken would call itself without end.
+TEST(Slog, RaisesNoSigpipeAndTakesAwayNone)
+{
+    // Calls of the handler, and whether the signal is blocked and whether it waits, after the line as before it.
+    for (const std::string state : {"000", "010", "011"}) {
+        const auto log = [&](int (*make)(int*)) {
+            handlerCalls = 0;
+            std::signal(SIGPIPE, [](int) { ++handlerCalls; });
+            sigset_t signals;
+            sigemptyset(&signals);
+            sigaddset(&signals, SIGPIPE);
+            pthread_sigmask(state[1] == '1' ? SIG_BLOCK : SIG_UNBLOCK, &signals, nullptr);
+            pthread_kill(pthread_self(), state[2] == '1' ? SIGPIPE : 0);
+            LogIntoNothing(make);
+            pthread_sigmask(SIG_BLOCK, nullptr, &signals);
+            std::cerr << handlerCalls << sigismember(&signals, SIGPIPE);
+            sigpending(&signals);
+            std::cerr << sigismember(&signals, SIGPIPE);
+        };
+        ExpectErrorOutput(
+            "SLOG_LEVELS", nullptr, [&] { log(pipe); }, "^" + state + "$");
+        ExpectErrorOutput(
+            "SLOG_LEVELS", nullptr, [&] { log(Socket); }, "^" + state + "$");
+    }
+}
+
+// ---- What this host adds
+
+TEST(SlogHost, MakesOneLineOfWhateverAMessageHolds)
+{
+    const std::string origin = OriginAs("another one") + "level=3 module=54: ";
     const std::string full(1024 - origin.size() - std::string("...[cut]\n").size(), 'x');
     const std::pair<std::string, std::string> cases[] = {
         {"", ""},     {"\xc3\xbc\n\n", "\xc3\xbc"},    {"a\nb\tc\r\x1b\x7f", "a?b?c???"},
         {full, full}, {full + "x", full + "...[cut]"}, {full + full, full + "...[cut]"}};
     for (const auto& [message, line] : cases) {
-        EXPECT_EQ(WritesOf([text = message.c_str()] { DlogInner(54, 3, "%s", text); }), Lines{origin + line + "\n"});
+        EXPECT_EQ(ErrorOutputOf([text = message.c_str()] { DlogInner(54, 3, "%s", text); }), origin + line + "\n");
     }
-    origin = OriginAs("another one");
-    const Lines writes = WritesOf([&] {
-        const int previous = Exchange(open("/dev/full", O_WRONLY | O_CLOEXEC));
-        errno = 4242;
-        DlogInner(54, 3, "lost");
-        close(Exchange(previous));
-        DlogInner(54, 16, "[%s:%d]ret=0x%X %llu\n", "File.cpp", 7, 0xF10204U, 1234567890123ULL);
-        DlogEventInner(0x1000036, "eventId=0x%X;", 0x8C03A000U);
-        EXPECT_EQ(errno, 4242);
-    });
-    EXPECT_EQ(writes, (Lines{origin + "level=16 module=54: [File.cpp:7]ret=0xF10204 1234567890123\n",
-                             origin + "event module=0x1000036: eventId=0x8C03A000;\n"}));
 }
 
-TEST(Slog, LetsThroughTheLevelsThatTheEnvironmentNames)
+TEST(SlogHost, LetsThroughTheLevelsThatTheEnvironmentNames)
 {
     const auto print = [] {
-        for (int n = -70; n < 140; ++n) {
-            std::cerr << (CheckLogLevel(54, n) == 1 ? std::to_string(n) + ";" : "");
+        for (int level = -70; level < 140; ++level) {
+            std::cerr << (CheckLogLevel(54, level) == 1 ? std::to_string(level) + ";" : "");
         }
     };
     ExpectErrorOutput("SLOG_LEVELS", nullptr, print, "^3;$");
     ExpectErrorOutput("SLOG_LEVELS", "", print, "^$");
     ExpectErrorOutput("SLOG_LEVELS", "2,3,16", print, "^2;3;16;$");
     ExpectErrorOutput("SLOG_LEVELS", "0,63,007", print, "^0;7;63;$");
-    for (const std::string bad : {"64", "2,,3", "2,", ",2", "2, 3", "2;16", "-1", "18446744073709551618", "all"}) {
+    for (const std::string bad :
+         {"64", "2,,3", "2,", ",2", "2, 3", "2;16", "2:3", "-1", "18446744073709551618", "all"}) {
         ExpectErrorOutput("SLOG_LEVELS", bad.c_str(), print, "^[^\n]*SLOG_LEVELS='" + bad + "' is not [^\n]*\n3;$");
     }
 }
 
-TEST(Slog, AppendsEventLinesOfAllThreadsToTheEventFile)
+// A path of this test's own, which the process started by it finds too.
+std::string EventPath()
 {
-    // A file without a name in any directory: the process that runs the scenario reaches it through this one.
-    const int memory = memfd_create("events", MFD_CLOEXEC);
-    ASSERT_EQ(write(memory, "kept\n", 5), 5);
-    const std::string path = "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(memory);
+    const std::string test = testing::UnitTest::GetInstance()->current_test_info()->name();
+    return testing::TempDir() + test + std::to_string(getpgrp());
+}
+
+TEST(SlogHost, AppendsEventLinesOfAllThreadsToTheEventFile)
+{
+    std::ofstream(EventPath()) << "kept\n";
     const auto logFromTwoThreads = [] {
-        const auto log = [](int from) {
-            for (int i = from; i < from + 200; ++i) {
-                DlogEventInner(0x1000036, "%d", i);
+        const auto log = [] {
+            for (int i = 0; i < 200; ++i) {
+                DlogEventInner(0x1000036, "one of many");
             }
         };
-        std::thread other(log, 200);
-        log(0);
+        std::thread other(log);
+        log();
         other.join();
         DlogFlush();
     };
-    ExpectErrorOutput("SLOG_EVENT_FILE", path.c_str(), logFromTwoThreads, "^$");
-    std::set<std::string> texts;
-    std::ifstream file(path);
-    for (std::string line; std::getline(file, line);) {
-        texts.insert(line.substr(line.find(' ') + 1));
+    ExpectErrorOutput("SLOG_EVENT_FILE", EventPath().c_str(), logFromTwoThreads, "^$");
+    std::map<std::string, int> lines = CountLines(std::ifstream(EventPath()));
+    EXPECT_EQ(lines["kept"], 1);
+    EXPECT_EQ(lines.rbegin()->second, 400);
+    EXPECT_EQ(lines.size(), 2U);
+    unlink(EventPath().c_str());
+
+    const auto logOne = [] { DlogEventInner(0x1000036, "kept in sight"); };
+    ExpectErrorOutput("SLOG_EVENT_FILE", "/proc/no/such/directory", logOne,
+                      "^[^\n]*SLOG_EVENT_FILE='/proc/no/such/directory' cannot be opened: No such file[^\n]*\n"
+                      "[^\n]*kept in sight\n$");
+}
+
+// Sets a limit of this process and returns what it was.
+rlim_t SetLimit(__rlimit_resource resource, rlim_t value)
+{
+    rlimit limit{};
+    getrlimit(resource, &limit);
+    std::swap(limit.rlim_cur, value);
+    setrlimit(resource, &limit);
+    return value;
+}
+
+// Logs to standard error, which takes no more, and then lets it go on: no line waits, and every gap in what comes out
+// of the road is stated.
+void ExpectNoWaitAndEveryGapStated(const Road& road, const Operation& letGo)
+{
+    const int flags = fcntl(STDERR_FILENO, F_GETFL);
+    int next = 0;
+    while (next < 400) {
+        DlogInner(54, 3, "%0700d", next++);
     }
-    EXPECT_EQ(texts.size(), 401U);
-    close(memory);
-
-    ExpectErrorOutput(
-        "SLOG_EVENT_FILE", "/proc/no/such/directory", [] { DlogEventInner(0x1000036, "kept in sight"), DlogFlush(); },
-        "^[^\n]*SLOG_EVENT_FILE='/proc/no/such/directory' cannot be opened: No such file[^\n]*\n"
-        "[^\n]*kept in sight\n$");
-}
-
-std::atomic<int> handlerCalls{0};
-
-void InstallLoggingHandler(int signal)
-{
-    handlerCalls = 0;
-    std::signal(signal, [](int) {
-        const int interrupted = errno;
-        errno = 77;
-        DlogInner(54, CheckLogLevel(54, 3) == 1 ? 3 : 0, "from the handler, errno=%d", errno);
-        handlerCalls += errno == 77 ? 1 : 0;
-        errno = interrupted;
-    });
-}
-
-// A wrong implementation deadlocks, tears a line, or loses errno.
-TEST(Slog, LogsFromASignalHandlerThatInterruptsLogging)
-{
-    const std::string prefix = OriginAs("storm") + "level=3 module=54: ";  // a new thread inherits its name
-    InstallLoggingHandler(SIGUSR1);
-    const Lines writes = WritesOf([] {
-        std::atomic<bool> stop{false};
-        std::thread logger([&] {
-            for (; !stop; DlogInner(54, 3, "interrupted %s\n", "message")) {
-            }
-        });
-        for (; handlerCalls < 300; std::this_thread::yield()) {
-            pthread_kill(logger.native_handle(), SIGUSR1);
+    letGo();
+    std::string text;
+    while (next < 2000 && text.find("left out") == std::string::npos) {
+        DlogInner(54, 3, "%0700d", next++);
+        pollfd something{road.out, POLLIN, 0};
+        poll(&something, 1, 10);
+        char buffer[8192];
+        for (ssize_t size; (size = read(road.out, buffer, sizeof(buffer))) > 0;) {
+            text.append(buffer, size);
         }
-        stop = true;
-        logger.join();
-    });
-    const auto handled = std::count(writes.begin(), writes.end(), prefix + "from the handler, errno=77\n");
-    EXPECT_EQ(handled, handlerCalls);
-    EXPECT_EQ(handled + std::count(writes.begin(), writes.end(), prefix + "interrupted message\n"),
-              std::distance(writes.begin(), writes.end()));
+    }
+    EXPECT_EQ(fcntl(STDERR_FILENO, F_GETFL), flags);
+    int expected = 0;
+    int leftOut = 0;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line); ++expected) {
+        int number = -1;
+        std::sscanf(line.c_str(), "%*[^:]: %d (%d lines left out before)", &number, &leftOut);
+        expected += leftOut;
+        EXPECT_EQ(number, expected);
+    }
+    EXPECT_GT(leftOut, 0);
 }
 
-// The handler's own message breaks on the same pipe: only silence ends the chain of signals.
-TEST(Slog, StaysSilentAfterABrokenPipe)
+TEST(SlogHost, NeverWaitsAndCountsTheLinesThatItLeavesOut)
 {
-    const auto logToABrokenPipe = [] {
-        int ends[2];
-        std::cerr << pipe(ends) << close(ends[0]);
-        InstallLoggingHandler(SIGPIPE);
-        const int previous = Exchange(ends[1]);
-        for (int i = 0; i < 5; ++i) {
-            DlogInner(54, 3, "into the broken pipe");
-        }
-        close(Exchange(previous));
-        DlogInner(54, 3, "into a whole one");
-        std::cerr << handlerCalls;
+    ExpectNoWaitAndEveryGapStated(Road(Socket), [] {});
+    ExpectNoWaitAndEveryGapStated(Road(pipe), [] {});
+    // A terminal, with and without a descriptor left to open it once more.
+    for (const rlim_t descriptors : {256, STDERR_FILENO + 1}) {
+        const Road terminal(Terminal);
+        tcflow(STDERR_FILENO, TCOOFF);  // as Ctrl-S does
+        const rlim_t before = SetLimit(RLIMIT_NOFILE, descriptors);
+        ExpectNoWaitAndEveryGapStated(terminal, [] { tcflow(STDERR_FILENO, TCOON); });
+        SetLimit(RLIMIT_NOFILE, before);
+    }
+    EXPECT_LT(fcntl(200, F_GETFD), 0) << "descriptors were left open";
+}
+
+TEST(SlogHost, BeginsANewLineAfterOneThatHasFoundNoRoomForItsEnd)
+{
+    std::signal(SIGXFSZ, SIG_IGN);
+    const std::string origin = OriginAs("full file") + "level=3 module=54: ";
+    const auto log = [] {
+        const rlim_t before = SetLimit(RLIMIT_FSIZE, 100);
+        DlogInner(54, 3, "%0200d", 0);
+        errno = 4242;
+        DlogInner(54, 3, "lost");
+        EXPECT_EQ(errno, 4242);
+        SetLimit(RLIMIT_FSIZE, before);
+        DlogInner(54, 3, "whole");
+        SetLimit(RLIMIT_FSIZE, 100);
+        DlogInner(54, 3, "lost");
+        SetLimit(RLIMIT_FSIZE, before);
+        DlogInner(54, 3, "the next");
     };
-    ExpectErrorOutput("SLOG_LEVELS", nullptr, logToABrokenPipe, "^00[12]$");
+    EXPECT_EQ(ErrorOutputOf(log), (origin + std::string(200, '0')).substr(0, 100) + "\n" + origin +
+                                      "whole (2 lines left out before)\n" + origin +
+                                      "the next (1 lines left out before)\n");
+}
+
+TEST(SlogHost, StaysSilentAfterABrokenPipe)
+{
+    const auto log = [] {
+        LogIntoNothing(pipe);
+        DlogInner(54, 3, "into a whole one");
+    };
+    ExpectErrorOutput("SLOG_LEVELS", nullptr, log, "^$");
 }
 
 }  // namespace

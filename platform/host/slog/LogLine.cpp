@@ -16,34 +16,40 @@ void LogLine::Append(const char* format, ...)
 void LogLine::AppendList(const char* format, va_list arguments)
 {
     // The terminator goes to the byte after the limit, which belongs to the mark.
-    const size_t room = TEXT_LIMIT - size_;
-    const int length = std::vsnprintf(text_ + size_, room + 1, format, arguments);
+    const size_t room = TEXT_END - end_;
+    const int length = std::vsnprintf(buffer_ + end_, room + 1, format, arguments);
     if (length < 0) {
         cut_ = true;
     } else if (static_cast<size_t>(length) > room) {
-        size_ = TEXT_LIMIT;
+        end_ = TEXT_END;
         cut_ = true;
     } else {
-        size_ += static_cast<size_t>(length);
+        end_ += static_cast<size_t>(length);
     }
 }
 
-void LogLine::Finish()
+void LogLine::Finish(bool afterTornLine, unsigned int leftOut)
 {
-    while (!cut_ && size_ > 0 && text_[size_ - 1] == '\n') {
-        --size_;
+    while (!cut_ && end_ > TEXT_BEGIN && buffer_[end_ - 1] == '\n') {
+        --end_;
     }
-    for (size_t i = 0; i < size_; ++i) {
-        const auto byte = static_cast<unsigned char>(text_[i]);
+    for (size_t i = TEXT_BEGIN; i < end_; ++i) {
+        const auto byte = static_cast<unsigned char>(buffer_[i]);
         if (byte < 0x20 || byte == 0x7F) {
-            text_[i] = '?';
+            buffer_[i] = '?';
         }
     }
     if (cut_) {
-        std::memcpy(text_ + size_, CUT_MARK, sizeof(CUT_MARK) - 1);
-        size_ += sizeof(CUT_MARK) - 1;
+        std::memcpy(buffer_ + end_, CUT_MARK, sizeof(CUT_MARK) - 1);
+        end_ += sizeof(CUT_MARK) - 1;
     }
-    text_[size_++] = '\n';
+    if (leftOut != 0) {
+        end_ += static_cast<size_t>(std::snprintf(buffer_ + end_, CAPACITY - end_, LEFT_OUT, leftOut));
+    }
+    buffer_[end_++] = '\n';
+    if (afterTornLine) {
+        begin_ = 0;
+    }
 }
 
 }  // namespace host_platform::slog

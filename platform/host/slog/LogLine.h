@@ -7,8 +7,7 @@
 
 namespace host_platform::slog {
 
-// Text is appended until the buffer is full; what does not fit is cut and the line says so. Finish makes the text
-// exactly one line: trailing line feeds fold into the one that ends it, control characters inside become '?'.
+// Text is appended until the buffer is full; what does not fit is cut and the line says so.
 class LogLine {
 public:
     void Append(const char* format, ...) __attribute__((format(printf, 2, 3)));
@@ -17,24 +16,31 @@ public:
     // is what the callers use; a floating-point or positional argument would not be safe in a signal handler.
     void AppendList(const char* format, va_list arguments) __attribute__((format(printf, 2, 0)));
 
-    void Finish();
+    // Makes the text exactly one line: trailing line feeds fold into the one that ends it, control characters inside
+    // become '?'. The line tells how many were left out before it, unless none were; when the last one on its
+    // destination is torn, it begins with the line feed that is missing there.
+    void Finish(bool afterTornLine, unsigned int leftOut);
 
     const char* Data() const
     {
-        return text_;
+        return buffer_ + begin_;
     }
     size_t Size() const
     {
-        return size_;
+        return end_ - begin_;
     }
 
 private:
-    static constexpr size_t CAPACITY = 1024;  // well below PIPE_BUF: one write to a pipe is never torn
+    static constexpr size_t TEXT_BEGIN = 1;  // behind the line feed for a torn line
+    static constexpr size_t TEXT_END = TEXT_BEGIN + 1015;
     static constexpr char CUT_MARK[] = "...[cut]";
-    static constexpr size_t TEXT_LIMIT = CAPACITY - sizeof(CUT_MARK);  // leaves room for the mark and the line feed
+    static constexpr char LEFT_OUT[] = " (%u lines left out before)";
+    // Well below PIPE_BUF: one write to a pipe is never torn.
+    static constexpr size_t CAPACITY = TEXT_END + sizeof(CUT_MARK) + sizeof(LEFT_OUT) + sizeof("4294967295");
 
-    char text_[CAPACITY] = {};
-    size_t size_ = 0;
+    char buffer_[CAPACITY] = {'\n'};
+    size_t begin_ = TEXT_BEGIN;
+    size_t end_ = TEXT_BEGIN;
     bool cut_ = false;
 };
 

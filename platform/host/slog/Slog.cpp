@@ -6,12 +6,13 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 
+#include "platform/host/slog/ErrnoKeeper.h"
+#include "platform/host/slog/LineSink.h"
 #include "platform/host/slog/LogLine.h"
 #include "slog.h"
 
@@ -21,51 +22,6 @@ namespace {
 constexpr int LEVEL_LIMIT = 64;  // levels 0 to 63 have a bit each
 constexpr uint64_t DEFAULT_LEVELS = uint64_t{1} << 3;
 
-class ErrnoKeeper {
-public:
-    ErrnoKeeper() = default;
-    ~ErrnoKeeper()
-    {
-        errno = saved_;
-    }
-    ErrnoKeeper(const ErrnoKeeper&) = delete;
-    ErrnoKeeper& operator=(const ErrnoKeeper&) = delete;
-
-private:
-    const int saved_ = errno;
-};
-
-// A descriptor that lines go to, one write each. It belongs to the process and is never closed. After the first broken
-// pipe it stays silent for good: a SIGPIPE handler that logs would otherwise be called by its own message, without end.
-class LineSink {
-public:
-    constexpr explicit LineSink(int fd) : fd_(fd)
-    {
-    }
-
-    bool IsOpen() const
-    {
-        return fd_ >= 0;
-    }
-
-    void Write(const LogLine& line)
-    {
-        if (!broken_ && write(fd_, line.Data(), line.Size()) < 0 && errno == EPIPE) {
-            broken_ = true;
-        }
-    }
-
-    void Sync() const
-    {
-        fdatasync(fd_);  // fails where there is nothing to wait for, as on a pipe
-    }
-
-private:
-    const int fd_;
-    std::atomic<bool> broken_{false};
-    static_assert(std::atomic<bool>::is_always_lock_free, "a signal handler writes too");
-};
-
 void AppendOrigin(LogLine& line)
 {
     char threadName[16] = {};
@@ -73,7 +29,18 @@ void AppendOrigin(LogLine& line)
     line.Append("%.64s[%d/%s] ", program_invocation_short_name, static_cast<int>(getpid()), threadName);
 }
 
-LineSink standardError{STDERR_FILENO};
+LineSink standardError{STDERR_FILENO, LineSink::Owner::PROCESS};
+
+void WriteDiagnostic(int module, int level, const char* format, va_list arguments)
+    __attribute__((format(printf, 3, 0)));
+void WriteDiagnostic(int module, int level, const char* format, va_list arguments)
+{
+    LogLine line;
+    AppendOrigin(line);
+    line.Append("level=%d module=%d: ", level, module);
+    line.AppendList(format, arguments);
+    standardError.Write(line);
+}
 
 void Complain(const char* format, ...) __attribute__((format(printf, 1, 2)));
 void Complain(const char* format, ...)
@@ -84,7 +51,6 @@ void Complain(const char* format, ...)
     va_start(arguments, format);
     line.AppendList(format, arguments);
     va_end(arguments);
-    line.Finish();
     standardError.Write(line);
 }
 
@@ -126,8 +92,7 @@ uint64_t LevelsFromEnvironment()
     return levels;
 }
 
-// Opens the event file, or returns -1 for none. Never on a standard descriptor that the process was started without:
-// whoever repairs those later would replace the file.
+// Opens the event file, or returns -1 for none.
 int OpenEventFile()
 {
     const ErrnoKeeper errnoKeeper;
@@ -135,12 +100,7 @@ int OpenEventFile()
     if (path == nullptr || *path == '\0') {
         return -1;
     }
-    int fd = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY, 0640);
-    if (fd >= 0 && fd <= STDERR_FILENO) {
-        const int low = fd;
-        fd = fcntl(low, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-        close(low);
-    }
+    const int fd = OpenDestination(path, O_WRONLY | O_CREAT | O_APPEND);
     if (fd < 0) {
         const int error = errno;
         Complain("slog: SLOG_EVENT_FILE='%.400s' cannot be opened: %s; event-log lines go to standard error", path,
@@ -150,7 +110,7 @@ int OpenEventFile()
 }
 
 const uint64_t enabledLevels = LevelsFromEnvironment();
-LineSink eventFile{OpenEventFile()};
+LineSink eventFile{OpenEventFile(), LineSink::Owner::LIBRARY};
 
 }  // namespace
 }  // namespace host_platform::slog
@@ -165,15 +125,10 @@ int CheckLogLevel(int /*module*/, int level)
 void DlogInner(int module, int level, const char* format, ...)
 {
     const ErrnoKeeper errnoKeeper;
-    LogLine line;
-    AppendOrigin(line);
-    line.Append("level=%d module=%d: ", level, module);
     va_list arguments;
     va_start(arguments, format);
-    line.AppendList(format, arguments);
+    WriteDiagnostic(module, level, format, arguments);
     va_end(arguments);
-    line.Finish();
-    standardError.Write(line);
 }
 
 void DlogEventInner(int module, const char* format, ...)
@@ -186,7 +141,6 @@ void DlogEventInner(int module, const char* format, ...)
     va_start(arguments, format);
     line.AppendList(format, arguments);
     va_end(arguments);
-    line.Finish();
     (eventFile.IsOpen() ? eventFile : standardError).Write(line);
 }
 
