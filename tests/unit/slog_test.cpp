@@ -247,6 +247,30 @@ TEST(SlogHost, AppendsEventLinesOfAllThreadsToTheEventFile)
                       "[^\n]*kept in sight\n$");
 }
 
+// The process starts without a standard input, and its number must stay free.
+TEST(SlogHost, NeedsNoReaderForAFifoOfEventLines)
+{
+    const bool hadNoInput = fcntl(STDIN_FILENO, F_GETFD) < 0;
+    const auto logWithoutAReader = [&] {
+        for (int i = 0; i < 100; ++i) {
+            DlogEventInner(0x1000036, "%01000d", i);
+        }
+        char buffer[0x20000];
+        const int reader = open(EventPath().c_str(), O_RDONLY | O_NONBLOCK);
+        EXPECT_GT(read(reader, buffer, sizeof(buffer)), 60000);
+        DlogEventInner(0x1000036, "kept");
+        std::cerr << hadNoInput << std::string(buffer, std::max<ssize_t>(read(reader, buffer, sizeof(buffer)), 0));
+    };
+    mkfifo(EventPath().c_str(), 0600);
+    const int input = dup(STDIN_FILENO);
+    close(STDIN_FILENO);
+    ExpectErrorOutput("SLOG_EVENT_FILE", EventPath().c_str(), logWithoutAReader,
+                      "^1[^\n]*kept \\([0-9]+ lines left out before\\)\n$");
+    dup2(input, STDIN_FILENO);
+    close(input);
+    unlink(EventPath().c_str());
+}
+
 // Sets a limit of this process and returns what it was.
 rlim_t SetLimit(__rlimit_resource resource, rlim_t value)
 {

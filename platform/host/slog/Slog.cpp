@@ -4,6 +4,7 @@
 // destructible, so that logging works in any static initialiser and destructor of those who use it.
 #include <fcntl.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -92,7 +93,8 @@ uint64_t LevelsFromEnvironment()
     return levels;
 }
 
-// Opens the event file, or returns -1 for none.
+// Opens the event file, or returns -1 for none. A FIFO is opened for reading too: it needs no reader then, and never
+// breaks.
 int OpenEventFile()
 {
     const ErrnoKeeper errnoKeeper;
@@ -100,7 +102,9 @@ int OpenEventFile()
     if (path == nullptr || *path == '\0') {
         return -1;
     }
-    const int fd = OpenDestination(path, O_WRONLY | O_CREAT | O_APPEND);
+    struct stat status {};
+    const bool isFifo = stat(path, &status) == 0 && S_ISFIFO(status.st_mode);
+    const int fd = OpenDestination(path, isFifo ? O_RDWR : O_WRONLY | O_CREAT | O_APPEND);
     if (fd < 0) {
         const int error = errno;
         Complain("slog: SLOG_EVENT_FILE='%.400s' cannot be opened: %s; event-log lines go to standard error", path,
