@@ -20,6 +20,9 @@
 #include <sstream>
 #include <thread>
 
+#include "platform/host/slog/HostLog.h"
+#include "platform/host/slog/LineBudget.h"
+
 namespace {
 
 using Operation = std::function<void()>;
@@ -358,6 +361,28 @@ TEST(SlogHost, StaysSilentAfterABrokenPipe)
         DlogInner(54, 3, "into a whole one");
     };
     ExpectErrorOutput("SLOG_LEVELS", nullptr, log, "^$");
+}
+
+TEST(SlogHost, WritesTwentyBoundedLinesAtOnceThenOneASecondAndCountsTheRest)
+{
+    host_platform::slog::LineBudget budget;
+    const std::pair<timespec, int> linesAt[] = {
+        {{1000, 0}, 20}, {{1000, 999999999}, 0}, {{1001, 0}, 1}, {{1003, 0}, 2}, {{5000, 0}, 20}};
+    for (const auto& [time, lines] : linesAt) {
+        int taken = 0;
+        for (int i = 0; i < 30; ++i) {
+            taken += budget.Take(time) ? 1 : 0;
+        }
+        EXPECT_EQ(taken, lines) << time.tv_sec;
+    }
+    const auto log = [] {
+        for (int i = 0; i < 30; ++i) {
+            SlogHostBounded(54, 3, "bounded");
+        }
+        DlogInner(54, 3, "unbounded");
+    };
+    ExpectErrorOutput("SLOG_LEVELS", nullptr, log,
+                      "^([^\n]*level=3 module=54: bounded\n){20}.*unbounded \\([0-9]+ lines left out before\\)\n$");
 }
 
 }  // namespace

@@ -33,6 +33,12 @@ public:
     // Finishes the line and writes it. errno is undefined afterwards.
     void Write(LogLine& line);
 
+    // Counts a line that somebody else has left out.
+    void LeaveOut()
+    {
+        ++leftOut_;
+    }
+
     // Waits until the disk has the lines.
     void Sync() const;
 

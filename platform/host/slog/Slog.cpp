@@ -11,8 +11,11 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 #include "platform/host/slog/ErrnoKeeper.h"
+#include "platform/host/slog/HostLog.h"
+#include "platform/host/slog/LineBudget.h"
 #include "platform/host/slog/LineSink.h"
 #include "platform/host/slog/LogLine.h"
 #include "slog.h"
@@ -31,6 +34,7 @@ void AppendOrigin(LogLine& line)
 }
 
 LineSink standardError{STDERR_FILENO, LineSink::Owner::PROCESS};
+LineBudget boundedLines;
 
 void WriteDiagnostic(int module, int level, const char* format, va_list arguments)
     __attribute__((format(printf, 3, 0)));
@@ -129,6 +133,21 @@ int CheckLogLevel(int /*module*/, int level)
 void DlogInner(int module, int level, const char* format, ...)
 {
     const ErrnoKeeper errnoKeeper;
+    va_list arguments;
+    va_start(arguments, format);
+    WriteDiagnostic(module, level, format, arguments);
+    va_end(arguments);
+}
+
+void SlogHostBounded(int module, int level, const char* format, ...)
+{
+    const ErrnoKeeper errnoKeeper;
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    if (!boundedLines.Take(now)) {
+        standardError.LeaveOut();
+        return;
+    }
     va_list arguments;
     va_start(arguments, format);
     WriteDiagnostic(module, level, format, arguments);
