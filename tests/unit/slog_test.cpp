@@ -216,6 +216,19 @@ TEST(SlogHost, LetsThroughTheLevelsThatTheEnvironmentNames)
     }
 }
 
+TEST(SlogHost, IsQuietOnRequestUnlessTheEnvironmentAsksForLines)
+{
+    const auto log = [] {
+        SlogHostQuiet();
+        std::cerr << CheckLogLevel(54, 2) << CheckLogLevel(54, 3);
+        DlogEventInner(0x1000036, "an event");
+    };
+    ExpectErrorOutput("SLOG_LEVELS", nullptr, log, "^00$");
+    ExpectErrorOutput("SLOG_LEVELS", "2", log, "^10[^\n]*an event\n$");
+    ExpectErrorOutput("SLOG_EVENT_FILE", "", log, "^00$");
+    ExpectErrorOutput("SLOG_EVENT_FILE", "/dev/null", log, "^01$");
+}
+
 // A path of this test's own, which the process started by it finds too.
 std::string EventPath()
 {

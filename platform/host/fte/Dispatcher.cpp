@@ -2,7 +2,7 @@
 
 #include <sys/prctl.h>
 
-#include "slog.h"
+#include "platform/host/fte/Log.h"
 
 namespace host_platform::fte {
 
@@ -96,7 +96,7 @@ void Dispatcher::DeliverNext()
     }
     const int result = (*callback)(record.data(), static_cast<unsigned int>(record.size()));
     if (result != 0) {
-        DlogInner(LOG_MODULE, LOG_LEVEL, "the registered callable did not deliver a fault, ret=%d", result);
+        FTE_LOG("the registered callable did not deliver a fault, ret=%d", result);
     }
 }
 

@@ -6,7 +6,7 @@
 
 #include "fte.h"
 #include "platform/host/fte/Dispatcher.h"
-#include "slog.h"
+#include "platform/host/fte/Log.h"
 
 namespace host_platform::fte {
 namespace {
@@ -52,11 +52,10 @@ RawRecord MakeRecord(const FTEReportInfo& report)
 
 void LogReport(const FTEReportInfo& report, const char* outcome)
 {
-    DlogInner(LOG_MODULE, LOG_LEVEL,
-              "fault reported: eventId=0x%X, deviceId=%u, severity=%u, assertion=%u, procName=%.*s: %s", report.eventId,
-              static_cast<unsigned int>(report.deviceId), static_cast<unsigned int>(report.severity),
-              static_cast<unsigned int>(report.assertion), static_cast<int>(EVENT_SPEC_SIZE_MAX), report.procName,
-              outcome);
+    FTE_LOG("fault reported: eventId=0x%X, deviceId=%u, severity=%u, assertion=%u, procName=%.*s: %s", report.eventId,
+            static_cast<unsigned int>(report.deviceId), static_cast<unsigned int>(report.severity),
+            static_cast<unsigned int>(report.assertion), static_cast<int>(EVENT_SPEC_SIZE_MAX), report.procName,
+            outcome);
 }
 
 // Runs the operation and turns every exception into a code: callers on the other side of a C interface expect none.
@@ -66,9 +65,9 @@ int Guarded(const char* name, Operation&& operation)
     try {
         return operation();
     } catch (const std::exception& error) {
-        DlogInner(LOG_MODULE, LOG_LEVEL, "%s failed: %s", name, error.what());
+        FTE_LOG("%s failed: %s", name, error.what());
     } catch (...) {
-        DlogInner(LOG_MODULE, LOG_LEVEL, "%s failed: unknown exception", name);
+        FTE_LOG("%s failed: unknown exception", name);
     }
     return FTE_NO_RESOURCE;
 }
@@ -97,7 +96,7 @@ using namespace host_platform::fte;
 int FTERegisterCallback(const std::function<int(const unsigned char*, unsigned int)>& callback)
 {
     if (callback == nullptr) {
-        DlogInner(LOG_MODULE, LOG_LEVEL, "FTERegisterCallback failed: empty callable");
+        FTE_LOG("FTERegisterCallback failed: empty callable");
         return FTE_NULL_ARGUMENT;
     }
     return Guarded("FTERegisterCallback", [&] {
@@ -111,7 +110,7 @@ int FTEUnregisterCallback(void)
     return Guarded("FTEUnregisterCallback", [] {
         const size_t dropped = Dispatcher::Instance().Unregister();
         if (dropped != 0) {
-            DlogInner(LOG_MODULE, LOG_LEVEL, "FTEUnregisterCallback: %zu reports dropped", dropped);
+            FTE_LOG("FTEUnregisterCallback: %zu reports dropped", dropped);
         }
         return FTE_OK;
     });
@@ -120,7 +119,7 @@ int FTEUnregisterCallback(void)
 int MidFTEReport(FTEReportInfo* report)
 {
     if (report == nullptr) {
-        DlogInner(LOG_MODULE, LOG_LEVEL, "MidFTEReport failed: null report");
+        FTE_LOG("MidFTEReport failed: null report");
         return FTE_NULL_ARGUMENT;
     }
     return Guarded("MidFTEReport", [&] { return Report(*report); });

@@ -1,11 +1,8 @@
-// The result codes of the four fault-reporting functions, and the numbers under which this library logs.
+// The result codes of the four fault-reporting functions.
 #ifndef REPORT_EVENT_PLATFORM_HOST_FTE_FTE_CODES_H
 #define REPORT_EVENT_PLATFORM_HOST_FTE_FTE_CODES_H
 
 namespace host_platform::fte {
-
-constexpr int LOG_MODULE = 70;
-constexpr int LOG_LEVEL = 3;
 
 enum FteCode : int {
     FTE_OK = 0,

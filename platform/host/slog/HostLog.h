@@ -12,6 +12,12 @@ extern "C" {
 // waits, raises no SIGPIPE and preserves errno.
 void SlogHostBounded(int module, int level, const char* format, ...) __attribute__((format(printf, 3, 4)));
 
+// Silences this process for good, unless SLOG_LEVELS or SLOG_EVENT_FILE was set when libslog was loaded: CheckLogLevel
+// answers 0 from now on, and DlogEventInner writes nothing. DlogInner and SlogHostBounded still write what they are
+// given by a caller that did not ask. Any thread, any number of times; lines that other threads are just writing still
+// appear.
+void SlogHostQuiet(void);
+
 }  // extern "C"
 
 #endif  // REPORT_EVENT_PLATFORM_HOST_SLOG_HOST_LOG_H

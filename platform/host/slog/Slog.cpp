@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
@@ -35,6 +36,8 @@ void AppendOrigin(LogLine& line)
 
 LineSink standardError{STDERR_FILENO, LineSink::Owner::PROCESS};
 LineBudget boundedLines;
+std::atomic<bool> quiet{false};
+static_assert(std::atomic<bool>::is_always_lock_free, "a signal handler asks for the level too");
 
 void WriteDiagnostic(int module, int level, const char* format, va_list arguments)
     __attribute__((format(printf, 3, 0)));
@@ -85,9 +88,21 @@ bool ParseLevels(const char* text, uint64_t& levels)
     }
 }
 
+const char* LevelsSetting()
+{
+    return secure_getenv("SLOG_LEVELS");
+}
+
+// Null when it is not set or empty.
+const char* EventFileSetting()
+{
+    const char* const path = secure_getenv("SLOG_EVENT_FILE");
+    return path == nullptr || *path == '\0' ? nullptr : path;
+}
+
 uint64_t LevelsFromEnvironment()
 {
-    const char* const text = secure_getenv("SLOG_LEVELS");
+    const char* const text = LevelsSetting();
     uint64_t levels = DEFAULT_LEVELS;
     if (text != nullptr && !ParseLevels(text, levels)) {
         Complain("slog: SLOG_LEVELS='%.100s' is not a comma-separated list of levels 0 to %d; using 3", text,
@@ -102,8 +117,8 @@ uint64_t LevelsFromEnvironment()
 int OpenEventFile()
 {
     const ErrnoKeeper errnoKeeper;
-    const char* const path = secure_getenv("SLOG_EVENT_FILE");
-    if (path == nullptr || *path == '\0') {
+    const char* const path = EventFileSetting();
+    if (path == nullptr) {
         return -1;
     }
     struct stat status {};
@@ -119,6 +134,7 @@ int OpenEventFile()
 
 const uint64_t enabledLevels = LevelsFromEnvironment();
 LineSink eventFile{OpenEventFile(), LineSink::Owner::LIBRARY};
+const bool asksForLines = LevelsSetting() != nullptr || EventFileSetting() != nullptr;
 
 }  // namespace
 }  // namespace host_platform::slog
@@ -127,7 +143,7 @@ using namespace host_platform::slog;
 
 int CheckLogLevel(int /*module*/, int level)
 {
-    return level >= 0 && level < LEVEL_LIMIT && (enabledLevels >> level & 1) != 0 ? 1 : 0;
+    return !quiet && level >= 0 && level < LEVEL_LIMIT && (enabledLevels >> level & 1) != 0 ? 1 : 0;
 }
 
 void DlogInner(int module, int level, const char* format, ...)
@@ -156,6 +172,9 @@ void SlogHostBounded(int module, int level, const char* format, ...)
 
 void DlogEventInner(int module, const char* format, ...)
 {
+    if (quiet) {
+        return;
+    }
     const ErrnoKeeper errnoKeeper;
     LogLine line;
     AppendOrigin(line);
@@ -173,5 +192,12 @@ void DlogFlush(void)
     const ErrnoKeeper errnoKeeper;
     if (eventFile.IsOpen()) {
         eventFile.Sync();
+    }
+}
+
+void SlogHostQuiet(void)
+{
+    if (!asksForLines) {
+        quiet = true;
     }
 }
