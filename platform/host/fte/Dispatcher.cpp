@@ -33,7 +33,7 @@ void Dispatcher::Register(const FaultCallback& callback)
 size_t Dispatcher::Unregister()
 {
     std::shared_ptr<const FaultCallback> forgotten;
-    std::deque<RawRecord> dropped;
+    std::deque<ReportEvent::RawRecord> dropped;
     MutexLock lock(mutex_);
     callback_.swap(forgotten);
     queue_.swap(dropped);
@@ -45,7 +45,7 @@ size_t Dispatcher::Unregister()
     return dropped.size();
 }
 
-Dispatcher::Outcome Dispatcher::Report(const RawRecord& record)
+Dispatcher::Outcome Dispatcher::Report(const ReportEvent::RawRecord& record)
 {
     {
         MutexLock lock(mutex_);
@@ -83,7 +83,7 @@ void Dispatcher::Run()
 void Dispatcher::DeliverNext()
 {
     std::shared_ptr<const FaultCallback> callback;
-    RawRecord record;
+    ReportEvent::RawRecord record;
     {
         MutexLock lock(mutex_);
         while (queue_.empty()) {
@@ -94,7 +94,7 @@ void Dispatcher::DeliverNext()
         callback = callback_;
         ++deliveriesBegun_;
     }
-    const int result = (*callback)(record.data(), static_cast<unsigned int>(record.size()));
+    const int result = (*callback)(record.bytes, sizeof(record.bytes));
     if (result != 0) {
         FTE_LOG("the registered callable did not deliver a fault, ret=%d", result);
     }

@@ -2,7 +2,6 @@
 #ifndef REPORT_EVENT_PLATFORM_HOST_FTE_DISPATCHER_H
 #define REPORT_EVENT_PLATFORM_HOST_FTE_DISPATCHER_H
 
-#include <array>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -10,12 +9,11 @@
 #include <thread>
 
 #include "platform/host/common/Mutex.h"
-#include "platform/host/fte/FteCodes.h"
+#include "report_event/EventRecord.h"
 
 namespace host_platform::fte {
 
 using FaultCallback = std::function<int(const unsigned char*, unsigned int)>;
-using RawRecord = std::array<unsigned char, 362>;  // header, forceLog, raw device-management event
 
 // Lives as long as the process and is never destroyed: exit handlers may run while it delivers. Any thread may call it,
 // also the callable itself. Client code (copying, calling and destroying a callable) never runs under a lock.
@@ -36,7 +34,7 @@ public:
     enum class Outcome { QUEUED, NO_CALLABLE, QUEUE_FULL };
 
     // Queues the record for delivery. Never blocks. Throws std::bad_alloc.
-    Outcome Report(const RawRecord& record);
+    Outcome Report(const ReportEvent::RawRecord& record);
 
 private:
     static constexpr size_t QUEUE_LIMIT = 1024;
@@ -53,7 +51,7 @@ private:
     CondVar recordQueued_;
     CondVar deliveryFinished_;
     std::shared_ptr<const FaultCallback> callback_ HOST_GUARDED_BY(mutex_);
-    std::deque<RawRecord> queue_ HOST_GUARDED_BY(mutex_);  // empty while callback_ is null
+    std::deque<ReportEvent::RawRecord> queue_ HOST_GUARDED_BY(mutex_);  // empty while callback_ is null
     uint64_t deliveriesBegun_ HOST_GUARDED_BY(mutex_) = 0;
     uint64_t deliveriesFinished_ HOST_GUARDED_BY(mutex_) = 0;  // equal to the begun ones, or one less
     std::thread::id threadId_ HOST_GUARDED_BY(mutex_);

@@ -58,10 +58,10 @@ FteCode CheckName(const unsigned char* data, size_t length)
 FteCode CheckDids(const unsigned char* data, size_t length, unsigned int count)
 {
     for (; count > 0; --count) {
-        if (length < DID_HEADER_SIZE || length - DID_HEADER_SIZE < Load16(data + 2)) {
+        if (length < DID_HEADER_SIZE || length - DID_HEADER_SIZE < Load16(data + DID_LENGTH_OFFSET)) {
             return FTE_INCONSISTENT;
         }
-        const size_t size = DID_HEADER_SIZE + Load16(data + 2);
+        const size_t size = DID_HEADER_SIZE + Load16(data + DID_LENGTH_OFFSET);
         data += size;
         length -= size;
     }
@@ -91,7 +91,7 @@ std::unique_ptr<DidInfo[]> MakeDids(const unsigned char* data, unsigned int coun
     std::unique_ptr<DidInfo[]> dids(new DidInfo[count]);
     for (unsigned int i = 0; i < count; ++i) {
         dids[i].did = Load16(data);
-        dids[i].len = Load16(data + 2);
+        dids[i].len = Load16(data + DID_LENGTH_OFFSET);
         data += DID_HEADER_SIZE;
         if (dids[i].len != 0) {
             dids[i].data = new unsigned char[dids[i].len];

@@ -8,8 +8,6 @@
 namespace host_platform::fte {
 namespace {
 
-constexpr unsigned char FTE_FAULT_RECORD_HEADER = 0x00;
-
 using Bytes = std::vector<unsigned char>;
 
 void AppendLittleEndian(Bytes& bytes, uint32_t value, size_t width)
@@ -34,8 +32,8 @@ size_t CheckedSize(const FaultEvent& event)
         size += DID_HEADER_SIZE + did.data.size();
     }
     if (size > PAYLOAD_SIZE_MAX) {
-        throw std::length_error("fault record of " + std::to_string(EVENT_RECORD_PREFIX_SIZE + size) +
-                                " bytes; at most " + std::to_string(EVENT_RECORD_SIZE_MAX) + " fit");
+        throw std::length_error("fault record of " + std::to_string(ReportEvent::RECORD_PREFIX_SIZE + size) +
+                                " bytes; at most " + std::to_string(ReportEvent::RECORD_SIZE_MAX) + " fit");
     }
     return size;
 }
@@ -76,8 +74,8 @@ Bytes EncodeRecord(const FaultEvent& event, bool forceLog)
 {
     const size_t size = CheckedSize(event);
     Bytes bytes;
-    bytes.reserve(EVENT_RECORD_PREFIX_SIZE + size);
-    bytes.push_back(FTE_FAULT_RECORD_HEADER);
+    bytes.reserve(ReportEvent::RECORD_PREFIX_SIZE + size);
+    bytes.push_back(ReportEvent::RECORD_HEADER_FTE_FAULT);
     bytes.push_back(forceLog ? 1 : 0);
     AppendPayload(bytes, event, size);
     return bytes;

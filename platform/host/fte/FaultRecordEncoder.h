@@ -1,7 +1,8 @@
-// Makes serialized fault events and the event records that carry them; for publishers, tools and tests.
+// Makes serialized fault events and the event records that carry them; for publishers, tools and tests. A public header
+// of the host platform: it needs nothing but the standard library, and libfte to link with.
 //
-// Pure functions on values, safe on any thread. They throw std::length_error or std::invalid_argument, with the cause
-// as text, for an event that has no serialized form, and what allocation throws.
+// Pure functions on values, safe on any thread; nothing of what is passed is kept. They throw std::length_error or
+// std::invalid_argument, with the cause as text, for an event that has no serialized form, and what allocation throws.
 #ifndef REPORT_EVENT_PLATFORM_HOST_FTE_FAULT_RECORD_ENCODER_H
 #define REPORT_EVENT_PLATFORM_HOST_FTE_FAULT_RECORD_ENCODER_H
 

@@ -23,6 +23,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "report_event/EventRecord.h"
+
 namespace host_platform::fte {
 
 constexpr unsigned char MAGIC[4] = {'F', 'T', 'E', 'R'};
@@ -39,11 +41,10 @@ constexpr size_t UDS_ID_OFFSET = 18;
 constexpr size_t DID_COUNT_OFFSET = 20;
 constexpr size_t LENGTH_OFFSET = 22;
 constexpr size_t HEADER_SIZE = 24;
+constexpr size_t DID_LENGTH_OFFSET = 2;
 constexpr size_t DID_HEADER_SIZE = 4;
 
-constexpr size_t EVENT_RECORD_PREFIX_SIZE = 2;  // header byte and forceLog byte of an event record
-constexpr size_t EVENT_RECORD_SIZE_MAX = 3960;
-constexpr size_t PAYLOAD_SIZE_MAX = EVENT_RECORD_SIZE_MAX - EVENT_RECORD_PREFIX_SIZE;
+constexpr size_t PAYLOAD_SIZE_MAX = ReportEvent::RECORD_SIZE_MAX - ReportEvent::RECORD_PREFIX_SIZE;
 
 // What fits in a record also fits in the 16-bit counts and lengths.
 static_assert(PAYLOAD_SIZE_MAX <= UINT16_MAX, "length fields");

@@ -1,33 +1,18 @@
 // Registration and reporting: the C interface to the dispatcher, and the record that a report becomes.
-#include <cstddef>
 #include <cstring>
 #include <ctime>
 #include <exception>
 
 #include "fte.h"
 #include "platform/host/fte/Dispatcher.h"
+#include "platform/host/fte/FteCodes.h"
 #include "platform/host/fte/Log.h"
+#include "report_event/EventRecord.h"
 
 namespace host_platform::fte {
 namespace {
 
-// The raw device-management event in a record: offsets of the event's fields, behind the header and forceLog bytes.
-constexpr unsigned char RAW_FAULT_RECORD_HEADER = 0x01;
-constexpr size_t EVENT_OFFSET = 2;
-constexpr size_t EVENT_ID = EVENT_OFFSET + 8;
-constexpr size_t DEVICE_ID = EVENT_OFFSET + 12;
-constexpr size_t SEVERITY = EVENT_OFFSET + 18;
-constexpr size_t ASSERTION = EVENT_OFFSET + 19;
-constexpr size_t ARISED_TIME = EVENT_OFFSET + 32;
-constexpr size_t EVENT_NAME = EVENT_OFFSET + 40;
-constexpr size_t EVENT_NAME_SIZE = 288;
-static_assert(EVENT_SPEC_SIZE_MAX < EVENT_NAME_SIZE, "the longest process name leaves room for a terminator");
-
-template <typename T>
-void Store(RawRecord& record, size_t offset, T value)
-{
-    std::memcpy(record.data() + offset, &value, sizeof(value));
-}
+static_assert(EVENT_SPEC_SIZE_MAX < sizeof(dsmi_event::eventName), "the longest process name has a terminator");
 
 uint64_t NanosecondsSinceEpoch()
 {
@@ -36,18 +21,17 @@ uint64_t NanosecondsSinceEpoch()
     return static_cast<uint64_t>(now.tv_sec) * 1000000000U + static_cast<uint64_t>(now.tv_nsec);
 }
 
-RawRecord MakeRecord(const FTEReportInfo& report)
+ReportEvent::RawRecord MakeRecord(const FTEReportInfo& report)
 {
-    RawRecord record{};
-    record[0] = RAW_FAULT_RECORD_HEADER;
-    record[1] = 1;  // forceLog: a lost process belongs into the event log whatever its assertion
-    Store(record, EVENT_ID, report.eventId);
-    Store(record, DEVICE_ID, report.deviceId);
-    Store(record, SEVERITY, report.severity);
-    Store(record, ASSERTION, report.assertion);
-    Store(record, ARISED_TIME, NanosecondsSinceEpoch());
-    std::memcpy(record.data() + EVENT_NAME, report.procName, strnlen(report.procName, EVENT_SPEC_SIZE_MAX));
-    return record;
+    dsmi_event event{};
+    event.eventId = report.eventId;
+    event.deviceId = report.deviceId;
+    event.severity = report.severity;
+    event.assertion = report.assertion;
+    event.eventArisedTime = NanosecondsSinceEpoch();
+    std::memcpy(event.eventName, report.procName, strnlen(report.procName, EVENT_SPEC_SIZE_MAX));
+    // Forced: a lost process belongs into the event log whatever its assertion.
+    return ReportEvent::MakeRawRecord(ReportEvent::FAULT_EVENT, true, event);
 }
 
 void LogReport(const FTEReportInfo& report, const char* outcome)
