@@ -28,7 +28,7 @@ TEST(SecureFunctions, CopyOrLeaveTheDestinationInItsKnownState)
     // Function, size of the destination, source, count, success, destination afterwards (a text up to its terminator).
     const std::tuple<Function, size_t, const char*, size_t, bool, std::string> cases[] = {
         {COPY, 8, source, 8, true, "12345678"},    {COPY, 8, source, 3, true, "123ore!\0"s},
-        {COPY, 8, source, 0, true, before},        {COPY, SIZE_MAX, source, 1, true, "1efore!\0"s},
+        {SET, 8, "w", 8, true, "wwwwwwww"},        {COPY, SIZE_MAX, source, 1, true, "1efore!\0"s},
         {COPY, 8, source, 9, false, zeroed},       {COPY, 8, nullptr, 0, false, zeroed},
         {COPY, 0, source, 0, false, before},       {COPY, SIZE_MAX, nullptr, 1, false, before},
         {SET, 8, "x", 3, true, "xxxore!\0"s},      {SET, 8, "y", 9, false, "yyyyyyyy"},
