@@ -13,6 +13,7 @@
 
 namespace {
 
+using namespace host_platform;
 using namespace host_platform::iam;
 
 constexpr uint32_t ENTRIES = 8;

@@ -11,7 +11,7 @@
 #include <map>
 #include <random>
 
-#include "platform/host/iam/Descriptor.h"
+#include "platform/host/common/Descriptor.h"
 #include "platform/host/iam/Protocol.h"
 #include "platform/host/iam/Ring.h"
 #include "tests/unit/iam_support.h"
@@ -19,6 +19,7 @@
 namespace iam_test {
 namespace {
 
+using namespace host_platform;
 using namespace host_platform::iam;
 
 constexpr int SIZE_SEALS = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL;

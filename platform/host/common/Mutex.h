@@ -18,12 +18,10 @@
 #define HOST_CAPABILITY(name) HOST_THREAD_ANNOTATION(capability(name))
 #define HOST_SCOPED_CAPABILITY HOST_THREAD_ANNOTATION(scoped_lockable)
 #define HOST_GUARDED_BY(mutex) HOST_THREAD_ANNOTATION(guarded_by(mutex))
-#define HOST_PT_GUARDED_BY(mutex) HOST_THREAD_ANNOTATION(pt_guarded_by(mutex))
 #define HOST_REQUIRES(...) HOST_THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
 #define HOST_EXCLUDES(...) HOST_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
 #define HOST_ACQUIRE(...) HOST_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
 #define HOST_RELEASE(...) HOST_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
-#define HOST_NO_THREAD_SAFETY_ANALYSIS HOST_THREAD_ANNOTATION(no_thread_safety_analysis)
 
 namespace host_platform {
 
@@ -107,13 +105,6 @@ public:
     {
         Borrowed lock(mutex.mutex_);
         condition_.wait(lock.lock);
-    }
-
-    // False when the deadline has passed.
-    bool WaitUntil(Mutex& mutex, std::chrono::steady_clock::time_point deadline) HOST_REQUIRES(mutex)
-    {
-        Borrowed lock(mutex.mutex_);
-        return condition_.wait_until(lock.lock, deadline) == std::cv_status::no_timeout;
     }
 
     void NotifyOne()

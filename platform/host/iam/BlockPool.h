@@ -12,9 +12,9 @@
 #include <cstdint>
 #include <vector>
 
-#include "platform/host/iam/Descriptor.h"
+#include "platform/host/common/Descriptor.h"
+#include "platform/host/common/Status.h"
 #include "platform/host/iam/Protocol.h"
-#include "platform/host/iam/Status.h"
 
 namespace host_platform::iam {
 

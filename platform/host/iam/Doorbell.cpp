@@ -15,8 +15,11 @@ Status Doorbell::Create()
     if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) {
         return {errno, "a pipe cannot be made"};
     }
-    readEnd_.Reset(ends[0]);
-    writeEnd_.Reset(ends[1]);
+    readEnd_ = AboveStandard(ends[0]);
+    writeEnd_ = AboveStandard(ends[1]);
+    if (!readEnd_ || !writeEnd_) {
+        return {errno, "a pipe cannot be made"};
+    }
     return {};
 }
 
@@ -35,7 +38,7 @@ Status DoorbellListener::Adopt(int received)
     }
     char path[32];
     snprintf(path, sizeof path, "/proc/self/fd/%d", received);
-    fd_.Reset(open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    fd_ = AboveStandard(open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     if (!fd_) {
         return {errno, "the bell cannot be opened"};
     }

@@ -5,8 +5,8 @@
 #ifndef REPORT_EVENT_PLATFORM_HOST_IAM_DOORBELL_H
 #define REPORT_EVENT_PLATFORM_HOST_IAM_DOORBELL_H
 
-#include "platform/host/iam/Descriptor.h"
-#include "platform/host/iam/Status.h"
+#include "platform/host/common/Descriptor.h"
+#include "platform/host/common/Status.h"
 
 namespace host_platform::iam {
 

@@ -4,13 +4,10 @@
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
-
-#include "platform/host/iam/RuntimeDirectory.h"
+#include <cstdio>
 
 namespace host_platform::iam {
 namespace {
@@ -26,19 +23,20 @@ Endpoint::~Endpoint()
     // is removed.
     if (lock_ && LockFileIsOurs()) {
         if (listener_) {
-            unlink(socketPath_.c_str());
+            unlink(socketPath_.text);
         }
-        unlink(lockPath_.c_str());
+        unlink(lockPath_);
     }
 }
 
-Status Endpoint::Create(const std::string& resource)
+Status Endpoint::Create(const char* resource)
 {
-    Status status = FindSocketPath(true, resource, socketPath_);
+    Status status = FindSocketPath(Missing::MAKE, resource, socketPath_);
     if (status.Failed()) {
         return status;
     }
-    lockPath_ = socketPath_ + ".lock";  // no socket has this name: a '.' of a resource's name is encoded
+    // No socket has this name: a '.' of a resource's name is encoded.
+    snprintf(lockPath_, sizeof lockPath_, "%s.lock", socketPath_.text);
     status = TakeLock();
     return status.Failed() ? status : Listen();
 }
@@ -46,7 +44,7 @@ Status Endpoint::Create(const std::string& resource)
 Status Endpoint::TakeLock()
 {
     for (int attempt = 0; attempt < LOCK_ATTEMPTS; ++attempt) {
-        UniqueFd lock(open(lockPath_.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, 0600));
+        UniqueFd lock = AboveStandard(open(lockPath_, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, 0600));
         if (!lock) {
             return {errno, errno == ELOOP ? "its lock file is a link" : "its lock file cannot be opened"};
         }
@@ -71,22 +69,20 @@ bool Endpoint::LockFileIsOurs() const
 {
     struct stat held = {};
     struct stat named = {};
-    return fstat(lock_.Get(), &held) == 0 && lstat(lockPath_.c_str(), &named) == 0 && held.st_ino == named.st_ino &&
+    return fstat(lock_.Get(), &held) == 0 && lstat(lockPath_, &named) == 0 && held.st_ino == named.st_ino &&
            held.st_dev == named.st_dev;
 }
 
 Status Endpoint::Listen()
 {
-    UniqueFd listener(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    UniqueFd listener = AboveStandard(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!listener) {
         return {errno, "a socket cannot be made"};
     }
-    if (unlink(socketPath_.c_str()) != 0 && errno != ENOENT) {
+    if (unlink(socketPath_.text) != 0 && errno != ENOENT) {
         return {errno, "the socket left by a dead process cannot be removed"};
     }
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    memcpy(address.sun_path, socketPath_.c_str(), socketPath_.size() + 1);
+    const sockaddr_un address = AddressOf(socketPath_);
     if (bind(listener.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
         return {errno, "its socket cannot be bound"};
     }

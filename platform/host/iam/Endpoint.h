@@ -2,10 +2,9 @@
 #ifndef REPORT_EVENT_PLATFORM_HOST_IAM_ENDPOINT_H
 #define REPORT_EVENT_PLATFORM_HOST_IAM_ENDPOINT_H
 
-#include <string>
-
-#include "platform/host/iam/Descriptor.h"
-#include "platform/host/iam/Status.h"
+#include "platform/host/common/Descriptor.h"
+#include "platform/host/common/Status.h"
+#include "platform/host/iam/RuntimeDirectory.h"
 
 namespace host_platform::iam {
 
@@ -19,7 +18,7 @@ public:
     Endpoint& operator=(const Endpoint&) = delete;
 
     // EBUSY when another live process serves the resource.
-    Status Create(const std::string& resource);
+    Status Create(const char* resource);
 
     int Listener() const
     {
@@ -31,8 +30,8 @@ private:
     bool LockFileIsOurs() const;
     Status Listen();
 
-    std::string socketPath_;
-    std::string lockPath_;
+    Path socketPath_{};
+    char lockPath_[sizeof(Path) + sizeof ".lock"] = {};
     UniqueFd lock_;
     UniqueFd listener_;
 };

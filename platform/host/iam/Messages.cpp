@@ -28,7 +28,7 @@ size_t TakeDescriptors(msghdr& header, std::array<UniqueFd, 2>& descriptors)
         for (size_t i = 0; i < here; ++i, ++count) {
             int fd = -1;
             memcpy(&fd, CMSG_DATA(control) + i * sizeof fd, sizeof fd);
-            UniqueFd owned(fd);
+            UniqueFd owned = AboveStandard(fd);
             if (count < descriptors.size()) {
                 descriptors[count] = std::move(owned);
             }

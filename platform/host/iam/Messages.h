@@ -5,9 +5,9 @@
 #include <array>
 #include <initializer_list>
 
-#include "platform/host/iam/Descriptor.h"
+#include "platform/host/common/Descriptor.h"
+#include "platform/host/common/Status.h"
 #include "platform/host/iam/Protocol.h"
-#include "platform/host/iam/Status.h"
 
 namespace host_platform::iam {
 

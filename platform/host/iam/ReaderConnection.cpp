@@ -3,7 +3,6 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
-#include <sys/un.h>
 
 #include <cerrno>
 #include <chrono>
@@ -27,11 +26,9 @@ using std::chrono::milliseconds;
 constexpr auto OPEN_TIME = std::chrono::milliseconds(900);
 
 // Connecting to a local socket waits only while the service's backlog is full; the send timeout bounds that.
-Status ConnectSocket(int socket, const std::string& path, Clock::time_point deadline)
+Status ConnectSocket(int socket, const Path& path, Clock::time_point deadline)
 {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    const sockaddr_un address = AddressOf(path);
     for (;;) {
         const auto left = std::chrono::duration_cast<microseconds>(deadline - Clock::now()).count();
         if (left <= 0) {
@@ -79,12 +76,12 @@ Status ReaderConnection::Connect(const std::string& resource)
 {
     const Clock::time_point deadline = Clock::now() + OPEN_TIME;
     resource_ = resource;
-    std::string path;
-    Status status = FindSocketPath(false, resource, path);
+    Path path{};
+    Status status = FindSocketPath(Missing::REFUSE, resource.c_str(), path);
     if (status.Failed()) {
         return status;
     }
-    socket_.Reset(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    socket_ = AboveStandard(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
     if (!socket_) {
         return {errno, "a socket cannot be made"};
     }
@@ -282,7 +279,7 @@ int ReaderConnection::HearService()
     if (status.Failed() && status.error != EPROTO) {
         failure_ = status.error;  // the message is gone: there is no second attempt
     }
-    return status.error == EPROTO ? Broken(status.cause.c_str()) : status.error;
+    return status.error == EPROTO ? Broken(status.cause) : status.error;
 }
 
 int ReaderConnection::Broken(const char* cause)

@@ -11,12 +11,12 @@
 #include <cstdint>
 #include <string>
 
-#include "platform/host/iam/Descriptor.h"
+#include "platform/host/common/Descriptor.h"
+#include "platform/host/common/Status.h"
 #include "platform/host/iam/Doorbell.h"
 #include "platform/host/iam/Messages.h"
 #include "platform/host/iam/Protocol.h"
 #include "platform/host/iam/Ring.h"
-#include "platform/host/iam/Status.h"
 
 namespace host_platform::iam {
 

@@ -6,10 +6,10 @@
 
 #include <cstdint>
 
+#include "platform/host/common/Status.h"
 #include "platform/host/iam/BlockPool.h"
 #include "platform/host/iam/Doorbell.h"
 #include "platform/host/iam/Ring.h"
-#include "platform/host/iam/Status.h"
 
 namespace host_platform::iam {
 

@@ -81,7 +81,7 @@ int ReaderTable::NextNumber(int socket)
     }
     int fd = fcntl(socket, F_DUPFD_CLOEXEC, nextNumber_);
     if (fd < 0 && (errno == EMFILE || errno == EINVAL)) {
-        fd = fcntl(socket, F_DUPFD_CLOEXEC, 0);  // everything above is taken
+        fd = fcntl(socket, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);  // everything above is taken
     }
     nextNumber_ = fd + 1;
     return fd;

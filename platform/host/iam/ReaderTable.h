@@ -8,8 +8,8 @@
 #include <unordered_map>
 
 #include "platform/host/common/Mutex.h"
+#include "platform/host/common/Status.h"
 #include "platform/host/iam/ReaderConnection.h"
-#include "platform/host/iam/Status.h"
 
 namespace host_platform::iam {
 

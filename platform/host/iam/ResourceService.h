@@ -19,10 +19,10 @@
 
 #include "iam.h"
 #include "platform/host/common/Mutex.h"
+#include "platform/host/common/Status.h"
 #include "platform/host/iam/BlockPool.h"
 #include "platform/host/iam/Endpoint.h"
 #include "platform/host/iam/ReaderQueue.h"
-#include "platform/host/iam/Status.h"
 
 namespace host_platform::iam {
 

@@ -17,7 +17,7 @@
 #include <new>
 #include <utility>
 
-#include "platform/host/iam/Descriptor.h"
+#include "platform/host/common/Descriptor.h"
 #include "platform/host/iam/Fence.h"
 #include "platform/host/iam/Protocol.h"
 

@@ -1,15 +1,17 @@
 #include "platform/host/iam/RuntimeDirectory.h"
 
 #include <fcntl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdarg>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
-#include "platform/host/iam/Descriptor.h"
+#include "platform/host/common/Descriptor.h"
 
 namespace host_platform::iam {
 namespace {
@@ -20,44 +22,49 @@ const char* Environment(const char* name)
     return value != nullptr && *value != '\0' ? value : nullptr;
 }
 
-std::string ConfiguredDirectory()
+int Print(Path& path, const char* format, ...) __attribute__((format(printf, 2, 3)));
+int Print(Path& path, const char* format, ...)
 {
-    if (const char* const own = Environment("IAM_RUNTIME_DIR")) {
-        return own;
-    }
-    if (const char* const session = Environment("XDG_RUNTIME_DIR")) {
-        return std::string(session) + "/iam";
-    }
-    return "/tmp/iam-" + std::to_string(geteuid());
+    va_list arguments;
+    va_start(arguments, format);
+    const int length = vsnprintf(path.text, sizeof path.text, format, arguments);
+    va_end(arguments);
+    return length;
 }
 
-Status Refuse(const std::string& directory, int error, const std::string& cause)
+Status CheckPrivate(const Path& directory)
 {
-    return {error, "the runtime directory " + directory + " is refused: " + cause};
-}
-
-Status CheckPrivate(const std::string& directory)
-{
-    const UniqueFd fd(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    const UniqueFd fd = AboveStandard(open(directory.text, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!fd) {
-        const int error = errno;
-        if (error == ENOENT) {
-            return {ENOENT, "there is no runtime directory " + directory};
+        switch (errno) {
+            case ENOENT:
+                return {ENOENT, "there is no runtime directory"};
+            case ENOTDIR:
+            case ELOOP:
+                return {errno, "the runtime directory is refused: it is not a directory, or a link to one"};
+            default:
+                return {errno, "the runtime directory is refused: it cannot be opened"};
         }
-        const bool form = error == ENOTDIR || error == ELOOP;
-        return Refuse(directory, error, form ? "it is not a directory, or a link to one" : strerrordesc_np(error));
     }
     struct stat status = {};
     if (fstat(fd.Get(), &status) != 0) {
-        return Refuse(directory, errno, "its owner is not known");
+        return {errno, "the runtime directory is refused: its owner is not known"};
     }
     if (status.st_uid != geteuid()) {
-        return Refuse(directory, EACCES, "it belongs to another user");
+        return {EACCES, "the runtime directory is refused: it belongs to another user"};
     }
     if ((status.st_mode & 077) != 0) {
-        return Refuse(directory, EACCES, "others can enter it (its mode must be 0700)");
+        return {EACCES, "the runtime directory is refused: others can enter it (its mode must be 0700)"};
     }
     return {};
+}
+
+constexpr char DIGITS[] = "0123456789ABCDEF";
+
+bool StaysAsItIs(unsigned char byte)
+{
+    const auto lower = static_cast<unsigned char>(byte | 0x20);
+    return (lower >= 'a' && lower <= 'z') || (byte >= '0' && byte <= '9') || byte == '-' || byte == '_';
 }
 
 }  // namespace
@@ -68,49 +75,65 @@ bool IsResourceName(const char* name)
     return strncmp(name + prefix, ":/res/", 6) == 0;
 }
 
-std::string EncodeName(const std::string& name)
+Status NameRuntimeDirectory(Path& directory)
 {
-    static constexpr char DIGITS[] = "0123456789ABCDEF";
-    std::string encoded;
-    encoded.reserve(name.size() * 3);
-    for (const char character : name) {
-        const auto byte = static_cast<unsigned char>(character);
-        const auto lower = static_cast<unsigned char>(byte | 0x20);
-        if ((lower >= 'a' && lower <= 'z') || (byte >= '0' && byte <= '9') || byte == '-' || byte == '_') {
-            encoded += character;
-        } else {
-            encoded += '%';
-            encoded += DIGITS[byte >> 4];
-            encoded += DIGITS[byte & 15];
-        }
+    int length = 0;
+    if (const char* const own = Environment("IAM_RUNTIME_DIR")) {
+        length = Print(directory, "%s", own);
+    } else if (const char* const session = Environment("XDG_RUNTIME_DIR")) {
+        length = Print(directory, "%s/iam", session);
+    } else {
+        length = Print(directory, "/tmp/iam-%u", geteuid());
     }
-    return encoded;
+    if (static_cast<size_t>(length) >= sizeof directory.text) {
+        return {ENAMETOOLONG, "the path of the runtime directory is too long"};
+    }
+    return {};
 }
 
-Status FindRuntimeDirectory(bool make, std::string& directory)
+Status FindRuntimeDirectory(Missing missing, Path& directory)
 {
-    directory = ConfiguredDirectory();
-    if (directory.front() != '/') {
-        return Refuse(directory, EINVAL, "it is not an absolute path");
+    const Status named = NameRuntimeDirectory(directory);
+    if (named.Failed()) {
+        return named;
     }
-    if (make && mkdir(directory.c_str(), 0700) != 0 && errno != EEXIST) {
-        return Refuse(directory, errno, "it cannot be made");
+    if (directory.text[0] != '/') {
+        return {EINVAL, "the runtime directory is refused: it is not an absolute path"};
+    }
+    if (missing == Missing::MAKE && mkdir(directory.text, 0700) != 0 && errno != EEXIST) {
+        return {errno, "the runtime directory is refused: it cannot be made"};
     }
     return CheckPrivate(directory);
 }
 
-Status FindSocketPath(bool makeDirectory, const std::string& resource, std::string& path)
+Status FindSocketPath(Missing missing, const char* resource, Path& path)
 {
-    std::string directory;
-    const Status found = FindRuntimeDirectory(makeDirectory, directory);
+    const Status found = FindRuntimeDirectory(missing, path);
     if (found.Failed()) {
         return found;
     }
-    path = directory + '/' + EncodeName(resource);
-    if (path.size() >= sizeof(sockaddr_un::sun_path)) {
-        return {ENAMETOOLONG, "the path of its socket would be too long"};
+    size_t length = strlen(path.text);
+    path.text[length++] = '/';  // in the place of the terminator
+    for (; *resource != '\0'; ++resource) {
+        const auto byte = static_cast<unsigned char>(*resource);
+        const char encoded[] = {'%', DIGITS[byte >> 4], DIGITS[byte & 15]};
+        const size_t size = StaysAsItIs(byte) ? 1 : sizeof encoded;
+        if (length + size >= sizeof path.text) {
+            return {ENAMETOOLONG, "the path of its socket would be too long"};
+        }
+        memcpy(path.text + length, size == 1 ? resource : encoded, size);
+        length += size;
     }
+    path.text[length] = '\0';
     return {};
+}
+
+sockaddr_un AddressOf(const Path& path)
+{
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    memcpy(address.sun_path, path.text, sizeof path.text);
+    return address;
 }
 
 }  // namespace host_platform::iam

@@ -1,26 +1,37 @@
-// The private directory where the sockets of all resources of one user lie.
+// The private directory where the sockets of all resources of one user lie, and the names in it.
 #ifndef REPORT_EVENT_PLATFORM_HOST_IAM_RUNTIME_DIRECTORY_H
 #define REPORT_EVENT_PLATFORM_HOST_IAM_RUNTIME_DIRECTORY_H
 
-#include <string>
+#include <sys/un.h>
 
-#include "platform/host/iam/Status.h"
+#include "platform/host/common/Status.h"
 
 namespace host_platform::iam {
+
+// The path of a socket, or of the directory that holds it.
+struct Path {
+    char text[sizeof(sockaddr_un::sun_path)];
+};
 
 // Whether `name` has the form <text>:/res/... where <text> has no '/' and no ':' and may be empty.
 bool IsResourceName(const char* name);
 
-// The name of a resource as one component of a path: everything but letters, digits, '-' and '_' percent-encoded.
-std::string EncodeName(const std::string& name);
+// IAM_RUNTIME_DIR, else XDG_RUNTIME_DIR/iam, else /tmp/iam-<uid>, whatever stands there. ENAMETOOLONG when no socket
+// could have a name in it: then `directory` is its beginning.
+Status NameRuntimeDirectory(Path& directory);
 
-// IAM_RUNTIME_DIR, else XDG_RUNTIME_DIR/iam, else /tmp/iam-<uid>. Fails unless it is a directory (not a link to one)
-// that belongs to this process's user and that nobody else can enter. ENOENT when it is missing, unless `make`: then it
-// is made.
-Status FindRuntimeDirectory(bool make, std::string& directory);
+enum class Missing { MAKE, REFUSE };
 
-// Where the socket of a resource lies, below the runtime directory. ENAMETOOLONG when a socket cannot have that name.
-Status FindSocketPath(bool makeDirectory, const std::string& resource, std::string& path);
+// The same. Fails unless it is a directory (not a link to one) that belongs to this process's user and that nobody else
+// can enter; with ENOENT when it is missing and not to be made.
+Status FindRuntimeDirectory(Missing missing, Path& directory);
+
+// Where the socket of a resource lies: below the runtime directory, under the resource's name with everything but
+// letters, digits, '-' and '_' percent-encoded. ENAMETOOLONG when a socket cannot have that name.
+Status FindSocketPath(Missing missing, const char* resource, Path& path);
+
+// The socket address of this path.
+sockaddr_un AddressOf(const Path& path);
 
 }  // namespace host_platform::iam
 

@@ -81,8 +81,8 @@ Status ServiceThread::Start()
     if (started_) {
         return {};
     }
-    epoll_.Reset(epoll_create1(EPOLL_CLOEXEC));
-    wake_.Reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    epoll_ = AboveStandard(epoll_create1(EPOLL_CLOEXEC));
+    wake_ = AboveStandard(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     if (!epoll_ || !wake_ || Control(epoll_.Get(), EPOLL_CTL_ADD, wake_.Get(), EPOLLIN, WAKE_KEY) != 0) {
         return {errno, "the service thread cannot be set up"};
     }
@@ -189,7 +189,7 @@ void ServiceThread::AcceptReaders(size_t serviceNumber)
     ResourceService* const service = ServiceDirectory::Instance().At(serviceNumber);
     const int listener = service->Listener();  // stays open: only this thread ends a service
     for (int i = 0; i < ACCEPTS_AT_ONCE && listener >= 0; ++i) {
-        UniqueFd socket(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+        UniqueFd socket = AboveStandard(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
         if (socket) {
             try {
                 AddConnection(serviceNumber, *service, std::move(socket));
@@ -218,7 +218,7 @@ void ServiceThread::AddConnection(size_t serviceNumber, ResourceService& service
         status = {errno, "it cannot be watched"};
     }
     if (status.Failed()) {
-        Log("%s: a connection was refused: %s", service.Name().c_str(), status.cause.c_str());
+        Log("%s: a connection was refused: %s", service.Name().c_str(), status.cause);
         return;
     }
     connection->id = id;
@@ -266,7 +266,7 @@ void ServiceThread::HearReader(Connection& connection, uint32_t events)
         return;
     }
     if (!status.Failed() && (events & (EPOLLHUP | EPOLLRDHUP | EPOLLERR)) != 0) {
-        status = {EPIPE, ""};  // it has left already: nobody needs to hear of it
+        status = {EPIPE, nullptr};  // it has left already: nobody needs to hear of it
     }
     if (!status.Failed()) {
         try {
@@ -276,7 +276,7 @@ void ServiceThread::HearReader(Connection& connection, uint32_t events)
         }
     }
     if (status.Failed()) {
-        CloseConnection(connection.id, status.error == EPIPE ? nullptr : status.cause.c_str());
+        CloseConnection(connection.id, status.error == EPIPE ? nullptr : status.cause);
     }
 }
 

@@ -19,11 +19,11 @@
 #include <vector>
 
 #include "iam.h"
+#include "platform/host/common/Descriptor.h"
 #include "platform/host/common/Mutex.h"
-#include "platform/host/iam/Descriptor.h"
+#include "platform/host/common/Status.h"
 #include "platform/host/iam/ReaderQueue.h"
 #include "platform/host/iam/ResourceService.h"
-#include "platform/host/iam/Status.h"
 
 namespace host_platform::iam {
 

@@ -29,7 +29,7 @@ Status Map(int fd, uint64_t bytes, int protection, Mapping& mapping)
 
 Status CreateSharedMemory(const char* name, uint64_t bytes, Sharing sharing, UniqueFd& fd, Mapping& mapping)
 {
-    fd.Reset(memfd_create(name, MFD_CLOEXEC | MFD_ALLOW_SEALING));
+    fd = AboveStandard(memfd_create(name, MFD_CLOEXEC | MFD_ALLOW_SEALING));
     if (!fd) {
         return {errno, "shared memory cannot be made"};
     }

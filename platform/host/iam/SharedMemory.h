@@ -4,8 +4,8 @@
 
 #include <cstdint>
 
-#include "platform/host/iam/Descriptor.h"
-#include "platform/host/iam/Status.h"
+#include "platform/host/common/Descriptor.h"
+#include "platform/host/common/Status.h"
 
 namespace host_platform::iam {
 

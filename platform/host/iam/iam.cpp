@@ -54,7 +54,10 @@ int Report(const char* action, const char* name, const Status& status)
     if (!status.Failed()) {
         return 0;
     }
-    Log("%s %s failed: %s (%s)", action, name, status.cause.c_str(), strerrordesc_np(status.error));
+    // With the directory, because peers that do not find each other mostly look in different ones.
+    Path directory{};
+    static_cast<void>(NameRuntimeDirectory(directory));  // the beginning of one that is too long
+    Log("%s %s in %s failed: %s (%s)", action, name, directory.text, status.cause, strerrordesc_np(status.error));
     return -status.error;
 }
 
@@ -78,7 +81,7 @@ void EndServicesWithoutPool()
 Status StartServing(ResourceService& service, size_t number)
 {
     auto endpoint = std::make_unique<Endpoint>();
-    const Status created = endpoint->Create(service.Name());
+    const Status created = endpoint->Create(service.Name().c_str());
     if (created.Failed()) {
         return created;
     }
@@ -127,8 +130,7 @@ Status RegisterPool(const IAMShmPoolConfig& config, IAMShmPoolHandle& handle)
 {
     const auto shape = ShapePool(config.size, config.blockCount);
     if (!shape) {
-        return {EINVAL, "a pool has 1 to " + std::to_string(POOL_BLOCKS_MAX) + " blocks of at least " +
-                            std::to_string(BLOCK_ALIGNMENT) + " bytes and at most 1 GiB"};
+        return {EINVAL, "a pool has 1 to 1024 blocks of at least 64 bytes and at most 1 GiB"};
     }
     size_t number = 0;
     ResourceService* const service = ServiceDirectory::Instance().Find(config.fileName, number);
@@ -143,6 +145,8 @@ Status RegisterPool(const IAMShmPoolConfig& config, IAMShmPoolHandle& handle)
     return status;
 }
 
+static_assert(POOL_BLOCKS_MAX == 1024 && BLOCK_ALIGNMENT == 64 && POOL_BYTES_MAX == 1 << 30, "as the cause above says");
+
 Status OpenResource(const char* name, int flags, int& fd)
 {
     if ((flags & O_ACCMODE) == O_WRONLY) {
@@ -156,6 +160,7 @@ Status OpenResource(const char* name, int flags, int& fd)
 }  // namespace
 }  // namespace host_platform::iam
 
+using namespace host_platform;
 using namespace host_platform::iam;
 
 // ---------------------------------------------------------------------------------------------------------------------

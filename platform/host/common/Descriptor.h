@@ -1,7 +1,8 @@
 // Owners of what the kernel hands out: a descriptor, a mapping.
-#ifndef REPORT_EVENT_PLATFORM_HOST_IAM_DESCRIPTOR_H
-#define REPORT_EVENT_PLATFORM_HOST_IAM_DESCRIPTOR_H
+#ifndef REPORT_EVENT_PLATFORM_HOST_COMMON_DESCRIPTOR_H
+#define REPORT_EVENT_PLATFORM_HOST_COMMON_DESCRIPTOR_H
 
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -9,7 +10,7 @@
 #include <cstddef>
 #include <utility>
 
-namespace host_platform::iam {
+namespace host_platform {
 
 // Closes its descriptor when it goes, and leaves errno alone.
 class UniqueFd {
@@ -57,6 +58,15 @@ private:
     int fd_ = -1;
 };
 
+// Takes over a descriptor that was just made and returns it under a number above those of the standard streams: in a
+// process that has closed these, a socket would otherwise become the place where the process writes its messages.
+// Empty, with the cause in errno, when `made` is negative or no such number is free.
+inline UniqueFd AboveStandard(int made)
+{
+    UniqueFd fd(made);
+    return made < 0 || made > STDERR_FILENO ? std::move(fd) : UniqueFd(fcntl(made, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+}
+
 // Unmaps its memory when it goes.
 class Mapping {
 public:
@@ -99,6 +109,6 @@ private:
     size_t size_ = 0;
 };
 
-}  // namespace host_platform::iam
+}  // namespace host_platform
 
-#endif  // REPORT_EVENT_PLATFORM_HOST_IAM_DESCRIPTOR_H
+#endif  // REPORT_EVENT_PLATFORM_HOST_COMMON_DESCRIPTOR_H
