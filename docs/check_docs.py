@@ -323,7 +323,7 @@ def check_result_codes():
 def check_host_platform():
     """Every text of two words or more that the host platform's sources can write stands in its section."""
     section = read(TROUBLESHOOTING).partition("\n## The host platform\n")[2]
-    for path in sorted(ROOT.glob("platform/host/*/*.cpp")):
+    for path in sorted(ROOT.glob("platform/host/**/*.cpp")):
         source = re.sub(r"static_assert\(.*?\);", "", without_comments(path.read_text(encoding="utf-8")), flags=re.S)
         for literals in re.findall(LITERALS, source):
             text = joined(literals).strip()

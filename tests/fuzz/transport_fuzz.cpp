@@ -6,9 +6,9 @@
 #include <deque>
 #include <string>
 
-#include "platform/host/iam/BlockPool.h"
 #include "platform/host/iam/Ring.h"
 #include "platform/host/iam/SharedMemory.h"
+#include "platform/host/iam/service/BlockPool.h"
 #include "tests/fuzz/Require.h"
 
 namespace {

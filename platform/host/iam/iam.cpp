@@ -25,13 +25,13 @@ int __wrap_close(int fd);
 #include <system_error>
 
 #include "platform/host/iam/Endpoint.h"
-#include "platform/host/iam/Handles.h"
 #include "platform/host/iam/Log.h"
 #include "platform/host/iam/ReaderConnection.h"
 #include "platform/host/iam/ReaderTable.h"
-#include "platform/host/iam/ResourceService.h"
 #include "platform/host/iam/RuntimeDirectory.h"
-#include "platform/host/iam/ServiceThread.h"
+#include "platform/host/iam/service/Handles.h"
+#include "platform/host/iam/service/Service.h"
+#include "platform/host/iam/service/ServiceThread.h"
 
 namespace host_platform::iam {
 namespace {
@@ -71,14 +71,14 @@ void EndServicesWithoutPool()
         return;
     }
     for (size_t number = 0; number < SERVICE_LIMIT; ++number) {
-        ResourceService* const service = ServiceDirectory::Instance().At(number);
+        Service* const service = ServiceDirectory::Instance().At(number);
         if (service != nullptr && service->BeginEndWithoutPool(thread.IsCurrentThread())) {
             thread.End(*service);
         }
     }
 }
 
-Status StartServing(ResourceService& service, size_t number)
+Status StartServing(Service& service, size_t number)
 {
     auto endpoint = std::make_unique<Endpoint>();
     const Status created = endpoint->Create(service.Name().c_str());
@@ -107,16 +107,16 @@ Status RegisterService(const std::string& name, const IAMFileOperations& operati
         return {EINVAL, "a resource name has the form <text>:/res/..."};
     }
     size_t number = 0;
-    ResourceService* const service = ServiceDirectory::Instance().FindOrAdd(name, number);
+    Service* const service = ServiceDirectory::Instance().FindOrAdd(name, number);
     if (service == nullptr) {
         return {EMFILE, "this process serves too many names"};
     }
     switch (service->BeginServing(operations)) {
-        case ResourceService::Begin::REPLACED:
+        case Service::Begin::REPLACED:
             return {};
-        case ResourceService::Begin::BUSY:
+        case Service::Begin::BUSY:
             return {EBUSY, "another thread is starting or ending it"};
-        case ResourceService::Begin::STARTED:
+        case Service::Begin::STARTED:
             break;
     }
     const Status status = Guarded([&] { return StartServing(*service, number); });
@@ -133,7 +133,7 @@ Status RegisterPool(const IAMShmPoolConfig& config, IAMShmPoolHandle& handle)
         return {EINVAL, "a pool has 1 to 1024 blocks of at least 64 bytes and at most 1 GiB"};
     }
     size_t number = 0;
-    ResourceService* const service = ServiceDirectory::Instance().Find(config.fileName, number);
+    Service* const service = ServiceDirectory::Instance().Find(config.fileName, number);
     if (service == nullptr) {
         return {ENOENT, "its service is not registered"};
     }
@@ -189,7 +189,7 @@ int IAMShmHandleMalloc(IAMShmPoolHandle* pool, uint32_t size, IAMShmBlockHandle*
         return -EINVAL;
     }
     const PoolName name = PoolOf(*pool);
-    ResourceService* const service = ServiceOf(name);
+    Service* const service = ServiceOf(name);
     if (service == nullptr) {
         return -EBADF;
     }
@@ -206,7 +206,7 @@ int IAMShmWrite(IAMShmBlockHandle* block, const char* data, uint32_t size, uint3
     if (block == nullptr || (data == nullptr && size != 0)) {
         return -EINVAL;
     }
-    ResourceService* const service = ServiceOf(block->opaque);
+    Service* const service = ServiceOf(block->opaque);
     return service != nullptr ? service->Write(BlockOf(block->opaque), data, size, offset) : -EBADF;
 }
 
@@ -217,7 +217,7 @@ int IAMRTDataEnqueue(uint64_t dataHandle, IAMDataPackage* package)
     }
     // Reader, pool and block must be of one service.
     const PoolName name = PoolOf(*package->pool);
-    ResourceService* const service = ServiceOf(name);
+    Service* const service = ServiceOf(name);
     if (service == nullptr || ServiceOf(package->block->opaque) != service) {
         return -EBADF;
     }
@@ -233,7 +233,7 @@ int IAMShmFree(IAMShmPoolHandle* pool, IAMShmBlockHandle* block)
         return -EINVAL;
     }
     const PoolName name = PoolOf(*pool);
-    ResourceService* const service = ServiceOf(name);
+    Service* const service = ServiceOf(name);
     if (service == nullptr || ServiceOf(block->opaque) != service) {
         return -EBADF;
     }
@@ -246,7 +246,7 @@ int IAMShmDestroyPool(IAMShmPoolHandle* pool)
         return -EINVAL;
     }
     const PoolName name = PoolOf(*pool);
-    ResourceService* const service = ServiceOf(name);
+    Service* const service = ServiceOf(name);
     ServiceThread& thread = ServiceThread::Instance();
     if (service == nullptr || !thread.IsInThisProcess()) {
         return -EBADF;
@@ -263,8 +263,7 @@ int IAMShmDestroyPool(IAMShmPoolHandle* pool)
 int IAMHostReaderCount(const char* resource)
 {
     size_t number = 0;
-    const ResourceService* const service =
-        resource != nullptr ? ServiceDirectory::Instance().Find(resource, number) : nullptr;
+    const Service* const service = resource != nullptr ? ServiceDirectory::Instance().Find(resource, number) : nullptr;
     return service != nullptr ? service->ReaderCount() : -1;
 }
 

@@ -4,8 +4,8 @@
 // It starts with the first service and lives as long as the process; nothing of it is ever destroyed. Connections
 // belong to it alone and are not guarded. Nothing it does waits for a reader. A child of fork has no such thread: it
 // must leave by exec or _exit.
-#ifndef REPORT_EVENT_PLATFORM_HOST_IAM_SERVICE_THREAD_H
-#define REPORT_EVENT_PLATFORM_HOST_IAM_SERVICE_THREAD_H
+#ifndef REPORT_EVENT_PLATFORM_HOST_IAM_SERVICE_SERVICE_THREAD_H
+#define REPORT_EVENT_PLATFORM_HOST_IAM_SERVICE_SERVICE_THREAD_H
 
 #include <sys/types.h>
 
@@ -22,8 +22,8 @@
 #include "platform/host/common/Descriptor.h"
 #include "platform/host/common/Mutex.h"
 #include "platform/host/common/Status.h"
-#include "platform/host/iam/ReaderQueue.h"
-#include "platform/host/iam/ResourceService.h"
+#include "platform/host/iam/service/BlockQueue.h"
+#include "platform/host/iam/service/Service.h"
 
 namespace host_platform::iam {
 
@@ -45,7 +45,7 @@ public:
     // Carries out the end that has begun for this service: closes every connection, delivers the close notifications,
     // releases the name. Returns when that is done; at once, with no notification to follow, when called from inside
     // a notification.
-    void End(ResourceService& service) HOST_EXCLUDES(mutex_);
+    void End(Service& service) HOST_EXCLUDES(mutex_);
 
 private:
     using Clock = std::chrono::steady_clock;
@@ -56,12 +56,12 @@ private:
     struct Connection {
         uint64_t id = 0;
         size_t serviceNumber = 0;
-        ResourceService* service = nullptr;
+        Service* service = nullptr;
         UniqueFd socket;
         int pid = 0;
         Stage stage = Stage::AWAIT_HELLO;
-        std::unique_ptr<ReaderQueue> queue;  // until it is attached to the service
-        ReaderKey key{};                     // from then on
+        std::unique_ptr<BlockQueue> queue;  // until it is attached to the service
+        ReaderKey key{};                    // from then on
         std::string label;
         IAMRTFSMgrFile file{};  // what notifications point to; dataHandle is 0 until there was one
     };
@@ -77,7 +77,7 @@ private:
     void Dispatch(uint64_t key, uint32_t events);
 
     void AcceptReaders(size_t serviceNumber);
-    void AddConnection(size_t serviceNumber, ResourceService& service, UniqueFd socket);
+    void AddConnection(size_t serviceNumber, Service& service, UniqueFd socket);
     void PauseListening(size_t serviceNumber, int listener, int error);
     void ResumeListening();
 
@@ -88,7 +88,7 @@ private:
     void DropLateHandshakes();
 
     void FinishEnds();
-    void FinishEnd(ResourceService& service);
+    void FinishEnd(Service& service);
 
     UniqueFd epoll_;  // both are set before the thread starts and stay
     UniqueFd wake_;
@@ -97,7 +97,7 @@ private:
     mutable Mutex mutex_;
     bool started_ HOST_GUARDED_BY(mutex_) = false;
     std::thread::id threadId_ HOST_GUARDED_BY(mutex_);
-    std::vector<ResourceService*> ends_ HOST_GUARDED_BY(mutex_);  // to be carried out
+    std::vector<Service*> ends_ HOST_GUARDED_BY(mutex_);  // to be carried out
 
     // The rest is the thread's own.
     std::unordered_map<uint64_t, std::unique_ptr<Connection>> connections_;
@@ -109,4 +109,4 @@ private:
 
 }  // namespace host_platform::iam
 
-#endif  // REPORT_EVENT_PLATFORM_HOST_IAM_SERVICE_THREAD_H
+#endif  // REPORT_EVENT_PLATFORM_HOST_IAM_SERVICE_SERVICE_THREAD_H

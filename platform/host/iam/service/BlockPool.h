@@ -6,8 +6,8 @@
 // keeping up.
 //
 // Not safe for use by several threads at once: the service's lock guards it.
-#ifndef REPORT_EVENT_PLATFORM_HOST_IAM_BLOCK_POOL_H
-#define REPORT_EVENT_PLATFORM_HOST_IAM_BLOCK_POOL_H
+#ifndef REPORT_EVENT_PLATFORM_HOST_IAM_SERVICE_BLOCK_POOL_H
+#define REPORT_EVENT_PLATFORM_HOST_IAM_SERVICE_BLOCK_POOL_H
 
 #include <cstdint>
 #include <vector>
@@ -84,4 +84,4 @@ private:
 
 }  // namespace host_platform::iam
 
-#endif  // REPORT_EVENT_PLATFORM_HOST_IAM_BLOCK_POOL_H
+#endif  // REPORT_EVENT_PLATFORM_HOST_IAM_SERVICE_BLOCK_POOL_H

@@ -1,14 +1,14 @@
 // How the opaque words of the C interface name things of this process. No handle is all zero, and none ever becomes
 // valid again: a handle that is old, invented or damaged is told from a good one.
-#ifndef REPORT_EVENT_PLATFORM_HOST_IAM_HANDLES_H
-#define REPORT_EVENT_PLATFORM_HOST_IAM_HANDLES_H
+#ifndef REPORT_EVENT_PLATFORM_HOST_IAM_SERVICE_HANDLES_H
+#define REPORT_EVENT_PLATFORM_HOST_IAM_SERVICE_HANDLES_H
 
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 
 #include "iam.h"
-#include "platform/host/iam/ResourceService.h"
+#include "platform/host/iam/service/Service.h"
 
 namespace host_platform::iam {
 
@@ -25,7 +25,7 @@ constexpr uint64_t PackHandle(size_t serviceNumber, uint32_t index, uint64_t use
     return uint64_t{serviceNumber + 1} << SERVICE_SHIFT | uint64_t{index} << INDEX_SHIFT | (use & USE_MASK);
 }
 
-inline ResourceService* ServiceOf(uint64_t handle)
+inline Service* ServiceOf(uint64_t handle)
 {
     return ServiceDirectory::Instance().At((handle >> SERVICE_SHIFT) - 1);  // 0 wraps and finds none
 }
@@ -66,7 +66,7 @@ inline PoolName PoolOf(const IAMShmPoolHandle& handle)
 }
 
 // Null unless the handle was filled by a registration in this process.
-inline ResourceService* ServiceOf(const PoolName& pool)
+inline Service* ServiceOf(const PoolName& pool)
 {
     return pool.mark == POOL_MARK ? ServiceDirectory::Instance().At(pool.serviceNumber) : nullptr;
 }
@@ -80,4 +80,4 @@ inline void FillPoolHandle(size_t serviceNumber, uint64_t generation, IAMShmPool
 
 }  // namespace host_platform::iam
 
-#endif  // REPORT_EVENT_PLATFORM_HOST_IAM_HANDLES_H
+#endif  // REPORT_EVENT_PLATFORM_HOST_IAM_SERVICE_HANDLES_H

@@ -6,8 +6,8 @@
 //
 // The object is made for a name once and lives as long as the process, so that a handle of any age leads to something
 // that can judge it. Handles carry a number that is never used twice.
-#ifndef REPORT_EVENT_PLATFORM_HOST_IAM_RESOURCE_SERVICE_H
-#define REPORT_EVENT_PLATFORM_HOST_IAM_RESOURCE_SERVICE_H
+#ifndef REPORT_EVENT_PLATFORM_HOST_IAM_SERVICE_SERVICE_H
+#define REPORT_EVENT_PLATFORM_HOST_IAM_SERVICE_SERVICE_H
 
 #include <atomic>
 #include <cstddef>
@@ -20,9 +20,9 @@
 #include "iam.h"
 #include "platform/host/common/Mutex.h"
 #include "platform/host/common/Status.h"
-#include "platform/host/iam/BlockPool.h"
 #include "platform/host/iam/Endpoint.h"
-#include "platform/host/iam/ReaderQueue.h"
+#include "platform/host/iam/service/BlockPool.h"
+#include "platform/host/iam/service/BlockQueue.h"
 
 namespace host_platform::iam {
 
@@ -40,9 +40,9 @@ struct ReaderKey {
     uint64_t generation;
 };
 
-class ResourceService {
+class Service {
 public:
-    explicit ResourceService(std::string name) : name_(std::move(name))
+    explicit Service(std::string name) : name_(std::move(name))
     {
     }
 
@@ -88,7 +88,7 @@ public:
     IAMFileOperations Notifications() const HOST_EXCLUDES(mutex_);
 
     // Takes the queue and, if there is a pool, sends it. From here on the reader can be published to.
-    Status Attach(std::unique_ptr<ReaderQueue> queue, ReaderKey& key) HOST_EXCLUDES(mutex_);
+    Status Attach(std::unique_ptr<BlockQueue> queue, ReaderKey& key) HOST_EXCLUDES(mutex_);
     // The reader is the newest one: it counts as the current one until the publisher enqueues to another.
     void MakeCurrent(const ReaderKey& key) HOST_EXCLUDES(mutex_);
     // Takes its blocks back and forgets it. Returns why it had been cut off, or null.
@@ -99,7 +99,7 @@ private:
 
     // A place for a reader; its generation grows with every reader that takes it.
     struct Place {
-        std::unique_ptr<ReaderQueue> queue;
+        std::unique_ptr<BlockQueue> queue;
         uint64_t generation = 0;
         bool announced = false;  // its open notification has returned
     };
@@ -107,7 +107,7 @@ private:
     bool IsEnding() const HOST_EXCLUDES(mutex_);
     bool BeginEndLocked(bool quiet) HOST_REQUIRES(mutex_);
     bool HasPool(uint64_t generation) const HOST_REQUIRES(mutex_);
-    ReaderQueue* Find(const ReaderKey& key) const HOST_REQUIRES(mutex_);
+    BlockQueue* Find(const ReaderKey& key) const HOST_REQUIRES(mutex_);
     void Replenish() HOST_REQUIRES(mutex_);
 
     const std::string name_;
@@ -138,10 +138,10 @@ public:
     constexpr ServiceDirectory() = default;
 
     // Null when there is no room for another name. Throws std::bad_alloc.
-    ResourceService* FindOrAdd(const std::string& name, size_t& number);
-    ResourceService* Find(std::string_view name, size_t& number) const;
+    Service* FindOrAdd(const std::string& name, size_t& number);
+    Service* Find(std::string_view name, size_t& number) const;
     // Null when no service has this number. Wait-free: every published record passes here.
-    ResourceService* At(size_t number) const
+    Service* At(size_t number) const
     {
         // Acquire: the object behind the pointer is complete.
         return number < SERVICE_LIMIT ? services_[number].load(std::memory_order_acquire) : nullptr;
@@ -149,7 +149,7 @@ public:
 
 private:
     Mutex additions_;
-    std::atomic<ResourceService*> services_[SERVICE_LIMIT] = {};
+    std::atomic<Service*> services_[SERVICE_LIMIT] = {};
 };
 
 extern ServiceDirectory serviceDirectory;
@@ -161,4 +161,4 @@ inline ServiceDirectory& ServiceDirectory::Instance()
 
 }  // namespace host_platform::iam
 
-#endif  // REPORT_EVENT_PLATFORM_HOST_IAM_RESOURCE_SERVICE_H
+#endif  // REPORT_EVENT_PLATFORM_HOST_IAM_SERVICE_SERVICE_H

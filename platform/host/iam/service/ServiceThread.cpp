@@ -1,4 +1,4 @@
-#include "platform/host/iam/ServiceThread.h"
+#include "platform/host/iam/service/ServiceThread.h"
 
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
@@ -12,9 +12,9 @@
 #include <new>
 #include <utility>
 
-#include "platform/host/iam/Handles.h"
 #include "platform/host/iam/Log.h"
 #include "platform/host/iam/Messages.h"
+#include "platform/host/iam/service/Handles.h"
 
 namespace host_platform::iam {
 namespace {
@@ -114,7 +114,7 @@ bool ServiceThread::IsInThisProcess() const
     return process_ == getpid();
 }
 
-void ServiceThread::End(ResourceService& service)
+void ServiceThread::End(Service& service)
 {
     bool inside = false;
     {
@@ -186,7 +186,7 @@ void ServiceThread::Dispatch(uint64_t key, uint32_t events)
 
 void ServiceThread::AcceptReaders(size_t serviceNumber)
 {
-    ResourceService* const service = ServiceDirectory::Instance().At(serviceNumber);
+    Service* const service = ServiceDirectory::Instance().At(serviceNumber);
     const int listener = service->Listener();  // stays open: only this thread ends a service
     for (int i = 0; i < ACCEPTS_AT_ONCE && listener >= 0; ++i) {
         UniqueFd socket = AboveStandard(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
@@ -206,7 +206,7 @@ void ServiceThread::AcceptReaders(size_t serviceNumber)
     }
 }
 
-void ServiceThread::AddConnection(size_t serviceNumber, ResourceService& service, UniqueFd socket)
+void ServiceThread::AddConnection(size_t serviceNumber, Service& service, UniqueFd socket)
 {
     auto connection = std::make_unique<Connection>();
     Status status = CheckPeerUser(socket.Get(), &connection->pid);
@@ -283,7 +283,7 @@ void ServiceThread::HearReader(Connection& connection, uint32_t events)
 Status ServiceThread::Advance(Connection& connection, MessageType type)
 {
     if (connection.stage == Stage::AWAIT_HELLO && type == MessageType::HELLO) {
-        connection.queue = std::make_unique<ReaderQueue>(connection.socket.Get());
+        connection.queue = std::make_unique<BlockQueue>(connection.socket.Get());
         connection.stage = Stage::AWAIT_READY;
         return connection.queue->Offer();
     }
@@ -357,17 +357,17 @@ void ServiceThread::DropLateHandshakes()
 
 void ServiceThread::FinishEnds()
 {
-    std::vector<ResourceService*> ends;
+    std::vector<Service*> ends;
     {
         const MutexLock lock(mutex_);
         ends.swap(ends_);
     }
-    for (ResourceService* const service : ends) {
+    for (Service* const service : ends) {
         FinishEnd(*service);
     }
 }
 
-void ServiceThread::FinishEnd(ResourceService& service)
+void ServiceThread::FinishEnd(Service& service)
 {
     std::vector<uint64_t> ids;
     for (const auto& entry : connections_) {

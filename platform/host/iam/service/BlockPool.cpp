@@ -1,4 +1,4 @@
-#include "platform/host/iam/BlockPool.h"
+#include "platform/host/iam/service/BlockPool.h"
 
 #include <cstring>
 

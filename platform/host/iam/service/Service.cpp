@@ -1,4 +1,4 @@
-#include "platform/host/iam/ResourceService.h"
+#include "platform/host/iam/service/Service.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -21,7 +21,7 @@ constexpr uint64_t SEQUENCE_LIMIT = uint64_t{1} << 40;
 // ---------------------------------------------------------------------------------------------------------------------
 // Life
 
-ResourceService::Begin ResourceService::BeginServing(const IAMFileOperations& operations)
+Service::Begin Service::BeginServing(const IAMFileOperations& operations)
 {
     const MutexLock lock(mutex_);
     if (life_ == Life::STARTING || life_ == Life::ENDING) {
@@ -35,7 +35,7 @@ ResourceService::Begin ResourceService::BeginServing(const IAMFileOperations& op
     return Begin::STARTED;
 }
 
-void ResourceService::FinishStart(std::unique_ptr<Endpoint> endpoint)
+void Service::FinishStart(std::unique_ptr<Endpoint> endpoint)
 {
     const MutexLock lock(mutex_);
     life_ = endpoint != nullptr ? Life::SERVING : Life::IDLE;
@@ -43,25 +43,25 @@ void ResourceService::FinishStart(std::unique_ptr<Endpoint> endpoint)
     endpoint_ = std::move(endpoint);
 }
 
-bool ResourceService::BeginEnd(bool quiet)
+bool Service::BeginEnd(bool quiet)
 {
     const MutexLock lock(mutex_);
     return BeginEndLocked(quiet);
 }
 
-bool ResourceService::BeginEndOfPool(uint64_t poolGeneration, bool quiet)
+bool Service::BeginEndOfPool(uint64_t poolGeneration, bool quiet)
 {
     const MutexLock lock(mutex_);
     return HasPool(poolGeneration) && BeginEndLocked(quiet);
 }
 
-bool ResourceService::BeginEndWithoutPool(bool quiet)
+bool Service::BeginEndWithoutPool(bool quiet)
 {
     const MutexLock lock(mutex_);
     return pool_ == nullptr && BeginEndLocked(quiet);
 }
 
-bool ResourceService::BeginEndLocked(bool quiet)
+bool Service::BeginEndLocked(bool quiet)
 {
     if (life_ != Life::SERVING) {
         return false;
@@ -71,7 +71,7 @@ bool ResourceService::BeginEndLocked(bool quiet)
     return true;
 }
 
-void ResourceService::FinishEnd()
+void Service::FinishEnd()
 {
     std::unique_ptr<Endpoint> endpoint;
     std::unique_ptr<BlockPool> pool;
@@ -90,7 +90,7 @@ void ResourceService::FinishEnd()
     ended_.NotifyAll();
 }
 
-void ResourceService::WaitForEnd()
+void Service::WaitForEnd()
 {
     const MutexLock lock(endMutex_);
     while (IsEnding()) {
@@ -98,7 +98,7 @@ void ResourceService::WaitForEnd()
     }
 }
 
-bool ResourceService::IsEnding() const
+bool Service::IsEnding() const
 {
     const MutexLock lock(mutex_);
     return life_ == Life::ENDING;
@@ -107,7 +107,7 @@ bool ResourceService::IsEnding() const
 // ---------------------------------------------------------------------------------------------------------------------
 // The publisher's side
 
-Status ResourceService::RegisterPool(const PoolShape& shape, uint64_t& poolGeneration)
+Status Service::RegisterPool(const PoolShape& shape, uint64_t& poolGeneration)
 {
     {
         const MutexLock lock(mutex_);
@@ -145,7 +145,7 @@ Status ResourceService::RegisterPool(const PoolShape& shape, uint64_t& poolGener
     return {};
 }
 
-int ResourceService::Allocate(uint64_t poolGeneration, uint32_t size, BlockKey& key)
+int Service::Allocate(uint64_t poolGeneration, uint32_t size, BlockKey& key)
 {
     const MutexLock lock(mutex_);
     if (!HasPool(poolGeneration)) {
@@ -166,7 +166,7 @@ int ResourceService::Allocate(uint64_t poolGeneration, uint32_t size, BlockKey& 
     return 0;
 }
 
-int ResourceService::Write(const BlockKey& key, const void* data, uint32_t size, uint32_t offset)
+int Service::Write(const BlockKey& key, const void* data, uint32_t size, uint32_t offset)
 {
     const MutexLock lock(mutex_);
     if (pool_ == nullptr || !pool_->IsAllocated(key.block, key.sequence)) {
@@ -175,13 +175,13 @@ int ResourceService::Write(const BlockKey& key, const void* data, uint32_t size,
     return pool_->Write(key.block, data, size, offset) ? 0 : -EMSGSIZE;
 }
 
-int ResourceService::Enqueue(const ReaderKey& reader, uint64_t poolGeneration, const BlockKey& key)
+int Service::Enqueue(const ReaderKey& reader, uint64_t poolGeneration, const BlockKey& key)
 {
     const MutexLock lock(mutex_);
     if (!HasPool(poolGeneration) || !pool_->IsAllocated(key.block, key.sequence)) {
         return -EBADF;
     }
-    ReaderQueue* const queue = Find(reader);
+    BlockQueue* const queue = Find(reader);
     if (queue == nullptr) {
         return -ENOTCONN;
     }
@@ -193,7 +193,7 @@ int ResourceService::Enqueue(const ReaderKey& reader, uint64_t poolGeneration, c
     return 0;
 }
 
-int ResourceService::Free(uint64_t poolGeneration, const BlockKey& key)
+int Service::Free(uint64_t poolGeneration, const BlockKey& key)
 {
     const MutexLock lock(mutex_);
     if (!HasPool(poolGeneration) || !pool_->IsAllocated(key.block, key.sequence)) {
@@ -203,10 +203,10 @@ int ResourceService::Free(uint64_t poolGeneration, const BlockKey& key)
     return 0;
 }
 
-void ResourceService::Replenish()
+void Service::Replenish()
 {
     bytesQueued_ = 0;
-    ReaderQueue* const current = Find(current_);
+    BlockQueue* const current = Find(current_);
     if (current != nullptr) {
         current->TakeBackConsumed(*pool_);
     }
@@ -233,7 +233,7 @@ void ResourceService::Replenish()
 // ---------------------------------------------------------------------------------------------------------------------
 // The service thread's side
 
-int ResourceService::ReaderCount() const
+int Service::ReaderCount() const
 {
     const MutexLock lock(mutex_);
     if (life_ != Life::SERVING) {
@@ -243,19 +243,19 @@ int ResourceService::ReaderCount() const
     return static_cast<int>(std::count_if(readers_.begin(), readers_.end(), announced));
 }
 
-int ResourceService::Listener() const
+int Service::Listener() const
 {
     const MutexLock lock(mutex_);
     return endpoint_ != nullptr ? endpoint_->Listener() : -1;
 }
 
-IAMFileOperations ResourceService::Notifications() const
+IAMFileOperations Service::Notifications() const
 {
     const MutexLock lock(mutex_);
     return quiet_ ? IAMFileOperations{} : operations_;
 }
 
-Status ResourceService::Attach(std::unique_ptr<ReaderQueue> queue, ReaderKey& key)
+Status Service::Attach(std::unique_ptr<BlockQueue> queue, ReaderKey& key)
 {
     const MutexLock lock(mutex_);
     if (life_ != Life::SERVING) {
@@ -282,16 +282,16 @@ Status ResourceService::Attach(std::unique_ptr<ReaderQueue> queue, ReaderKey& ke
     return {};
 }
 
-void ResourceService::MakeCurrent(const ReaderKey& key)
+void Service::MakeCurrent(const ReaderKey& key)
 {
     const MutexLock lock(mutex_);
     current_ = key;
     readers_[key.index].announced = true;
 }
 
-const char* ResourceService::Detach(const ReaderKey& key)
+const char* Service::Detach(const ReaderKey& key)
 {
-    std::unique_ptr<ReaderQueue> queue;
+    std::unique_ptr<BlockQueue> queue;
     const MutexLock lock(mutex_);
     if (Find(key) == nullptr) {
         return nullptr;
@@ -306,12 +306,12 @@ const char* ResourceService::Detach(const ReaderKey& key)
     return cause;
 }
 
-bool ResourceService::HasPool(uint64_t generation) const
+bool Service::HasPool(uint64_t generation) const
 {
     return life_ == Life::SERVING && pool_ != nullptr && generation == poolGeneration_;
 }
 
-ReaderQueue* ResourceService::Find(const ReaderKey& key) const
+BlockQueue* Service::Find(const ReaderKey& key) const
 {
     if (key.index >= readers_.size() || readers_[key.index].generation != key.generation) {
         return nullptr;
@@ -325,10 +325,10 @@ ReaderQueue* ResourceService::Find(const ReaderKey& key) const
 ServiceDirectory serviceDirectory;
 static_assert(std::is_trivially_destructible_v<ServiceDirectory>, "it is used until the process is gone");
 
-ResourceService* ServiceDirectory::Find(std::string_view name, size_t& number) const
+Service* ServiceDirectory::Find(std::string_view name, size_t& number) const
 {
     for (number = 0; number < SERVICE_LIMIT; ++number) {
-        ResourceService* const service = At(number);
+        Service* const service = At(number);
         if (service == nullptr || service->Name() == name) {
             return service;
         }
@@ -336,12 +336,12 @@ ResourceService* ServiceDirectory::Find(std::string_view name, size_t& number) c
     return nullptr;
 }
 
-ResourceService* ServiceDirectory::FindOrAdd(const std::string& name, size_t& number)
+Service* ServiceDirectory::FindOrAdd(const std::string& name, size_t& number)
 {
     const MutexLock lock(additions_);
-    ResourceService* service = Find(name, number);
+    Service* service = Find(name, number);
     if (service == nullptr && number < SERVICE_LIMIT) {
-        service = new ResourceService(name);
+        service = new Service(name);
         services_[number].store(service, std::memory_order_release);  // complete before anyone finds it
     }
     return service;

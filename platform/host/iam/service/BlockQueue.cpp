@@ -1,4 +1,4 @@
-#include "platform/host/iam/ReaderQueue.h"
+#include "platform/host/iam/service/BlockQueue.h"
 
 #include <sys/socket.h>
 
@@ -9,7 +9,7 @@
 
 namespace host_platform::iam {
 
-Status ReaderQueue::Offer()
+Status BlockQueue::Offer()
 {
     Status status = bell_.Create();
     if (status.Failed()) {
@@ -29,7 +29,7 @@ Status ReaderQueue::Offer()
     return SendMessage(socket_, message, {memoryFd.Get(), bell_.ReaderEnd()});
 }
 
-Status ReaderQueue::SendPool(const BlockPool& pool) const
+Status BlockQueue::SendPool(const BlockPool& pool) const
 {
     Message message;
     message.type = static_cast<uint16_t>(MessageType::POOL);
@@ -39,7 +39,7 @@ Status ReaderQueue::SendPool(const BlockPool& pool) const
     return SendMessage(socket_, message, {pool.Fd()});
 }
 
-uint32_t ReaderQueue::Append(uint32_t block, BlockPool& pool)
+uint32_t BlockQueue::Append(uint32_t block, BlockPool& pool)
 {
     const uint32_t length = pool.Queue(block, blocks_);
     if (ring_.Append(block, length)) {
@@ -48,7 +48,7 @@ uint32_t ReaderQueue::Append(uint32_t block, BlockPool& pool)
     return length;
 }
 
-void ReaderQueue::TakeBackConsumed(BlockPool& pool)
+void BlockQueue::TakeBackConsumed(BlockPool& pool)
 {
     const uint64_t consumed = ring_.ClaimedConsumed();
     if (!CountIsSound(consumed, takenBack_, blocks_.count)) {
@@ -59,7 +59,7 @@ void ReaderQueue::TakeBackConsumed(BlockPool& pool)
     takenBack_ = consumed;
 }
 
-void ReaderQueue::CutOff(BlockPool* pool, const char* cause)
+void BlockQueue::CutOff(BlockPool* pool, const char* cause)
 {
     if (cutOffCause_ != nullptr) {
         return;

@@ -1,22 +1,22 @@
 // What the service keeps for one connected reader: its ring, its bell, and which blocks are in its queue.
 //
 // Not safe for use by several threads at once: the service's lock guards it once it is attached.
-#ifndef REPORT_EVENT_PLATFORM_HOST_IAM_READER_QUEUE_H
-#define REPORT_EVENT_PLATFORM_HOST_IAM_READER_QUEUE_H
+#ifndef REPORT_EVENT_PLATFORM_HOST_IAM_SERVICE_BLOCK_QUEUE_H
+#define REPORT_EVENT_PLATFORM_HOST_IAM_SERVICE_BLOCK_QUEUE_H
 
 #include <cstdint>
 
 #include "platform/host/common/Status.h"
-#include "platform/host/iam/BlockPool.h"
 #include "platform/host/iam/Doorbell.h"
 #include "platform/host/iam/Ring.h"
+#include "platform/host/iam/service/BlockPool.h"
 
 namespace host_platform::iam {
 
-class ReaderQueue {
+class BlockQueue {
 public:
     // `socket` belongs to the connection, which outlives the time that this queue is attached to the service.
-    explicit ReaderQueue(int socket) : socket_(socket)
+    explicit BlockQueue(int socket) : socket_(socket)
     {
     }
 
@@ -56,4 +56,4 @@ private:
 
 }  // namespace host_platform::iam
 
-#endif  // REPORT_EVENT_PLATFORM_HOST_IAM_READER_QUEUE_H
+#endif  // REPORT_EVENT_PLATFORM_HOST_IAM_SERVICE_BLOCK_QUEUE_H
