@@ -2,12 +2,18 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/inotify.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
+
+#ifndef SO_PASSRIGHTS
+#define SO_PASSRIGHTS 83
+#endif
 
 namespace host_platform::iam {
 namespace {
@@ -15,16 +21,26 @@ namespace {
 constexpr int BACKLOG = 128;
 constexpr int LOCK_ATTEMPTS = 16;
 
+UniqueFd MakeSocket()
+{
+    return AboveStandard(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+}
+
+template <typename Call>
+int WithAddress(Call call, const UniqueFd& socket, const Path& path)
+{
+    const sockaddr_un address = AddressOf(path);
+    return call(socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
+}
+
 }  // namespace
 
 Endpoint::~Endpoint()
 {
-    // Someone may have emptied the directory, and another process may serve the name by now: only what is still ours
-    // is removed.
+    if (listener_ && SocketIsOurs()) {
+        unlink(socketPath_.text);
+    }
     if (lock_ && LockFileIsOurs()) {
-        if (listener_) {
-            unlink(socketPath_.text);
-        }
         unlink(lockPath_);
     }
 }
@@ -38,6 +54,9 @@ Status Endpoint::Create(const char* resource)
     // No socket has this name: a '.' of a resource's name is encoded.
     snprintf(lockPath_, sizeof lockPath_, "%s.lock", socketPath_.text);
     status = TakeLock();
+    if (!status.Failed()) {
+        status = ClearPlace();
+    }
     return status.Failed() ? status : Listen();
 }
 
@@ -73,24 +92,79 @@ bool Endpoint::LockFileIsOurs() const
            held.st_dev == named.st_dev;
 }
 
-Status Endpoint::Listen()
+bool Endpoint::SocketIsOurs() const
 {
-    UniqueFd listener = AboveStandard(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (!listener) {
+    struct stat named = {};
+    return lstat(socketPath_.text, &named) == 0 && named.st_ino == inode_ && named.st_dev == device_;
+}
+
+// Makes room for the socket: removes one that nobody listens on, and nothing else.
+Status Endpoint::ClearPlace() const
+{
+    struct stat status = {};
+    if (lstat(socketPath_.text, &status) != 0) {
+        return errno == ENOENT ? Status{} : Status{errno, "what is in its place is not known"};
+    }
+    const UniqueFd probe = MakeSocket();
+    if (!probe) {
         return {errno, "a socket cannot be made"};
+    }
+    const int connected = S_ISSOCK(status.st_mode) ? WithAddress(connect, probe, socketPath_) : -1;
+    if (!S_ISSOCK(status.st_mode) || (connected != 0 && errno == EPROTOTYPE)) {
+        return {EEXIST, "a foreign file is in its place"};
+    }
+    if (connected == 0 || errno == EAGAIN) {  // EAGAIN: so many wait for it that it has no room for this one
+        return {EBUSY, "another process serves it"};
+    }
+    if (errno != ECONNREFUSED) {
+        return {errno, "the socket in its place cannot be asked"};
     }
     if (unlink(socketPath_.text) != 0 && errno != ENOENT) {
         return {errno, "the socket left by a dead process cannot be removed"};
     }
-    const sockaddr_un address = AddressOf(socketPath_);
-    if (bind(listener.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+    return {};
+}
+
+Status Endpoint::Listen()
+{
+    UniqueFd listener = MakeSocket();
+    if (!listener) {
+        return {errno, "a socket cannot be made"};
+    }
+    // Nobody passes a descriptor to the service: one that takes long to be closed would hold up its thread. Readers
+    // inherit this. A kernel that does not know it has it not, and the service is as good as before.
+    const int off = 0;
+    setsockopt(listener.Get(), SOL_SOCKET, SO_PASSRIGHTS, &off, sizeof off);
+    if (WithAddress(bind, listener, socketPath_) != 0) {
         return {errno, "its socket cannot be bound"};
     }
+    struct stat status = {};
+    if (lstat(socketPath_.text, &status) != 0) {
+        return {errno, "its socket has disappeared"};
+    }
+    device_ = status.st_dev;
+    inode_ = status.st_ino;
     listener_ = std::move(listener);  // from here on the socket's file is ours to remove
     if (listen(listener_.Get(), BACKLOG) != 0) {
         return {errno, "its socket does not listen"};
     }
     return {};
+}
+
+void Endpoint::Watch(int notice) const
+{
+    constexpr uint32_t REMOVED = IN_DELETE_SELF | IN_MOVE_SELF | IN_DONT_FOLLOW;
+    Path directory = socketPath_;
+    *strrchr(directory.text, '/') = '\0';
+    inotify_add_watch(notice, directory.text, REMOVED);
+    // A file that somebody holds open has only its attributes changed when its name goes.
+    inotify_add_watch(notice, socketPath_.text, REMOVED | IN_ATTRIB);
+    inotify_add_watch(notice, lockPath_, REMOVED | IN_ATTRIB);
+}
+
+bool Endpoint::IsGone() const
+{
+    return !SocketIsOurs() || !LockFileIsOurs();
 }
 
 }  // namespace host_platform::iam
