@@ -276,7 +276,8 @@ TEST_F(HostileServiceTest, AReadFailsOnWhatMakesNoSenseAndNeverLeavesThePool)
     for (const char* const said : {"#b", "-b", "J", "P2", "R10", "C"}) {
         EXPECT_EQ("!EPROTO", Heard(opened + said)) << said;
     }
-    for (const char* const said : {"X", "N", "V+b"}) {
+    EXPECT_EQ("!ESTALE", Heard(opened + "V+b"));
+    for (const char* const said : {"X", "N"}) {
         EXPECT_EQ("!EPIPE", Heard(opened + said)) << said;
     }
     // What was queued before the hang-up is delivered, also when the reader hears of the hang-up first.

@@ -182,7 +182,7 @@ int64_t ReaderConnection::ReadAlone(void* buffer, size_t length)
                 break;
         }
         if (nothingMore) {
-            return -EPIPE;
+            return ring_.RevokedMeanwhile() ? -ESTALE : -EPIPE;
         }
         const int error = Sleep();
         if (error != 0) {
@@ -205,7 +205,7 @@ int64_t ReaderConnection::Deliver(void* buffer, size_t length)
     }
     const auto place = LocateRecord(ring_.Front(), poolShape_);
     if (!place) {
-        return ring_.RevokedMeanwhile() ? -EPIPE : -Broken("an entry of its ring makes no sense");
+        return ring_.RevokedMeanwhile() ? -ESTALE : -Broken("an entry of its ring makes no sense");
     }
     if (place->length > length) {
         return -EMSGSIZE;
@@ -217,7 +217,7 @@ int64_t ReaderConnection::Deliver(void* buffer, size_t length)
     // The service takes blocks back when this connection ends, by a close on this side or a cut on its own. Both leave
     // their mark before the first byte of another record is written: whoever copied such a byte finds the mark.
     if (ring_.RevokedMeanwhile()) {
-        return Closed() ? -EBADF : -EPIPE;
+        return Closed() ? -EBADF : -ESTALE;
     }
     if (Closed()) {
         return -EBADF;

@@ -29,7 +29,8 @@ public:
 
     // Returns the length of the record, or a negative errno value:
     //   EBADF     closed meanwhile, by whichever thread
-    //   EPIPE     the service has hung up; what it had queued was delivered first, unless the service took it back
+    //   EPIPE     the service has ended; what it had queued was delivered first
+    //   ESTALE    the service lives and has cut this reader off
     //   EMSGSIZE  the record does not fit; it stays the next one
     //   EPROTO    the ring, the pool or a message makes no sense; this connection is of no more use
     //   EBUSY     another thread is reading

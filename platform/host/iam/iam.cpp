@@ -24,14 +24,12 @@ int __wrap_close(int fd);
 #include <string>
 #include <system_error>
 
-#include "platform/host/iam/Endpoint.h"
 #include "platform/host/iam/Log.h"
 #include "platform/host/iam/ReaderConnection.h"
 #include "platform/host/iam/ReaderTable.h"
 #include "platform/host/iam/RuntimeDirectory.h"
 #include "platform/host/iam/service/Handles.h"
 #include "platform/host/iam/service/Service.h"
-#include "platform/host/iam/service/ServiceThread.h"
 
 namespace host_platform::iam {
 namespace {
@@ -61,90 +59,19 @@ int Report(const char* action, const char* name, const Status& status)
     return -status.error;
 }
 
-// A service whose pool is destroyed ends with it. One that never got a pool is not destroyed by anyone, and its
-// notifications must not find their receiver half torn down. This handler runs before the destructors of everything
-// that was complete when the first service was registered.
-void EndServicesWithoutPool()
-{
-    ServiceThread& thread = ServiceThread::Instance();
-    if (!thread.IsInThisProcess()) {
-        return;
-    }
-    for (size_t number = 0; number < SERVICE_LIMIT; ++number) {
-        Service* const service = ServiceDirectory::Instance().At(number);
-        if (service != nullptr && service->BeginEndWithoutPool(thread.IsCurrentThread())) {
-            thread.End(*service);
-        }
-    }
-}
-
-Status StartServing(Service& service, size_t number)
-{
-    auto endpoint = std::make_unique<Endpoint>();
-    const Status created = endpoint->Create(service.Name().c_str());
-    if (created.Failed()) {
-        return created;
-    }
-    ServiceThread& thread = ServiceThread::Instance();
-    const Status started = thread.Start();
-    if (started.Failed()) {
-        return started;
-    }
-    static const int atExit = std::atexit(EndServicesWithoutPool);
-    if (atExit != 0) {
-        return {ENOMEM, "no exit handler can be registered"};
-    }
-    const Status watched = thread.Watch(number, endpoint->Listener());
-    if (!watched.Failed()) {
-        service.FinishStart(std::move(endpoint));
-    }
-    return watched;
-}
-
-Status RegisterService(const std::string& name, const IAMFileOperations& operations)
-{
-    if (!IsResourceName(name.c_str())) {
-        return {EINVAL, "a resource name has the form <text>:/res/..."};
-    }
-    size_t number = 0;
-    Service* const service = ServiceDirectory::Instance().FindOrAdd(name, number);
-    if (service == nullptr) {
-        return {EMFILE, "this process serves too many names"};
-    }
-    switch (service->BeginServing(operations)) {
-        case Service::Begin::REPLACED:
-            return {};
-        case Service::Begin::BUSY:
-            return {EBUSY, "another thread is starting or ending it"};
-        case Service::Begin::STARTED:
-            break;
-    }
-    const Status status = Guarded([&] { return StartServing(*service, number); });
-    if (status.Failed()) {
-        service->FinishStart(nullptr);
-    }
-    return status;
-}
-
 Status RegisterPool(const IAMShmPoolConfig& config, IAMShmPoolHandle& handle)
 {
     const auto shape = ShapePool(config.size, config.blockCount);
     if (!shape) {
         return {EINVAL, "a pool has 1 to 1024 blocks of at least 64 bytes and at most 1 GiB"};
     }
-    size_t number = 0;
-    Service* const service = ServiceDirectory::Instance().Find(config.fileName, number);
-    if (service == nullptr) {
-        return {ENOENT, "its service is not registered"};
-    }
     uint64_t generation = 0;
-    const Status status = service->RegisterPool(*shape, generation);
+    const Status status = Service::Instance().RegisterPool(config.fileName, *shape, generation);
     if (!status.Failed()) {
-        FillPoolHandle(number, generation, handle);
+        FillPoolHandle(generation, handle);
     }
     return status;
 }
-
 static_assert(POOL_BLOCKS_MAX == 1024 && BLOCK_ALIGNMENT == 64 && POOL_BYTES_MAX == 1 << 30, "as the cause above says");
 
 Status OpenResource(const char* name, int flags, int& fd)
@@ -172,7 +99,7 @@ int IAMRegisterRTService(IAMRTServiceRecord* record)
         return -EINVAL;
     }
     return Report("registering", record->serviceName,
-                  Guarded([&] { return RegisterService(record->serviceName, *record->operations); }));
+                  Guarded([&] { return Service::Instance().Serve(record->serviceName, *record->operations); }));
 }
 
 int IAMShmRegisterPoolWithConfig(IAMShmPoolConfig* config, IAMShmPoolHandle* pool)
@@ -188,17 +115,7 @@ int IAMShmHandleMalloc(IAMShmPoolHandle* pool, uint32_t size, IAMShmBlockHandle*
     if (pool == nullptr || block == nullptr) {
         return -EINVAL;
     }
-    const PoolName name = PoolOf(*pool);
-    Service* const service = ServiceOf(name);
-    if (service == nullptr) {
-        return -EBADF;
-    }
-    BlockKey key{};
-    const int result = service->Allocate(name.generation, size, key);
-    if (result == 0) {
-        block->opaque = BlockHandle(name.serviceNumber, key);
-    }
-    return result;
+    return Service::Instance().Allocate(PoolGenerationOf(*pool), size, block->opaque);
 }
 
 int IAMShmWrite(IAMShmBlockHandle* block, const char* data, uint32_t size, uint32_t offset)
@@ -206,8 +123,7 @@ int IAMShmWrite(IAMShmBlockHandle* block, const char* data, uint32_t size, uint3
     if (block == nullptr || (data == nullptr && size != 0)) {
         return -EINVAL;
     }
-    Service* const service = ServiceOf(block->opaque);
-    return service != nullptr ? service->Write(BlockOf(block->opaque), data, size, offset) : -EBADF;
+    return Service::Instance().Write(block->opaque, data, size, offset);
 }
 
 int IAMRTDataEnqueue(uint64_t dataHandle, IAMDataPackage* package)
@@ -215,16 +131,7 @@ int IAMRTDataEnqueue(uint64_t dataHandle, IAMDataPackage* package)
     if (package == nullptr || package->pool == nullptr || package->block == nullptr || package->count != 1) {
         return -EINVAL;
     }
-    // Reader, pool and block must be of one service.
-    const PoolName name = PoolOf(*package->pool);
-    Service* const service = ServiceOf(name);
-    if (service == nullptr || ServiceOf(package->block->opaque) != service) {
-        return -EBADF;
-    }
-    if (ServiceOf(dataHandle) != service) {
-        return -ENOTCONN;
-    }
-    return service->Enqueue(ReaderOf(dataHandle), name.generation, BlockOf(package->block->opaque));
+    return Service::Instance().Enqueue(dataHandle, PoolGenerationOf(*package->pool), package->block->opaque);
 }
 
 int IAMShmFree(IAMShmPoolHandle* pool, IAMShmBlockHandle* block)
@@ -232,12 +139,7 @@ int IAMShmFree(IAMShmPoolHandle* pool, IAMShmBlockHandle* block)
     if (pool == nullptr || block == nullptr) {
         return -EINVAL;
     }
-    const PoolName name = PoolOf(*pool);
-    Service* const service = ServiceOf(name);
-    if (service == nullptr || ServiceOf(block->opaque) != service) {
-        return -EBADF;
-    }
-    return service->Free(name.generation, BlockOf(block->opaque));
+    return Service::Instance().Free(PoolGenerationOf(*pool), block->opaque);
 }
 
 int IAMShmDestroyPool(IAMShmPoolHandle* pool)
@@ -245,26 +147,12 @@ int IAMShmDestroyPool(IAMShmPoolHandle* pool)
     if (pool == nullptr) {
         return -EINVAL;
     }
-    const PoolName name = PoolOf(*pool);
-    Service* const service = ServiceOf(name);
-    ServiceThread& thread = ServiceThread::Instance();
-    if (service == nullptr || !thread.IsInThisProcess()) {
-        return -EBADF;
-    }
-    if (!service->BeginEndOfPool(name.generation, thread.IsCurrentThread())) {
-        return -EBADF;
-    }
-    return Report("destroying the pool of", service->Name().c_str(), Guarded([&] {
-                      thread.End(*service);
-                      return Status{};
-                  }));
+    return Service::Instance().End(PoolGenerationOf(*pool));
 }
 
 int IAMHostReaderCount(const char* resource)
 {
-    size_t number = 0;
-    const Service* const service = resource != nullptr ? ServiceDirectory::Instance().Find(resource, number) : nullptr;
-    return service != nullptr ? service->ReaderCount() : -1;
+    return resource != nullptr ? Service::Instance().ReaderCount(resource) : -1;
 }
 
 // ---------------------------------------------------------------------------------------------------------------------

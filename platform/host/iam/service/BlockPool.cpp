@@ -1,6 +1,8 @@
 #include "platform/host/iam/service/BlockPool.h"
 
+#include <cerrno>
 #include <cstring>
+#include <new>
 
 #include "platform/host/iam/Prefetch.h"
 #include "platform/host/iam/SharedMemory.h"
@@ -9,32 +11,34 @@ namespace host_platform::iam {
 
 Status BlockPool::Create(const PoolShape& shape)
 {
-    records_.resize(shape.blockCount);
-    free_.reserve(shape.blockCount);
+    records_.reset(new (std::nothrow) Record[shape.blockCount]);
+    free_.reset(new (std::nothrow) uint16_t[shape.blockCount]);
+    if (records_ == nullptr || free_ == nullptr) {
+        return {ENOMEM, "out of memory"};
+    }
     for (uint32_t block = shape.blockCount; block > 0; --block) {
-        free_.push_back(static_cast<uint16_t>(block - 1));
+        free_[freeCount_++] = static_cast<uint16_t>(block - 1);
     }
     shape_ = shape;
     return CreateSharedMemory("iam-pool", shape.bytes, Sharing::READ_ONLY, memoryFd_, memory_);
 }
 
-uint32_t BlockPool::Allocate(uint32_t length, uint64_t sequence)
+uint32_t BlockPool::Allocate(uint32_t length, uint64_t use)
 {
-    const uint16_t block = free_.back();
-    free_.pop_back();
+    const uint16_t block = free_[--freeCount_];
     Record& record = records_[block];
-    record.sequence = sequence;
+    record.use = use;
     record.length = length;
     record.place = Place::ALLOCATED;
-    if (!free_.empty()) {  // the next record, probably of this size, will stand there
-        Prefetch<Purpose::WRITING>(memory_.Bytes() + size_t{free_.back()} * shape_.blockStride, length);
+    if (freeCount_ != 0) {  // the next record, probably of this size, will stand there
+        Prefetch<Purpose::WRITING>(memory_.Bytes() + size_t{free_[freeCount_ - 1]} * shape_.blockStride, length);
     }
     return block;
 }
 
-bool BlockPool::IsAllocated(uint32_t block, uint64_t sequence) const
+bool BlockPool::IsAllocated(uint32_t block, uint64_t use) const
 {
-    return block < records_.size() && records_[block].place == Place::ALLOCATED && records_[block].sequence == sequence;
+    return block < shape_.blockCount && records_[block].place == Place::ALLOCATED && records_[block].use == use;
 }
 
 bool BlockPool::Write(uint32_t block, const void* data, uint32_t size, uint32_t offset)
@@ -51,7 +55,8 @@ bool BlockPool::Write(uint32_t block, const void* data, uint32_t size, uint32_t 
 
 void BlockPool::Free(uint32_t block)
 {
-    PutBack(block);
+    records_[block].place = Place::FREE;
+    free_[freeCount_++] = static_cast<uint16_t>(block);
 }
 
 uint32_t BlockPool::Queue(uint32_t block, BlockFifo& fifo)
@@ -73,16 +78,10 @@ void BlockPool::TakeBack(uint32_t count, BlockFifo& fifo)
     for (uint32_t i = 0; i < count; ++i) {
         const uint32_t block = fifo.first;
         fifo.first = records_[block].next;
-        PutBack(block);
+        Free(block);
     }
     fifo.count -= count;
     queued_ -= count;
-}
-
-void BlockPool::PutBack(uint32_t block)
-{
-    records_[block].place = Place::FREE;
-    free_.push_back(static_cast<uint16_t>(block));
 }
 
 }  // namespace host_platform::iam

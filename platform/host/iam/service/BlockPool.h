@@ -10,7 +10,7 @@
 #define REPORT_EVENT_PLATFORM_HOST_IAM_SERVICE_BLOCK_POOL_H
 
 #include <cstdint>
-#include <vector>
+#include <memory>
 
 #include "platform/host/common/Descriptor.h"
 #include "platform/host/common/Status.h"
@@ -27,7 +27,6 @@ struct BlockFifo {
 
 class BlockPool {
 public:
-    // Throws std::bad_alloc.
     Status Create(const PoolShape& shape);
 
     const PoolShape& Shape() const
@@ -40,19 +39,19 @@ public:
     }
     bool Exhausted() const
     {
-        return free_.empty();
+        return freeCount_ == 0;
     }
     uint32_t Queued() const
     {
         return queued_;
     }
 
-    // Takes a free block for a record of `length` bytes; there is one, and `length` fits. `sequence` is what this use
-    // of the block is known by.
-    uint32_t Allocate(uint32_t length, uint64_t sequence);
+    // Takes a free block for a record of `length` bytes; there is one, and `length` fits. `use` is what this use of the
+    // block is known by.
+    uint32_t Allocate(uint32_t length, uint64_t use);
 
-    // Whether the caller of Allocate still has the block under this sequence.
-    bool IsAllocated(uint32_t block, uint64_t sequence) const;
+    // Whether the caller of Allocate still has the block under this use.
+    bool IsAllocated(uint32_t block, uint64_t use) const;
 
     // The next three need an allocated block.
     bool Write(uint32_t block, const void* data, uint32_t size, uint32_t offset);
@@ -65,20 +64,19 @@ public:
 private:
     enum class Place : uint16_t { FREE, ALLOCATED, QUEUED };
     struct Record {
-        uint64_t sequence = 0;
+        uint64_t use = 0;
         uint32_t length = 0;
         uint16_t next = 0;  // the following block of the same queue
         Place place = Place::FREE;
     };
     static_assert(POOL_BLOCKS_MAX <= UINT16_MAX, "a link has 16 bits");
 
-    void PutBack(uint32_t block);
-
     PoolShape shape_;
     UniqueFd memoryFd_;
     Mapping memory_;
-    std::vector<Record> records_;
-    std::vector<uint16_t> free_;  // a stack with room for all blocks
+    std::unique_ptr<Record[]> records_;
+    std::unique_ptr<uint16_t[]> free_;  // a stack with room for all blocks
+    uint32_t freeCount_ = 0;
     uint32_t queued_ = 0;
 };
 

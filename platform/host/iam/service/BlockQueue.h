@@ -1,13 +1,12 @@
-// What the service keeps for one connected reader: its ring, its bell, and which blocks are in its queue.
+// What waits for one reader: the writing end of its ring, and the blocks that are in it.
 //
-// Not safe for use by several threads at once: the service's lock guards it once it is attached.
+// Not safe for use by several threads at once: the service's lock guards it once its reader can be published to.
 #ifndef REPORT_EVENT_PLATFORM_HOST_IAM_SERVICE_BLOCK_QUEUE_H
 #define REPORT_EVENT_PLATFORM_HOST_IAM_SERVICE_BLOCK_QUEUE_H
 
 #include <cstdint>
 
 #include "platform/host/common/Status.h"
-#include "platform/host/iam/Doorbell.h"
 #include "platform/host/iam/Ring.h"
 #include "platform/host/iam/service/BlockPool.h"
 
@@ -15,43 +14,37 @@ namespace host_platform::iam {
 
 class BlockQueue {
 public:
-    // `socket` belongs to the connection, which outlives the time that this queue is attached to the service.
-    explicit BlockQueue(int socket) : socket_(socket)
-    {
-    }
+    // Makes a ring of this many entries. `memory` is for the reader and not kept.
+    Status Create(uint32_t entries, UniqueFd& memory);
 
-    // Makes ring and bell and sends them to the reader.
-    Status Offer();
+    struct Appended {
+        uint32_t length;  // of the block's record
+        bool ringBell;    // the reader sleeps and must be woken
+    };
+    // Queues an allocated block.
+    Appended Append(uint32_t block, BlockPool& pool);
 
-    // Tells the reader of the pool, before anything from it is queued.
-    Status SendPool(const BlockPool& pool) const;
+    // Returns what the reader has consumed to the pool. False when the count that it claims makes no sense.
+    [[nodiscard]] bool TakeBackConsumed(BlockPool& pool);
 
-    // Queues an allocated block and returns the length of its record. The reader is not cut off.
-    uint32_t Append(uint32_t block, BlockPool& pool);
-
-    // Returns what the reader has consumed to the pool. A reader that claims more than it was given is cut off.
-    void TakeBackConsumed(BlockPool& pool);
-
-    // Hangs up and returns all of its blocks to the pool, read or not. The reader can tell and delivers none of them.
-    void CutOff(BlockPool* pool, const char* cause);
+    // From here on the reader can tell that it delivers no block any more.
+    void MarkRevoked();
+    // Returns every block to the pool, read or not. Only once marked.
+    void TakeBackAll(BlockPool& pool);
 
     uint32_t Queued() const
     {
         return blocks_.count;
     }
-    // Why the reader was cut off, or null.
-    const char* CutOffCause() const
+    uint64_t ClaimedConsumed() const
     {
-        return cutOffCause_;
+        return ring_.ClaimedConsumed();
     }
 
 private:
-    int socket_;
     RingWriter ring_;
-    Doorbell bell_;
     BlockFifo blocks_;
     uint64_t takenBack_ = 0;  // of all entries ever appended
-    const char* cutOffCause_ = nullptr;
 };
 
 }  // namespace host_platform::iam

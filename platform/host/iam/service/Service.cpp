@@ -1,10 +1,16 @@
 #include "platform/host/iam/service/Service.h"
 
+#include <sys/resource.h>
+
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <new>
-#include <type_traits>
 #include <utility>
+
+#include "platform/host/iam/service/Handles.h"
 
 namespace host_platform::iam {
 namespace {
@@ -14,61 +20,130 @@ namespace {
 // after a few and are used again while they are warm.
 constexpr uint64_t TAKE_BACK_BYTES = uint64_t{16} * 1024;
 
-constexpr uint64_t SEQUENCE_LIMIT = uint64_t{1} << 40;
-
 }  // namespace
+
+Service& Service::Instance()
+{
+    alignas(Service) static unsigned char place[sizeof(Service)];
+    static auto* const service = new (place) Service;
+    return *service;
+}
 
 // ---------------------------------------------------------------------------------------------------------------------
 // Life
 
-Service::Begin Service::BeginServing(const IAMFileOperations& operations)
+Status Service::Serve(const char* name, const IAMFileOperations& operations)
 {
-    const MutexLock lock(mutex_);
-    if (life_ == Life::STARTING || life_ == Life::ENDING) {
-        return Begin::BUSY;
+    if (!IsResourceName(name)) {
+        return {EINVAL, "a resource name has the form <text>:/res/..."};
     }
-    operations_ = operations;
+    {
+        const MutexLock lock(lifeMutex_);
+        if (life_ == Life::SERVING && strcmp(name, name_.text) == 0) {
+            operations_ = operations;
+            return {};
+        }
+        if (life_ == Life::SERVING) {
+            return {EEXIST, "this process serves another resource, and a process serves one"};
+        }
+        if (life_ != Life::IDLE) {
+            return {EBUSY, "another thread is starting or ending its service"};
+        }
+        life_ = Life::STARTING;
+        quiet_ = false;
+        operations_ = operations;
+        snprintf(name_.text, sizeof name_.text, "%s", name);
+    }
+    const Status status = Start(name);
+    if (status.Failed()) {
+        const MutexLock lock(lifeMutex_);
+        life_ = Life::IDLE;
+    }
+    return status;
+}
+
+Status Service::Start(const char* name)
+{
+    std::unique_ptr<Endpoint> endpoint(new (std::nothrow) Endpoint);
+    if (endpoint == nullptr) {
+        return {ENOMEM, "out of memory"};
+    }
+    Status status = endpoint->Create(name);
+    if (!status.Failed()) {
+        status = thread_.Start();
+    }
+    // At every start: what was built since the last one, and is destroyed earlier, must not hear of a reader any more.
+    if (!status.Failed() && std::atexit([] { Instance().EndAtExit(); }) != 0) {
+        status = {ENOMEM, "no exit handler can be registered"};
+    }
+    if (status.Failed()) {
+        return status;
+    }
+    const MutexLock lock(lifeMutex_);
+    status = thread_.Watch(*endpoint);
+    if (!status.Failed()) {
+        endpoint_ = std::move(endpoint);
+        life_ = Life::SERVING;
+    }
+    return status;
+}
+
+int Service::End(uint64_t poolGeneration)
+{
+    if (!thread_.IsInThisProcess()) {
+        return -EBADF;
+    }
+    const MutexLock lock(lifeMutex_);
+    {
+        const MutexLock poolLock(mutex_);
+        if (servingGeneration_ == 0 || servingGeneration_ != poolGeneration) {
+            return -EBADF;
+        }
+    }
+    const bool insideNotification = thread_.IsCurrentThread();
+    BeginEnd(insideNotification);
+    if (!insideNotification) {
+        WaitForEnd();
+    }
+    return 0;
+}
+
+// From here on nothing is delivered any more, in this life or another. What the readers have not read stays readable,
+// and the pool is left to the kernel: another thread may be publishing still.
+void Service::EndAtExit()
+{
+    if (!thread_.IsInThisProcess()) {
+        return;
+    }
+    const MutexLock lock(lifeMutex_);
+    exiting_ = true;
     if (life_ == Life::SERVING) {
-        return Begin::REPLACED;
+        BeginEnd(true);
     }
-    life_ = Life::STARTING;
-    return Begin::STARTED;
-}
-
-void Service::FinishStart(std::unique_ptr<Endpoint> endpoint)
-{
-    const MutexLock lock(mutex_);
-    life_ = endpoint != nullptr ? Life::SERVING : Life::IDLE;
-    quiet_ = false;
-    endpoint_ = std::move(endpoint);
-}
-
-bool Service::BeginEnd(bool quiet)
-{
-    const MutexLock lock(mutex_);
-    return BeginEndLocked(quiet);
-}
-
-bool Service::BeginEndOfPool(uint64_t poolGeneration, bool quiet)
-{
-    const MutexLock lock(mutex_);
-    return HasPool(poolGeneration) && BeginEndLocked(quiet);
-}
-
-bool Service::BeginEndWithoutPool(bool quiet)
-{
-    const MutexLock lock(mutex_);
-    return pool_ == nullptr && BeginEndLocked(quiet);
-}
-
-bool Service::BeginEndLocked(bool quiet)
-{
-    if (life_ != Life::SERVING) {
-        return false;
+    if (thread_.IsCurrentThread()) {
+        endpoint_.reset();  // the thread will not come to it: the exit was called from inside a notification
+    } else if (life_ == Life::ENDING) {
+        WaitForEnd();
     }
+}
+
+void Service::BeginEnd(bool quiet)
+{
     life_ = Life::ENDING;
     quiet_ = quiet;
-    return true;
+    {
+        const MutexLock lock(mutex_);
+        servingGeneration_ = 0;
+    }
+    thread_.Wake();
+}
+
+void Service::WaitForEnd()
+{
+    const uint64_t before = ends_;
+    while (ends_ == before) {
+        ended_.Wait(lifeMutex_);
+    }
 }
 
 void Service::FinishEnd()
@@ -76,275 +151,345 @@ void Service::FinishEnd()
     std::unique_ptr<Endpoint> endpoint;
     std::unique_ptr<BlockPool> pool;
     {
-        const MutexLock lock(mutex_);
+        const MutexLock lock(lifeMutex_);
+        const MutexLock poolLock(mutex_);
         endpoint = std::move(endpoint_);
         pool = std::move(pool_);
+        readersEnd_ = 0;
+        if (exiting_) {
+            static_cast<void>(pool.release());
+        }
     }
     endpoint.reset();  // before anyone is told that the name is free
     pool.reset();
-    {
-        const MutexLock lock(mutex_);
-        life_ = Life::IDLE;
-    }
-    const MutexLock lock(endMutex_);  // whoever waits has looked before this, and is waiting by now, or looks after it
+    const MutexLock lock(lifeMutex_);
+    life_ = Life::IDLE;
+    ++ends_;
     ended_.NotifyAll();
 }
 
-void Service::WaitForEnd()
-{
-    const MutexLock lock(endMutex_);
-    while (IsEnding()) {
-        ended_.Wait(endMutex_);
-    }
-}
-
-bool Service::IsEnding() const
-{
-    const MutexLock lock(mutex_);
-    return life_ == Life::ENDING;
-}
-
 // ---------------------------------------------------------------------------------------------------------------------
-// The publisher's side
+// The publisher's calls
 
-Status Service::RegisterPool(const PoolShape& shape, uint64_t& poolGeneration)
+Status Service::RegisterPool(const char* name, const PoolShape& shape, uint64_t& poolGeneration)
 {
-    {
-        const MutexLock lock(mutex_);
-        if (life_ != Life::SERVING) {
-            return {ENOENT, "its service is not registered"};
-        }
-        if (pool_ != nullptr || poolBeingMade_) {
-            return {EEXIST, "it has a pool already"};
-        }
-        poolBeingMade_ = true;
-    }
-    Status status;
-    std::unique_ptr<BlockPool> pool(new (std::nothrow) BlockPool);
-    try {
+    auto pool = std::unique_ptr<BlockPool>(new (std::nothrow) BlockPool);
+    const BlockPool* const offered = pool.get();
+    Status status = MayRegisterPool(name);
+    if (!status.Failed()) {
         status = pool != nullptr ? pool->Create(shape) : Status{ENOMEM, "out of memory"};
-    } catch (const std::bad_alloc&) {
-        status = {ENOMEM, "out of memory"};
     }
-    const MutexLock lock(mutex_);
-    poolBeingMade_ = false;
     if (status.Failed()) {
         return status;
     }
-    if (life_ != Life::SERVING) {
-        return {ESHUTDOWN, "its service is being ended"};
+    const MutexLock lock(lifeMutex_);
+    status = MayRegisterPoolNow(name);
+    if (status.Failed()) {
+        return status;
     }
-    pool_ = std::move(pool);
-    poolGeneration = ++poolGeneration_;
-    bytesQueued_ = 0;
-    for (const Place& place : readers_) {
-        if (place.queue != nullptr && place.queue->SendPool(*pool_).Failed()) {
-            place.queue->CutOff(pool_.get(), "it does not take its messages");
+    {
+        const MutexLock poolLock(mutex_);
+        pool_ = std::move(pool);
+        servingGeneration_ = ++poolGeneration_;
+        poolGeneration = poolGeneration_;
+        bytesQueued_ = 0;
+    }
+    for (size_t index = 0; index < ReadersEnd(); ++index) {
+        Reader* const reader = ReaderAt(index, Which::ATTACHED);
+        if (reader != nullptr && reader->SendPool(*offered).Failed()) {
+            const MutexLock poolLock(mutex_);
+            CutOff(*reader, "it does not take its messages");
         }
+    }
+    thread_.Wake();
+    return {};
+}
+
+Status Service::MayRegisterPool(const char* name)
+{
+    const MutexLock lock(lifeMutex_);
+    return MayRegisterPoolNow(name);
+}
+
+Status Service::MayRegisterPoolNow(const char* name) const
+{
+    if (life_ != Life::SERVING || strcmp(name, name_.text) != 0) {
+        return {ENOENT, "its service is not registered"};
+    }
+    const MutexLock lock(mutex_);
+    if (pool_ != nullptr) {
+        return {EEXIST, "it has a pool already"};
     }
     return {};
 }
 
-int Service::Allocate(uint64_t poolGeneration, uint32_t size, BlockKey& key)
+int Service::Allocate(uint64_t poolGeneration, uint32_t size, uint64_t& block)
 {
-    const MutexLock lock(mutex_);
-    if (!HasPool(poolGeneration)) {
-        return -EBADF;
+    bool cutOff = false;
+    int result = 0;
+    {
+        const MutexLock lock(mutex_);
+        if (servingGeneration_ == 0 || poolGeneration != servingGeneration_) {
+            return -EBADF;
+        }
+        if (size > pool_->Shape().blockStride) {
+            return -EMSGSIZE;
+        }
+        if (bytesQueued_ >= TAKE_BACK_BYTES || pool_->Exhausted()) {
+            Replenish();
+            cutOff = std::exchange(someoneCutOff_, false);
+        }
+        if (pool_->Exhausted()) {
+            result = -ENOBUFS;
+        } else {
+            lastUse_ = (lastUse_ + 1) % USE_LIMIT;
+            block = PackHandle(HandleKind::BLOCK, pool_->Allocate(size, lastUse_), lastUse_);
+        }
     }
-    if (size > pool_->Shape().blockStride) {
-        return -EMSGSIZE;
+    if (cutOff) {
+        thread_.Wake();
     }
-    if (bytesQueued_ >= TAKE_BACK_BYTES || pool_->Exhausted()) {
-        Replenish();
-    }
-    if (pool_->Exhausted()) {
-        return -ENOBUFS;
-    }
-    lastSequence_ = (lastSequence_ + 1) % SEQUENCE_LIMIT;
-    key.sequence = lastSequence_;
-    key.block = pool_->Allocate(size, lastSequence_);
-    return 0;
+    return result;
 }
 
-int Service::Write(const BlockKey& key, const void* data, uint32_t size, uint32_t offset)
+int Service::Write(uint64_t block, const void* data, uint32_t size, uint32_t offset)
 {
     const MutexLock lock(mutex_);
-    if (pool_ == nullptr || !pool_->IsAllocated(key.block, key.sequence)) {
+    if (!IsAllocated(servingGeneration_, block)) {
         return -EBADF;
     }
-    return pool_->Write(key.block, data, size, offset) ? 0 : -EMSGSIZE;
+    return pool_->Write(IndexOf(block), data, size, offset) ? 0 : -EMSGSIZE;
 }
 
-int Service::Enqueue(const ReaderKey& reader, uint64_t poolGeneration, const BlockKey& key)
+int Service::Enqueue(uint64_t reader, uint64_t poolGeneration, uint64_t block)
 {
     const MutexLock lock(mutex_);
-    if (!HasPool(poolGeneration) || !pool_->IsAllocated(key.block, key.sequence)) {
+    if (!IsAllocated(poolGeneration, block)) {
         return -EBADF;
     }
-    BlockQueue* const queue = Find(reader);
-    if (queue == nullptr) {
+    Reader* const to = FindAttached(reader);
+    if (to == nullptr) {
         return -ENOTCONN;
     }
-    if (queue->CutOffCause() != nullptr) {
-        return -EPIPE;
+    SetCurrent(reader);
+    const BlockQueue::Appended appended = to->queue.Append(IndexOf(block), *pool_);
+    bytesQueued_ += appended.length;
+    if (appended.ringBell) {
+        to->bell.Ring();
     }
-    current_ = reader;
-    bytesQueued_ += queue->Append(key.block, *pool_);
     return 0;
 }
 
-int Service::Free(uint64_t poolGeneration, const BlockKey& key)
+int Service::Free(uint64_t poolGeneration, uint64_t block)
 {
     const MutexLock lock(mutex_);
-    if (!HasPool(poolGeneration) || !pool_->IsAllocated(key.block, key.sequence)) {
+    if (!IsAllocated(poolGeneration, block)) {
         return -EBADF;
     }
-    pool_->Free(key.block);
+    pool_->Free(IndexOf(block));
     return 0;
+}
+
+int Service::ReaderCount(const char* name)
+{
+    const MutexLock lock(lifeMutex_);
+    if (life_ != Life::SERVING || strcmp(name, name_.text) != 0) {
+        return -1;
+    }
+    const MutexLock readersLock(mutex_);
+    const auto announced = [](const auto& reader) { return reader != nullptr && reader->announced; };
+    return static_cast<int>(std::count_if(readers_.begin(), readers_.begin() + readersEnd_, announced));
+}
+
+bool Service::IsAllocated(uint64_t poolGeneration, uint64_t block) const
+{
+    return servingGeneration_ != 0 && poolGeneration == servingGeneration_ && KindOf(block) == HandleKind::BLOCK &&
+           pool_->IsAllocated(IndexOf(block), UseOf(block));
+}
+
+// Null also when it has been cut off.
+Reader* Service::FindAttached(uint64_t handle) const
+{
+    const size_t index = IndexOf(handle);
+    Reader* const reader = index < readersEnd_ ? readers_[index].get() : nullptr;
+    const bool found = reader != nullptr && reader->Handle() == handle && reader->attached;
+    return found && reader->cutOffCause == nullptr ? reader : nullptr;
+}
+
+void Service::SetCurrent(uint64_t handle)
+{
+    if (current_ == handle) {
+        return;
+    }
+    Reader* const superseded = FindAttached(current_);
+    if (superseded != nullptr) {
+        superseded->BeginToSupersede(Clock::now());
+    }
+    current_ = handle;
 }
 
 void Service::Replenish()
 {
     bytesQueued_ = 0;
-    BlockQueue* const current = Find(current_);
+    Reader* const current = FindAttached(current_);
     if (current != nullptr) {
-        current->TakeBackConsumed(*pool_);
+        TakeBack(*current);
     }
     // Other readers matter only when nothing is left, so that the cost of a record does not grow with their number.
-    const uint32_t queuedByCurrent = current != nullptr ? current->Queued() : 0;
-    if (!pool_->Exhausted() || pool_->Queued() == queuedByCurrent) {
-        return;
+    const uint32_t queuedByCurrent = current != nullptr ? current->queue.Queued() : 0;
+    if (pool_->Exhausted() && pool_->Queued() != queuedByCurrent) {
+        TakeBackFromOthers(current);
     }
-    for (const Place& place : readers_) {
-        if (place.queue != nullptr && place.queue.get() != current) {
-            place.queue->TakeBackConsumed(*pool_);
+}
+
+void Service::TakeBackFromOthers(const Reader* current)
+{
+    const auto forEachOther = [this, current](const auto& act) HOST_REQUIRES(mutex_) {
+        for (size_t index = 0; index < readersEnd_; ++index) {
+            Reader* const reader = readers_[index].get();
+            if (reader != nullptr && reader != current && reader->queue.Queued() != 0) {
+                act(*reader);
+            }
         }
-    }
+    };
+    forEachOther([this](Reader& reader) HOST_REQUIRES(mutex_) { TakeBack(reader); });
     if (!pool_->Exhausted()) {
         return;
     }
-    for (const Place& place : readers_) {
-        if (place.queue != nullptr && place.queue.get() != current && place.queue->Queued() != 0) {
-            place.queue->CutOff(pool_.get(), "it is not the current reader and held blocks of an empty pool");
+    const Clock::time_point now = Clock::now();
+    forEachOther([this, now](Reader& reader) HOST_REQUIRES(mutex_) {
+        if (reader.HasStalled(now)) {
+            CutOff(reader, "it is not the current reader, held blocks of an empty pool and did not read");
         }
+    });
+}
+
+void Service::TakeBack(Reader& reader)
+{
+    if (!reader.queue.TakeBackConsumed(*pool_)) {
+        CutOff(reader, "its ring makes no sense");
     }
+}
+
+void Service::CutOff(Reader& reader, const char* cause)
+{
+    reader.CutOff(pool_.get(), cause);
+    someoneCutOff_ = true;
 }
 
 // ---------------------------------------------------------------------------------------------------------------------
 // The service thread's side
 
-int Service::ReaderCount() const
+bool Service::IsEnding()
 {
-    const MutexLock lock(mutex_);
-    if (life_ != Life::SERVING) {
-        return -1;
-    }
-    const auto announced = [](const Place& place) { return place.announced; };
-    return static_cast<int>(std::count_if(readers_.begin(), readers_.end(), announced));
+    const MutexLock lock(lifeMutex_);
+    return life_ == Life::ENDING;
 }
 
-int Service::Listener() const
+Endpoint* Service::CurrentEndpoint()
 {
-    const MutexLock lock(mutex_);
-    return endpoint_ != nullptr ? endpoint_->Listener() : -1;
+    const MutexLock lock(lifeMutex_);
+    return endpoint_.get();
 }
 
-IAMFileOperations Service::Notifications() const
+IAMFileOperations Service::Notifications()
 {
-    const MutexLock lock(mutex_);
-    return quiet_ ? IAMFileOperations{} : operations_;
+    const MutexLock lock(lifeMutex_);
+    return quiet_ || exiting_ ? IAMFileOperations{} : operations_;
 }
 
-Status Service::Attach(std::unique_ptr<BlockQueue> queue, ReaderKey& key)
+Status Service::Add(std::unique_ptr<Reader> reader)
 {
+    rlimit descriptors{};
+    getrlimit(RLIMIT_NOFILE, &descriptors);
+    const size_t limit = std::min<rlim_t>(READER_LIMIT, descriptors.rlim_cur / 2);
     const MutexLock lock(mutex_);
-    if (life_ != Life::SERVING) {
-        return {ESHUTDOWN, "the service is being ended"};
-    }
-    uint32_t index = 0;
-    while (index < readers_.size() && readers_[index].queue != nullptr) {
-        ++index;
-    }
-    if (index == readers_.size()) {
-        if (index == READER_LIMIT) {
-            return {EMFILE, "too many readers"};
+    size_t all = 0;
+    size_t ofProcess = 0;
+    size_t place = readersEnd_;
+    for (size_t index = readersEnd_; index-- > 0;) {
+        if (readers_[index] == nullptr) {
+            place = index;
+            continue;
         }
-        readers_.emplace_back();
+        ++all;
+        ofProcess += readers_[index]->pid == reader->pid ? 1 : 0;
     }
-    if (pool_ != nullptr) {
-        const Status sent = queue->SendPool(*pool_);
-        if (sent.Failed()) {
-            return sent;
-        }
+    if (all >= limit) {
+        return {EMFILE, "there are too many connections"};
     }
-    readers_[index].queue = std::move(queue);
-    key = {index, ++readers_[index].generation};
+    if (ofProcess >= limit / 2) {
+        return {EMFILE, "the process has too many connections"};
+    }
+    lastUse_ = (lastUse_ + 1) % USE_LIMIT;
+    reader->Name(name_.text, PackHandle(HandleKind::READER, static_cast<uint32_t>(place), lastUse_));
+    readers_[place] = std::move(reader);
+    readersEnd_ = std::max(readersEnd_, place + 1);
     return {};
 }
 
-void Service::MakeCurrent(const ReaderKey& key)
+size_t Service::ReadersEnd() const
 {
     const MutexLock lock(mutex_);
-    current_ = key;
-    readers_[key.index].announced = true;
+    return readersEnd_;
 }
 
-const char* Service::Detach(const ReaderKey& key)
+Reader* Service::ReaderAt(size_t index, Which which) const
 {
-    std::unique_ptr<BlockQueue> queue;
     const MutexLock lock(mutex_);
-    if (Find(key) == nullptr) {
+    Reader* const reader = readers_[index].get();
+    if (reader == nullptr) {
         return nullptr;
     }
-    queue = std::move(readers_[key.index].queue);
-    readers_[key.index].announced = false;
-    const char* const cause = queue->CutOffCause();
-    if (life_ == Life::SERVING) {
-        queue->CutOff(pool_.get(), "");
-    }
-    // Otherwise nothing is written to a block any more: the reader may deliver what it has.
-    return cause;
-}
-
-bool Service::HasPool(uint64_t generation) const
-{
-    return life_ == Life::SERVING && pool_ != nullptr && generation == poolGeneration_;
-}
-
-BlockQueue* Service::Find(const ReaderKey& key) const
-{
-    if (key.index >= readers_.size() || readers_[key.index].generation != key.generation) {
-        return nullptr;
-    }
-    return readers_[key.index].queue.get();
-}
-
-// ---------------------------------------------------------------------------------------------------------------------
-// The directory
-
-ServiceDirectory serviceDirectory;
-static_assert(std::is_trivially_destructible_v<ServiceDirectory>, "it is used until the process is gone");
-
-Service* ServiceDirectory::Find(std::string_view name, size_t& number) const
-{
-    for (number = 0; number < SERVICE_LIMIT; ++number) {
-        Service* const service = At(number);
-        if (service == nullptr || service->Name() == name) {
-            return service;
-        }
+    switch (which) {
+        case Which::ALL:
+            return reader;
+        case Which::ATTACHED:
+            return reader->attached ? reader : nullptr;
+        case Which::CUT_OFF:
+            return reader->cutOffCause != nullptr ? reader : nullptr;
     }
     return nullptr;
 }
 
-Service* ServiceDirectory::FindOrAdd(const std::string& name, size_t& number)
+Status Service::Attach(Reader& reader)
 {
-    const MutexLock lock(additions_);
-    Service* service = Find(name, number);
-    if (service == nullptr && number < SERVICE_LIMIT) {
-        service = new Service(name);
-        services_[number].store(service, std::memory_order_release);  // complete before anyone finds it
+    const MutexLock lock(lifeMutex_);
+    if (life_ != Life::SERVING) {
+        return {ESHUTDOWN, "the service is being ended"};
     }
-    return service;
+    const BlockPool* pool = nullptr;
+    {
+        const MutexLock poolLock(mutex_);
+        pool = pool_.get();
+    }
+    if (pool != nullptr) {
+        const Status sent = reader.SendPool(*pool);
+        if (sent.Failed()) {
+            return sent;
+        }
+    }
+    const MutexLock readersLock(mutex_);
+    reader.attached = true;
+    return {};
+}
+
+void Service::MakeCurrent(Reader& reader)
+{
+    const MutexLock lock(mutex_);
+    SetCurrent(reader.Handle());
+    reader.announced = true;
+}
+
+std::unique_ptr<Reader> Service::Remove(Reader& reader)
+{
+    const MutexLock lock(lifeMutex_);
+    const MutexLock readersLock(mutex_);
+    // At the end of the service nothing is written to a block any more: the reader may deliver what it has.
+    if (reader.attached && life_ == Life::SERVING) {
+        reader.TakeBlocks(pool_.get());
+    }
+    return std::move(readers_[IndexOf(reader.Handle())]);
 }
 
 }  // namespace host_platform::iam

@@ -2,19 +2,22 @@
 
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <sys/inotify.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <csignal>
 #include <cstring>
+#include <iterator>
+#include <memory>
 #include <new>
 #include <utility>
 
+#include "platform/host/iam/BackgroundThread.h"
 #include "platform/host/iam/Log.h"
-#include "platform/host/iam/Messages.h"
 #include "platform/host/iam/service/Handles.h"
+#include "platform/host/iam/service/Service.h"
 
 namespace host_platform::iam {
 namespace {
@@ -24,19 +27,20 @@ using namespace std::chrono_literals;
 // A reader gives up after one second; one that has not said what it must after two is none.
 constexpr auto HANDSHAKE_TIME = 2s;
 constexpr auto ACCEPT_PAUSE = 100ms;
+constexpr int LOOK_AGAIN_MS = 50;  // while one of the two runs
 constexpr int ACCEPTS_AT_ONCE = 16;
-constexpr size_t CONNECTION_LIMIT = 2048;
 
-// What epoll returns for a descriptor: a connection's id, a service's number with a mark, or the wake-up.
-constexpr uint64_t LISTENER_MARK = uint64_t{1} << 63;
-constexpr uint64_t WAKE_KEY = ~uint64_t{0};
+// What epoll returns for a descriptor: one of these, or a reader's handle, which is none of them.
+constexpr uint64_t WAKE_KEY = 1;
+constexpr uint64_t LISTENER_KEY = 2;
+constexpr uint64_t FILES_KEY = 3;
 
-int Control(int epoll, int operation, int fd, uint32_t events, uint64_t key)
+int Control(const UniqueFd& epoll, int operation, int fd, uint32_t events, uint64_t key)
 {
     epoll_event event{};
     event.events = events;
     event.data.u64 = key;
-    return epoll_ctl(epoll, operation, fd, &event);
+    return epoll_ctl(epoll.Get(), operation, fd, &event);
 }
 
 bool OutOfResources(int error)
@@ -44,69 +48,55 @@ bool OutOfResources(int error)
     return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
 }
 
-// The process's signals are for its own threads. The new thread inherits the mask.
-class SignalsBlocked {
-public:
-    SignalsBlocked()
-    {
-        sigset_t all;
-        sigfillset(&all);
-        pthread_sigmask(SIG_SETMASK, &all, &before_);
-    }
-    ~SignalsBlocked()
-    {
-        pthread_sigmask(SIG_SETMASK, &before_, nullptr);
-    }
-    SignalsBlocked(const SignalsBlocked&) = delete;
-    SignalsBlocked& operator=(const SignalsBlocked&) = delete;
-
-private:
-    sigset_t before_{};
-};
-
 }  // namespace
-
-ServiceThread& ServiceThread::Instance()
-{
-    static auto* const thread = new ServiceThread;
-    return *thread;
-}
 
 // ---------------------------------------------------------------------------------------------------------------------
 // For other threads
 
 Status ServiceThread::Start()
 {
-    const MutexLock lock(mutex_);
-    if (started_) {
+    if (IsInThisProcess()) {
         return {};
+    }
+    if (process_ != 0) {
+        return {ENOTSUP, "a child of fork must call exec first"};
     }
     epoll_ = AboveStandard(epoll_create1(EPOLL_CLOEXEC));
     wake_ = AboveStandard(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    if (!epoll_ || !wake_ || Control(epoll_.Get(), EPOLL_CTL_ADD, wake_.Get(), EPOLLIN, WAKE_KEY) != 0) {
+    if (!epoll_ || !wake_ || Control(epoll_, EPOLL_CTL_ADD, wake_.Get(), EPOLLIN, WAKE_KEY) != 0) {
         return {errno, "the service thread cannot be set up"};
     }
-    process_ = getpid();
-    const SignalsBlocked signalsBlocked;
-    std::thread thread(&ServiceThread::Run, this);
-    threadId_ = thread.get_id();
-    thread.detach();
-    started_ = true;
-    return {};
+    notice_ = AboveStandard(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+    if (notice_) {
+        Control(epoll_, EPOLL_CTL_ADD, notice_.Get(), EPOLLIN, FILES_KEY);
+    }
+    const auto run = [](void* thread) -> void* {
+        static_cast<ServiceThread*>(thread)->Run();
+        return nullptr;
+    };
+    const Status status = StartBackgroundThread("iam-service", run, this, thread_);
+    if (!status.Failed()) {
+        process_ = getpid();
+    }
+    return status;
 }
 
-Status ServiceThread::Watch(size_t serviceNumber, int listener)
+Status ServiceThread::Watch(const Endpoint& endpoint)
 {
-    if (Control(epoll_.Get(), EPOLL_CTL_ADD, listener, EPOLLIN, LISTENER_MARK | serviceNumber) != 0) {
+    if (notice_) {
+        endpoint.Watch(notice_.Get());
+    }
+    if (Control(epoll_, EPOLL_CTL_ADD, endpoint.Listener(), EPOLLIN, LISTENER_KEY) != 0) {
         return {errno, "its socket cannot be watched"};
     }
     return {};
 }
 
-bool ServiceThread::IsCurrentThread() const
+void ServiceThread::Wake() const
 {
-    const MutexLock lock(mutex_);
-    return threadId_ == std::this_thread::get_id();
+    const uint64_t one = 1;
+    while (write(wake_.Get(), &one, sizeof one) < 0 && errno == EINTR) {
+    }
 }
 
 bool ServiceThread::IsInThisProcess() const
@@ -114,54 +104,27 @@ bool ServiceThread::IsInThisProcess() const
     return process_ == getpid();
 }
 
-void ServiceThread::End(Service& service)
-{
-    bool inside = false;
-    {
-        const MutexLock lock(mutex_);
-        ends_.push_back(&service);
-        inside = threadId_ == std::this_thread::get_id();
-    }
-    const uint64_t one = 1;
-    while (write(wake_.Get(), &one, sizeof one) < 0 && errno == EINTR) {
-    }
-    if (!inside) {
-        service.WaitForEnd();
-    }
-}
-
 // ---------------------------------------------------------------------------------------------------------------------
 // The thread
 
 void ServiceThread::Run()
 {
-    pthread_setname_np(pthread_self(), "iam-service");
     epoll_event events[64];
     for (;;) {
-        const int count = epoll_wait(epoll_.Get(), events, std::size(events), WaitTime());
+        const bool timeRuns = handshakes_ != 0 || paused_;
+        const int count = epoll_wait(epoll_.Get(), events, std::size(events), timeRuns ? LOOK_AGAIN_MS : -1);
         for (int i = 0; i < count; ++i) {
             Dispatch(events[i].data.u64, events[i].events);
         }
-        DropLateHandshakes();
+        if (handshakes_ != 0) {
+            DropLateHandshakes();
+        }
         ResumeListening();
-        FinishEnds();
+        if (std::exchange(woken_, false)) {
+            CloseCutOff();
+            FinishEnd();
+        }
     }
-}
-
-int ServiceThread::WaitTime() const
-{
-    Clock::time_point next = Clock::time_point::max();
-    if (!handshakes_.empty()) {
-        next = handshakes_.front().at;
-    }
-    if (!paused_.empty()) {
-        next = std::min(next, resumeAt_);
-    }
-    if (next == Clock::time_point::max()) {
-        return -1;
-    }
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(next - Clock::now()).count();
-    return static_cast<int>(std::clamp<decltype(left)>(left, 0, 60'000));
 }
 
 void ServiceThread::Dispatch(uint64_t key, uint32_t events)
@@ -170,35 +133,45 @@ void ServiceThread::Dispatch(uint64_t key, uint32_t events)
         uint64_t count = 0;
         while (read(wake_.Get(), &count, sizeof count) < 0 && errno == EINTR) {
         }
-    } else if ((key & LISTENER_MARK) != 0) {
-        AcceptReaders(key & ~LISTENER_MARK);
+        woken_ = true;
+    } else if (key == LISTENER_KEY) {
+        AcceptReaders();
+    } else if (key == FILES_KEY) {
+        HearOfFiles();
     } else {
-        // Gone if an earlier event of the same batch ended it.
-        const auto found = connections_.find(key);
-        if (found != connections_.end()) {
-            HearReader(*found->second, events);
+        Reader* const reader = service_.ReaderAt(IndexOf(key), Service::Which::ALL);
+        if (reader != nullptr && reader->Handle() == key) {  // else an earlier event of the same batch ended it
+            Hear(*reader, events);
         }
     }
+}
+
+void ServiceThread::HearOfFiles()
+{
+    alignas(inotify_event) char events[1024];
+    while (read(notice_.Get(), events, sizeof events) > 0) {
+    }
+    const Endpoint* const endpoint = service_.CurrentEndpoint();
+    const bool gone = endpoint != nullptr && endpoint->IsGone();
+    if (gone && !filesGone_) {
+        Log("%s: its socket %s or its lock file is gone, readers do not find it any more: start it again",
+            service_.Name(), endpoint->SocketPath());
+    }
+    filesGone_ = gone;
 }
 
 // ---------------------------------------------------------------------------------------------------------------------
 // Accepting
 
-void ServiceThread::AcceptReaders(size_t serviceNumber)
+void ServiceThread::AcceptReaders()
 {
-    Service* const service = ServiceDirectory::Instance().At(serviceNumber);
-    const int listener = service->Listener();  // stays open: only this thread ends a service
-    for (int i = 0; i < ACCEPTS_AT_ONCE && listener >= 0; ++i) {
-        UniqueFd socket = AboveStandard(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    const Endpoint* const endpoint = service_.CurrentEndpoint();
+    for (int i = 0; i < ACCEPTS_AT_ONCE && endpoint != nullptr; ++i) {
+        UniqueFd socket = AboveStandard(accept4(endpoint->Listener(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
         if (socket) {
-            try {
-                AddConnection(serviceNumber, *service, std::move(socket));
-            } catch (const std::bad_alloc&) {
-                PauseListening(serviceNumber, listener, ENOMEM);
-                return;
-            }
+            Admit(std::move(socket));
         } else if (OutOfResources(errno)) {
-            PauseListening(serviceNumber, listener, errno);
+            PauseListening(errno);
             return;
         } else if (errno != ECONNABORTED && errno != EINTR) {
             return;  // EAGAIN: nobody waits
@@ -206,181 +179,163 @@ void ServiceThread::AcceptReaders(size_t serviceNumber)
     }
 }
 
-void ServiceThread::AddConnection(size_t serviceNumber, Service& service, UniqueFd socket)
+void ServiceThread::Admit(UniqueFd socket)
 {
-    auto connection = std::make_unique<Connection>();
-    Status status = CheckPeerUser(socket.Get(), &connection->pid);
-    if (!status.Failed() && connections_.size() >= CONNECTION_LIMIT) {
-        status = {EMFILE, "too many connections"};
-    }
-    const uint64_t id = ++lastConnection_;
-    if (!status.Failed() && Control(epoll_.Get(), EPOLL_CTL_ADD, socket.Get(), EPOLLIN | EPOLLRDHUP, id) != 0) {
-        status = {errno, "it cannot be watched"};
+    int pid = 0;
+    const int fd = socket.Get();
+    Status status = CheckPeerUser(fd, &pid);
+    std::unique_ptr<Reader> reader(new (std::nothrow) Reader(std::move(socket), pid));
+    Reader* const added = reader.get();
+    if (!status.Failed()) {
+        status = added != nullptr ? service_.Add(std::move(reader)) : Status{ENOMEM, "out of memory"};
     }
     if (status.Failed()) {
-        Log("%s: a connection was refused: %s", service.Name().c_str(), status.cause);
+        Log("%s: a connection of process %d was refused: %s", service_.Name(), pid, status.cause);
         return;
     }
-    connection->id = id;
-    connection->serviceNumber = serviceNumber;
-    connection->service = &service;
-    connection->socket = std::move(socket);
-    handshakes_.push_back({Clock::now() + HANDSHAKE_TIME, id});
-    connections_.emplace(id, std::move(connection));
+    ++handshakes_;
+    if (Control(epoll_, EPOLL_CTL_ADD, fd, EPOLLIN | EPOLLRDHUP, added->Handle()) != 0) {
+        Close(*added, "it cannot be watched");
+    }
 }
 
-void ServiceThread::PauseListening(size_t serviceNumber, int listener, int error)
+void ServiceThread::PauseListening(int error)
 {
     // The waiting readers stay in the backlog; without the pause this thread would spin on them.
-    Log("%s: readers must wait: %s", ServiceDirectory::Instance().At(serviceNumber)->Name().c_str(),
-        strerrordesc_np(error));
-    Control(epoll_.Get(), EPOLL_CTL_MOD, listener, 0, LISTENER_MARK | serviceNumber);
-    if (paused_.empty()) {
-        resumeAt_ = Clock::now() + ACCEPT_PAUSE;
-    }
-    paused_.push_back(serviceNumber);
+    Log("%s: readers must wait: %s", service_.Name(), strerrordesc_np(error));
+    Control(epoll_, EPOLL_CTL_MOD, service_.CurrentEndpoint()->Listener(), 0, LISTENER_KEY);
+    paused_ = true;
+    resumeAt_ = Clock::now() + ACCEPT_PAUSE;
 }
 
 void ServiceThread::ResumeListening()
 {
-    if (paused_.empty() || Clock::now() < resumeAt_) {
+    if (!paused_ || Clock::now() < resumeAt_) {
         return;
     }
-    for (const size_t serviceNumber : paused_) {
-        const int listener = ServiceDirectory::Instance().At(serviceNumber)->Listener();
-        if (listener >= 0) {
-            Control(epoll_.Get(), EPOLL_CTL_MOD, listener, EPOLLIN, LISTENER_MARK | serviceNumber);
-        }
+    paused_ = false;
+    const Endpoint* const endpoint = service_.CurrentEndpoint();
+    if (endpoint != nullptr) {
+        Control(epoll_, EPOLL_CTL_MOD, endpoint->Listener(), EPOLLIN, LISTENER_KEY);
     }
-    paused_.clear();
 }
 
 // ---------------------------------------------------------------------------------------------------------------------
 // One reader
 
-void ServiceThread::HearReader(Connection& connection, uint32_t events)
+void ServiceThread::Hear(Reader& reader, uint32_t events)
 {
     ReceivedMessage received;
-    Status status = ReceiveMessage(connection.socket.Get(), received);
+    Status status = ReceiveMessage(reader.socket.Get(), received);
     if (status.error == EAGAIN) {
         return;
     }
-    if (!status.Failed() && (events & (EPOLLHUP | EPOLLRDHUP | EPOLLERR)) != 0) {
-        status = {EPIPE, nullptr};  // it has left already: nobody needs to hear of it
+    const bool left = status.error == EPIPE || (events & (EPOLLHUP | EPOLLRDHUP | EPOLLERR)) != 0;
+    if (!status.Failed() && !left) {
+        status = Advance(reader, received.type);
     }
-    if (!status.Failed()) {
-        try {
-            status = Advance(connection, received.type);
-        } catch (const std::bad_alloc&) {
-            status = {ENOMEM, "out of memory"};
-        }
-    }
-    if (status.Failed()) {
-        CloseConnection(connection.id, status.error == EPIPE ? nullptr : status.cause);
+    if (left || status.Failed()) {
+        Close(reader, left ? nullptr : status.cause);  // nobody needs to hear of one that has left already
     }
 }
 
-Status ServiceThread::Advance(Connection& connection, MessageType type)
+Status ServiceThread::Advance(Reader& reader, MessageType type)
 {
-    if (connection.stage == Stage::AWAIT_HELLO && type == MessageType::HELLO) {
-        connection.queue = std::make_unique<BlockQueue>(connection.socket.Get());
-        connection.stage = Stage::AWAIT_READY;
-        return connection.queue->Offer();
+    if (reader.stage == Reader::Stage::AWAIT_HELLO && type == MessageType::HELLO) {
+        reader.stage = Reader::Stage::AWAIT_READY;
+        return reader.Offer();
     }
-    if (connection.stage == Stage::AWAIT_READY && type == MessageType::READY) {
-        return Greet(connection);
+    if (reader.stage == Reader::Stage::AWAIT_READY && type == MessageType::READY) {
+        return Greet(reader);
     }
     return {EPROTO, "it sent a message out of turn"};
 }
 
-Status ServiceThread::Greet(Connection& connection)
+Status ServiceThread::Greet(Reader& reader)
 {
-    connection.label = connection.service->Name() + " (pid " + std::to_string(connection.pid) + ")";
-    const Status attached = connection.service->Attach(std::move(connection.queue), connection.key);
+    const Status attached = service_.Attach(reader);
     if (attached.Failed()) {
         return attached;
     }
-    connection.stage = Stage::CONNECTED;
-    connection.file.name = connection.label.c_str();
-    connection.file.dataHandle = ReaderHandle(connection.serviceNumber, connection.key);
-    const IAMFileOperations operations = connection.service->Notifications();
+    reader.stage = Reader::Stage::CONNECTED;
+    --handshakes_;
+    const IAMFileOperations operations = service_.Notifications();
     if (operations.open != nullptr) {
-        operations.open(&connection.file);
+        operations.open(&reader.file);
     }
     // After the notification, so that the reader before it is not held to be superseded while the publisher still
     // publishes to it.
-    connection.service->MakeCurrent(connection.key);
+    service_.MakeCurrent(reader);
     // The reader's open returns on this message: whatever is published from then on finds it known.
-    return SendMessage(connection.socket.Get(), MessageType::CONNECTED);
+    return SendMessage(reader.socket.Get(), MessageType::CONNECTED);
 }
 
-void ServiceThread::CloseConnection(uint64_t id, const char* cause)
+void ServiceThread::Close(Reader& reader, const char* cause)
 {
-    const auto found = connections_.find(id);
-    Connection& connection = *found->second;
-    if (connection.stage == Stage::CONNECTED) {
-        const IAMFileOperations operations = connection.service->Notifications();
+    if (reader.stage != Reader::Stage::CONNECTED) {
+        --handshakes_;
+    } else {
+        const IAMFileOperations operations = service_.Notifications();
         if (operations.close != nullptr) {
-            operations.close(&connection.file);
+            operations.close(&reader.file);
         }
-        const char* const cutOff = connection.service->Detach(connection.key);
-        cause = cutOff != nullptr ? cutOff : cause;
     }
+    const std::unique_ptr<Reader> gone = service_.Remove(reader);
+    cause = gone->cutOffCause != nullptr ? gone->cutOffCause : cause;
     if (cause != nullptr) {
-        Log("%s: the connection of process %d was closed: %s", connection.service->Name().c_str(), connection.pid,
-            cause);
+        Log("%s: the connection of process %d was closed: %s", service_.Name(), gone->pid, cause);
     }
-    // Said explicitly: a child of fork that has not called exec yet holds the same socket.
-    shutdown(connection.socket.Get(), SHUT_RDWR);
-    Control(epoll_.Get(), EPOLL_CTL_DEL, connection.socket.Get(), 0, 0);
-    connections_.erase(found);
+    // Said explicitly: a child of fork that has not called exec yet holds the same socket. After the removal, which
+    // tells a reader that loses its blocks by more than the hang-up.
+    shutdown(gone->socket.Get(), SHUT_RDWR);
+    Control(epoll_, EPOLL_CTL_DEL, gone->socket.Get(), 0, 0);
 }
 
 void ServiceThread::DropLateHandshakes()
 {
-    while (!handshakes_.empty()) {
-        const auto found = connections_.find(handshakes_.front().connection);
-        const bool waiting = found != connections_.end() && found->second->stage != Stage::CONNECTED;
-        if (waiting && Clock::now() < handshakes_.front().at) {
-            return;
-        }
-        const uint64_t id = handshakes_.front().connection;
-        handshakes_.pop_front();
-        if (waiting) {
-            CloseConnection(id, "it did not complete the handshake in time");
+    const Clock::time_point latest = Clock::now() - HANDSHAKE_TIME;
+    for (size_t index = 0; index < service_.ReadersEnd(); ++index) {
+        Reader* const reader = service_.ReaderAt(index, Service::Which::ALL);
+        if (reader != nullptr && reader->stage != Reader::Stage::CONNECTED && reader->accepted <= latest) {
+            Close(*reader, "it did not complete the handshake in time");
         }
     }
 }
 
-// ---------------------------------------------------------------------------------------------------------------------
-// The end of a service
-
-void ServiceThread::FinishEnds()
+void ServiceThread::CloseCutOff()
 {
-    std::vector<Service*> ends;
-    {
-        const MutexLock lock(mutex_);
-        ends.swap(ends_);
-    }
-    for (Service* const service : ends) {
-        FinishEnd(*service);
+    for (size_t index = 0; index < service_.ReadersEnd(); ++index) {
+        Reader* const reader = service_.ReaderAt(index, Service::Which::CUT_OFF);
+        if (reader != nullptr) {
+            Close(*reader, nullptr);
+        }
     }
 }
 
-void ServiceThread::FinishEnd(Service& service)
+void ServiceThread::FinishEnd()
 {
-    std::vector<uint64_t> ids;
-    for (const auto& entry : connections_) {
-        if (entry.second->service == &service) {
-            ids.push_back(entry.first);
+    if (!service_.IsEnding()) {
+        return;
+    }
+    std::array<Reader*, Service::READER_LIMIT> readers;
+    size_t count = 0;
+    for (size_t index = 0; index < service_.ReadersEnd(); ++index) {
+        Reader* const reader = service_.ReaderAt(index, Service::Which::ALL);
+        if (reader != nullptr) {
+            readers[count++] = reader;
         }
     }
-    std::sort(ids.begin(), ids.end());  // notifications in the order of the opens
-    for (const uint64_t id : ids) {
-        CloseConnection(id, nullptr);
+    // Notifications come in the order of the opens.
+    std::sort(readers.begin(), readers.begin() + count,
+              [](const Reader* a, const Reader* b) { return UseOf(a->Handle()) < UseOf(b->Handle()); });
+    for (size_t i = 0; i < count; ++i) {
+        Close(*readers[i], nullptr);
     }
-    Control(epoll_.Get(), EPOLL_CTL_DEL, service.Listener(), 0, 0);
-    service.FinishEnd();
+    Endpoint* const endpoint = service_.CurrentEndpoint();
+    if (endpoint != nullptr) {
+        Control(epoll_, EPOLL_CTL_DEL, endpoint->Listener(), 0, 0);
+    }
+    service_.FinishEnd();
 }
 
 }  // namespace host_platform::iam
