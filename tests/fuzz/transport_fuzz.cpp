@@ -6,9 +6,9 @@
 #include <deque>
 #include <string>
 
-#include "platform/host/iam/Ring.h"
-#include "platform/host/iam/SharedMemory.h"
 #include "platform/host/iam/service/BlockPool.h"
+#include "platform/host/iam/wire/Ring.h"
+#include "platform/host/iam/wire/SharedMemory.h"
 #include "tests/fuzz/Require.h"
 
 namespace {

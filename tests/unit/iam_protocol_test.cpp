@@ -12,8 +12,8 @@
 #include <random>
 
 #include "platform/host/common/Descriptor.h"
-#include "platform/host/iam/Protocol.h"
-#include "platform/host/iam/Ring.h"
+#include "platform/host/iam/wire/Protocol.h"
+#include "platform/host/iam/wire/Ring.h"
 #include "tests/unit/iam_support.h"
 
 namespace iam_test {

@@ -25,9 +25,9 @@ int __wrap_close(int fd);
 #include <system_error>
 
 #include "platform/host/iam/Log.h"
-#include "platform/host/iam/ReaderConnection.h"
-#include "platform/host/iam/ReaderTable.h"
 #include "platform/host/iam/RuntimeDirectory.h"
+#include "platform/host/iam/file/OpenFiles.h"
+#include "platform/host/iam/file/ResourceFile.h"
 #include "platform/host/iam/service/Handles.h"
 #include "platform/host/iam/service/Service.h"
 
@@ -79,9 +79,9 @@ Status OpenResource(const char* name, int flags, int& fd)
     if ((flags & O_ACCMODE) == O_WRONLY) {
         return {EACCES, "a resource file is read"};
     }
-    const auto connection = std::make_shared<ReaderConnection>();
+    const auto connection = std::make_shared<ResourceFile>();
     const Status connected = connection->Connect(name);
-    return connected.Failed() ? connected : ReaderTable::Instance().Add(connection, fd);
+    return connected.Failed() ? connected : OpenFiles::Instance().Add(connection, fd);
 }
 
 }  // namespace
@@ -160,8 +160,7 @@ int IAMHostReaderCount(const char* resource)
 
 int64_t IAMFastRead(int fd, void* buffer, size_t length)
 {
-    const int64_t result =
-        buffer != nullptr || length == 0 ? ReaderTable::Instance().Read(fd, buffer, length) : -EFAULT;
+    const int64_t result = buffer != nullptr || length == 0 ? OpenFiles::Instance().Read(fd, buffer, length) : -EFAULT;
     if (result < 0) {
         errno = static_cast<int>(-result);
         return -1;
@@ -200,5 +199,5 @@ int __wrap_open(const char* name, int flags, ...)
 
 int __wrap_close(int fd)
 {
-    return ReaderTable::Instance().Close(fd) ? 0 : close(fd);
+    return OpenFiles::Instance().Close(fd) ? 0 : close(fd);
 }

@@ -4,8 +4,8 @@
 #include <cstring>
 #include <new>
 
-#include "platform/host/iam/Prefetch.h"
-#include "platform/host/iam/SharedMemory.h"
+#include "platform/host/iam/wire/Prefetch.h"
+#include "platform/host/iam/wire/SharedMemory.h"
 
 namespace host_platform::iam {
 

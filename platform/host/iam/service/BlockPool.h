@@ -14,7 +14,7 @@
 
 #include "platform/host/common/Descriptor.h"
 #include "platform/host/common/Status.h"
-#include "platform/host/iam/Protocol.h"
+#include "platform/host/iam/wire/Protocol.h"
 
 namespace host_platform::iam {
 

@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "platform/host/iam/SharedMemory.h"
+#include "platform/host/iam/wire/SharedMemory.h"
 
 namespace host_platform::iam {
 

@@ -7,8 +7,8 @@
 #include <cstdint>
 
 #include "platform/host/common/Status.h"
-#include "platform/host/iam/Ring.h"
 #include "platform/host/iam/service/BlockPool.h"
+#include "platform/host/iam/wire/Ring.h"
 
 namespace host_platform::iam {
 

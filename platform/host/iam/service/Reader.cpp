@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <utility>
 
-#include "platform/host/iam/Messages.h"
+#include "platform/host/iam/wire/Messages.h"
 
 namespace host_platform::iam {
 namespace {

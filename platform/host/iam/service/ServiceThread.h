@@ -15,8 +15,8 @@
 #include "platform/host/common/Descriptor.h"
 #include "platform/host/common/Status.h"
 #include "platform/host/iam/Endpoint.h"
-#include "platform/host/iam/Messages.h"
 #include "platform/host/iam/service/Reader.h"
+#include "platform/host/iam/wire/Messages.h"
 
 namespace host_platform::iam {
 

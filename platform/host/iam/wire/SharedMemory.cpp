@@ -1,4 +1,4 @@
-#include "platform/host/iam/SharedMemory.h"
+#include "platform/host/iam/wire/SharedMemory.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>

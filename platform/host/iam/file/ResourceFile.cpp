@@ -1,4 +1,4 @@
-#include "platform/host/iam/ReaderConnection.h"
+#include "platform/host/iam/file/ResourceFile.h"
 
 #include <poll.h>
 #include <sys/socket.h>
@@ -9,11 +9,11 @@
 #include <cstring>
 #include <utility>
 
-#include "platform/host/iam/Fence.h"
 #include "platform/host/iam/Log.h"
-#include "platform/host/iam/Prefetch.h"
 #include "platform/host/iam/RuntimeDirectory.h"
-#include "platform/host/iam/SharedMemory.h"
+#include "platform/host/iam/wire/Fence.h"
+#include "platform/host/iam/wire/Prefetch.h"
+#include "platform/host/iam/wire/SharedMemory.h"
 
 namespace host_platform::iam {
 namespace {
@@ -72,7 +72,7 @@ Status WaitForMessage(int socket, Clock::time_point deadline)
 // ---------------------------------------------------------------------------------------------------------------------
 // Connecting
 
-Status ReaderConnection::Connect(const std::string& resource)
+Status ResourceFile::Connect(const std::string& resource)
 {
     const Clock::time_point deadline = Clock::now() + OPEN_TIME;
     resource_ = resource;
@@ -92,7 +92,7 @@ Status ReaderConnection::Connect(const std::string& resource)
     return status.Failed() ? status : Handshake(deadline);
 }
 
-Status ReaderConnection::Handshake(Clock::time_point deadline)
+Status ResourceFile::Handshake(Clock::time_point deadline)
 {
     Status status = SendMessage(socket_.Get(), MessageType::HELLO);
     // Three messages at most: each type is sound once.
@@ -111,7 +111,7 @@ Status ReaderConnection::Handshake(Clock::time_point deadline)
     return status.error == EPIPE ? Status{ECONNREFUSED, "the service has hung up"} : status;
 }
 
-Status ReaderConnection::Take(ReceivedMessage& received, bool& connected)
+Status ResourceFile::Take(ReceivedMessage& received, bool& connected)
 {
     if (received.type == MessageType::RING && !hasRing_) {
         return TakeRing(received);
@@ -126,7 +126,7 @@ Status ReaderConnection::Take(ReceivedMessage& received, bool& connected)
     return {EPROTO, "a message came out of turn"};
 }
 
-Status ReaderConnection::TakeRing(ReceivedMessage& received)
+Status ResourceFile::TakeRing(ReceivedMessage& received)
 {
     Mapping memory;
     Status status = MapSharedMemory(received.descriptors[0].Get(), received.message.bytes, Sharing::READ_WRITE, memory);
@@ -141,7 +141,7 @@ Status ReaderConnection::TakeRing(ReceivedMessage& received)
     return SendMessage(socket_.Get(), MessageType::READY);
 }
 
-Status ReaderConnection::TakePool(const ReceivedMessage& received)
+Status ResourceFile::TakePool(const ReceivedMessage& received)
 {
     const Message& message = received.message;
     poolShape_ = {message.bytes, message.count, message.stride};
@@ -151,7 +151,7 @@ Status ReaderConnection::TakePool(const ReceivedMessage& received)
 // ---------------------------------------------------------------------------------------------------------------------
 // Reading
 
-int64_t ReaderConnection::Read(void* buffer, size_t length)
+int64_t ResourceFile::Read(void* buffer, size_t length)
 {
     // Acquire and release: what one reading thread knows of the ring passes to the next.
     if (reading_.exchange(true, std::memory_order_acquire)) {
@@ -162,7 +162,7 @@ int64_t ReaderConnection::Read(void* buffer, size_t length)
     return result;
 }
 
-int64_t ReaderConnection::ReadAlone(void* buffer, size_t length)
+int64_t ResourceFile::ReadAlone(void* buffer, size_t length)
 {
     for (;;) {
         if (Closed()) {
@@ -191,7 +191,7 @@ int64_t ReaderConnection::ReadAlone(void* buffer, size_t length)
     }
 }
 
-int64_t ReaderConnection::Deliver(void* buffer, size_t length)
+int64_t ResourceFile::Deliver(void* buffer, size_t length)
 {
     if (!pool_) {
         // The message with the pool was sent before the first record was queued.
@@ -227,7 +227,7 @@ int64_t ReaderConnection::Deliver(void* buffer, size_t length)
 }
 
 // Starts to bring the next record over from the other processor while this one is worked on.
-void ReaderConnection::FetchAhead() const
+void ResourceFile::FetchAhead() const
 {
     if (!ring_.HasSecond()) {
         return;
@@ -239,7 +239,7 @@ void ReaderConnection::FetchAhead() const
 }
 
 // Returns once there is something to look at: a record, a message, a hang-up, a close.
-int ReaderConnection::Sleep()
+int ResourceFile::Sleep()
 {
     if (ring_.FallAsleep() != RingReader::State::EMPTY) {
         ring_.WakeUp();
@@ -261,7 +261,7 @@ int ReaderConnection::Sleep()
 }
 
 // Takes what the service has sent. 0 also when there was nothing.
-int ReaderConnection::HearService()
+int ResourceFile::HearService()
 {
     ReceivedMessage received;
     bool connected = true;
@@ -282,14 +282,14 @@ int ReaderConnection::HearService()
     return status.error == EPROTO ? Broken(status.cause) : status.error;
 }
 
-int ReaderConnection::Broken(const char* cause)
+int ResourceFile::Broken(const char* cause)
 {
     failure_ = EPROTO;
     Log("%s: the service is not to be trusted: %s", resource_.c_str(), cause);
     return EPROTO;
 }
 
-void ReaderConnection::Close()
+void ResourceFile::Close()
 {
     // Before the shutdown: a reader that copied from a block which the service took back on hearing of it, a system
     // call and another process later, finds the flag.

@@ -6,8 +6,8 @@
 // machine, so integers are in its byte order.
 //
 // Nothing that a peer sent or wrote is used before a function of this file has found it sound.
-#ifndef REPORT_EVENT_PLATFORM_HOST_IAM_PROTOCOL_H
-#define REPORT_EVENT_PLATFORM_HOST_IAM_PROTOCOL_H
+#ifndef REPORT_EVENT_PLATFORM_HOST_IAM_WIRE_PROTOCOL_H
+#define REPORT_EVENT_PLATFORM_HOST_IAM_WIRE_PROTOCOL_H
 
 #include <cstddef>
 #include <cstdint>
@@ -144,4 +144,4 @@ constexpr bool CountIsSound(uint64_t claimed, uint64_t known, uint64_t room)
 
 }  // namespace host_platform::iam
 
-#endif  // REPORT_EVENT_PLATFORM_HOST_IAM_PROTOCOL_H
+#endif  // REPORT_EVENT_PLATFORM_HOST_IAM_WIRE_PROTOCOL_H

@@ -2,8 +2,8 @@
 //
 // One thread at a time reads; any thread may close at any moment. The memory and the descriptors stay until the last
 // of them lets go, so a read never touches what a close has released.
-#ifndef REPORT_EVENT_PLATFORM_HOST_IAM_READER_CONNECTION_H
-#define REPORT_EVENT_PLATFORM_HOST_IAM_READER_CONNECTION_H
+#ifndef REPORT_EVENT_PLATFORM_HOST_IAM_FILE_RESOURCE_FILE_H
+#define REPORT_EVENT_PLATFORM_HOST_IAM_FILE_RESOURCE_FILE_H
 
 #include <atomic>
 #include <chrono>
@@ -14,13 +14,13 @@
 #include "platform/host/common/Descriptor.h"
 #include "platform/host/common/Status.h"
 #include "platform/host/iam/Doorbell.h"
-#include "platform/host/iam/Messages.h"
-#include "platform/host/iam/Protocol.h"
-#include "platform/host/iam/Ring.h"
+#include "platform/host/iam/wire/Messages.h"
+#include "platform/host/iam/wire/Protocol.h"
+#include "platform/host/iam/wire/Ring.h"
 
 namespace host_platform::iam {
 
-class ReaderConnection {
+class ResourceFile {
 public:
     // Connects to whoever serves the resource: at most a second in all, whatever the other side does. Once, before any
     // other call. ENOENT or ECONNREFUSED when nobody serves it, ETIMEDOUT when the service does not answer, EPROTO when
@@ -80,4 +80,4 @@ private:
 
 }  // namespace host_platform::iam
 
-#endif  // REPORT_EVENT_PLATFORM_HOST_IAM_READER_CONNECTION_H
+#endif  // REPORT_EVENT_PLATFORM_HOST_IAM_FILE_RESOURCE_FILE_H

@@ -1,6 +1,6 @@
 // Hints that bring the next record's cache lines over from another processor while this one is worked on.
-#ifndef REPORT_EVENT_PLATFORM_HOST_IAM_PREFETCH_H
-#define REPORT_EVENT_PLATFORM_HOST_IAM_PREFETCH_H
+#ifndef REPORT_EVENT_PLATFORM_HOST_IAM_WIRE_PREFETCH_H
+#define REPORT_EVENT_PLATFORM_HOST_IAM_WIRE_PREFETCH_H
 
 #include <algorithm>
 #include <cstdint>
@@ -21,4 +21,4 @@ void Prefetch(const unsigned char* bytes, uint32_t length)
 
 }  // namespace host_platform::iam
 
-#endif  // REPORT_EVENT_PLATFORM_HOST_IAM_PREFETCH_H
+#endif  // REPORT_EVENT_PLATFORM_HOST_IAM_WIRE_PREFETCH_H

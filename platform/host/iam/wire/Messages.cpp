@@ -1,4 +1,4 @@
-#include "platform/host/iam/Messages.h"
+#include "platform/host/iam/wire/Messages.h"
 
 #include <sys/socket.h>
 #include <unistd.h>

@@ -1,13 +1,13 @@
 // Sends and receives the messages of Protocol.h over a packet socket, with the descriptors that belong to them.
-#ifndef REPORT_EVENT_PLATFORM_HOST_IAM_MESSAGES_H
-#define REPORT_EVENT_PLATFORM_HOST_IAM_MESSAGES_H
+#ifndef REPORT_EVENT_PLATFORM_HOST_IAM_WIRE_MESSAGES_H
+#define REPORT_EVENT_PLATFORM_HOST_IAM_WIRE_MESSAGES_H
 
 #include <array>
 #include <initializer_list>
 
 #include "platform/host/common/Descriptor.h"
 #include "platform/host/common/Status.h"
-#include "platform/host/iam/Protocol.h"
+#include "platform/host/iam/wire/Protocol.h"
 
 namespace host_platform::iam {
 
@@ -31,4 +31,4 @@ Status CheckPeerUser(int socket, int* pid = nullptr);
 
 }  // namespace host_platform::iam
 
-#endif  // REPORT_EVENT_PLATFORM_HOST_IAM_MESSAGES_H
+#endif  // REPORT_EVENT_PLATFORM_HOST_IAM_WIRE_MESSAGES_H

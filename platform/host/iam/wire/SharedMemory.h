@@ -1,6 +1,6 @@
 // Sealed shared memory: made by the service, checked by the reader before it maps it.
-#ifndef REPORT_EVENT_PLATFORM_HOST_IAM_SHARED_MEMORY_H
-#define REPORT_EVENT_PLATFORM_HOST_IAM_SHARED_MEMORY_H
+#ifndef REPORT_EVENT_PLATFORM_HOST_IAM_WIRE_SHARED_MEMORY_H
+#define REPORT_EVENT_PLATFORM_HOST_IAM_WIRE_SHARED_MEMORY_H
 
 #include <cstdint>
 
@@ -24,4 +24,4 @@ Status MapSharedMemory(int fd, uint64_t bytes, Sharing sharing, Mapping& mapping
 
 }  // namespace host_platform::iam
 
-#endif  // REPORT_EVENT_PLATFORM_HOST_IAM_SHARED_MEMORY_H
+#endif  // REPORT_EVENT_PLATFORM_HOST_IAM_WIRE_SHARED_MEMORY_H

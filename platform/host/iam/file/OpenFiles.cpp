@@ -1,4 +1,4 @@
-#include "platform/host/iam/ReaderTable.h"
+#include "platform/host/iam/file/OpenFiles.h"
 
 #include <fcntl.h>
 #include <sys/resource.h>
@@ -20,13 +20,13 @@ constexpr int NUMBER_LIMIT = 4096;
 // find it, and the owner that keeps it alive. The view outlives the owner, which empties it.
 struct View {
     int fd = -1;
-    ReaderConnection* connection = nullptr;
+    ResourceFile* connection = nullptr;
     bool ownerGone = false;
 };
 __attribute__((tls_model("initial-exec"))) thread_local View lastRead;
 
 struct Owner {
-    std::shared_ptr<ReaderConnection> connection;
+    std::shared_ptr<ResourceFile> connection;
     ~Owner()
     {
         lastRead = {-1, nullptr, true};
@@ -34,7 +34,7 @@ struct Owner {
 };
 thread_local Owner lastReadOwner;
 
-void Remember(int fd, const std::shared_ptr<ReaderConnection>& connection)
+void Remember(int fd, const std::shared_ptr<ResourceFile>& connection)
 {
     if (!lastRead.ownerGone) {  // else the thread is ending
         lastReadOwner.connection = connection;
@@ -52,13 +52,13 @@ void Forget()
 
 }  // namespace
 
-ReaderTable& ReaderTable::Instance()
+OpenFiles& OpenFiles::Instance()
 {
-    static auto* const table = new ReaderTable;
+    static auto* const table = new OpenFiles;
     return *table;
 }
 
-Status ReaderTable::Add(std::shared_ptr<ReaderConnection> connection, int& fd)
+Status OpenFiles::Add(std::shared_ptr<ResourceFile> connection, int& fd)
 {
     const MutexLock lock(mutex_);
     UniqueFd number(NextNumber(connection->Socket()));
@@ -70,7 +70,7 @@ Status ReaderTable::Add(std::shared_ptr<ReaderConnection> connection, int& fd)
     return {};
 }
 
-int ReaderTable::NextNumber(int socket)
+int OpenFiles::NextNumber(int socket)
 {
     rlimit limit{};
     getrlimit(RLIMIT_NOFILE, &limit);
@@ -87,17 +87,17 @@ int ReaderTable::NextNumber(int socket)
     return fd;
 }
 
-std::shared_ptr<ReaderConnection> ReaderTable::Find(int fd)
+std::shared_ptr<ResourceFile> OpenFiles::Find(int fd)
 {
     const MutexLock lock(mutex_);
     const auto found = connections_.find(fd);
     return found != connections_.end() ? found->second : nullptr;
 }
 
-int64_t ReaderTable::Read(int fd, void* buffer, size_t length)
+int64_t OpenFiles::Read(int fd, void* buffer, size_t length)
 {
     if (lastRead.fd != fd || fd < 0) {
-        const std::shared_ptr<ReaderConnection> connection = Find(fd);
+        const std::shared_ptr<ResourceFile> connection = Find(fd);
         if (connection == nullptr) {
             return -EBADF;
         }
@@ -112,9 +112,9 @@ int64_t ReaderTable::Read(int fd, void* buffer, size_t length)
     return result;
 }
 
-bool ReaderTable::Close(int fd)
+bool OpenFiles::Close(int fd)
 {
-    std::shared_ptr<ReaderConnection> connection;
+    std::shared_ptr<ResourceFile> connection;
     {
         const MutexLock lock(mutex_);
         const auto found = connections_.find(fd);

@@ -8,8 +8,8 @@
 // Sleeping without losing a wake-up: the reader stores `sleeping`, then loads `appended`; the service stores
 // `appended`, then loads `sleeping`. All four are sequentially consistent, so at least one of the two sees the other's
 // store: either the reader finds the record and stays awake, or the service finds the flag and rings.
-#ifndef REPORT_EVENT_PLATFORM_HOST_IAM_RING_H
-#define REPORT_EVENT_PLATFORM_HOST_IAM_RING_H
+#ifndef REPORT_EVENT_PLATFORM_HOST_IAM_WIRE_RING_H
+#define REPORT_EVENT_PLATFORM_HOST_IAM_WIRE_RING_H
 
 #include <atomic>
 #include <cstddef>
@@ -18,8 +18,8 @@
 #include <utility>
 
 #include "platform/host/common/Descriptor.h"
-#include "platform/host/iam/Fence.h"
-#include "platform/host/iam/Protocol.h"
+#include "platform/host/iam/wire/Fence.h"
+#include "platform/host/iam/wire/Protocol.h"
 
 namespace host_platform::iam {
 
@@ -175,4 +175,4 @@ private:
 
 }  // namespace host_platform::iam
 
-#endif  // REPORT_EVENT_PLATFORM_HOST_IAM_RING_H
+#endif  // REPORT_EVENT_PLATFORM_HOST_IAM_WIRE_RING_H

@@ -1,6 +1,6 @@
 // A barrier between plain memory accesses and a flag, where the other side is another process.
-#ifndef REPORT_EVENT_PLATFORM_HOST_IAM_FENCE_H
-#define REPORT_EVENT_PLATFORM_HOST_IAM_FENCE_H
+#ifndef REPORT_EVENT_PLATFORM_HOST_IAM_WIRE_FENCE_H
+#define REPORT_EVENT_PLATFORM_HOST_IAM_WIRE_FENCE_H
 
 #include <atomic>
 
@@ -32,4 +32,4 @@ inline void OrderLoads()
 
 }  // namespace host_platform::iam
 
-#endif  // REPORT_EVENT_PLATFORM_HOST_IAM_FENCE_H
+#endif  // REPORT_EVENT_PLATFORM_HOST_IAM_WIRE_FENCE_H
