@@ -239,7 +239,8 @@ protected:
         getrlimit(RLIMIT_NOFILE, &limit_);
         {
             const Publisher warmUp(1);
-        }  // the service thread and its descriptors stay
+            const Reader reader;
+        }  // the two threads and their descriptors stay
         descriptors_ = OpenDescriptors();
     }
     ~IamTest() override

@@ -1,11 +1,14 @@
 #include "platform/host/iam/BackgroundThread.h"
 
+#include <pthread.h>
+
 #include <csignal>
 
 namespace host_platform::iam {
 
-Status StartBackgroundThread(const char* name, void* (*run)(void*), void* argument, pthread_t& thread)
+Status StartBackgroundThread(const char* name, void* (*run)(void*), void* argument)
 {
+    pthread_t thread{};
     sigset_t all;
     sigset_t before;
     sigfillset(&all);

@@ -27,7 +27,6 @@ int __wrap_close(int fd);
 #include "platform/host/iam/Log.h"
 #include "platform/host/iam/RuntimeDirectory.h"
 #include "platform/host/iam/file/OpenFiles.h"
-#include "platform/host/iam/file/ResourceFile.h"
 #include "platform/host/iam/service/Handles.h"
 #include "platform/host/iam/service/Service.h"
 
@@ -79,9 +78,7 @@ Status OpenResource(const char* name, int flags, int& fd)
     if ((flags & O_ACCMODE) == O_WRONLY) {
         return {EACCES, "a resource file is read"};
     }
-    const auto connection = std::make_shared<ResourceFile>();
-    const Status connected = connection->Connect(name);
-    return connected.Failed() ? connected : OpenFiles::Instance().Add(connection, fd);
+    return OpenFiles::Instance().Open(name, fd);
 }
 
 }  // namespace

@@ -6,7 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <utility>
+#include <new>
 
 namespace host_platform::iam {
 namespace {
@@ -16,57 +16,72 @@ namespace {
 constexpr int FIRST_NUMBER = 64;
 constexpr int NUMBER_LIMIT = 4096;
 
-// What this thread read last: a bare view for the fast path, in the thread's static block where no call is needed to
-// find it, and the owner that keeps it alive. The view outlives the owner, which empties it.
-struct View {
-    int fd = -1;
-    ResourceFile* connection = nullptr;
-    bool ownerGone = false;
+// What this thread read last. In the thread's static block, where no call is needed to find it.
+struct LastRead {
+    int fd;  // -1: nothing
+    ResourceFile* file;
+    uint64_t use;
 };
-__attribute__((tls_model("initial-exec"))) thread_local View lastRead;
-
-struct Owner {
-    std::shared_ptr<ResourceFile> connection;
-    ~Owner()
-    {
-        lastRead = {-1, nullptr, true};
-    }
-};
-thread_local Owner lastReadOwner;
-
-void Remember(int fd, const std::shared_ptr<ResourceFile>& connection)
-{
-    if (!lastRead.ownerGone) {  // else the thread is ending
-        lastReadOwner.connection = connection;
-        lastRead = {fd, connection.get(), false};
-    }
-}
-
-void Forget()
-{
-    if (!lastRead.ownerGone) {
-        lastRead = {};
-        lastReadOwner.connection.reset();
-    }
-}
+__attribute__((tls_model("initial-exec"))) thread_local LastRead lastRead{-1, nullptr, 0};
 
 }  // namespace
 
 OpenFiles& OpenFiles::Instance()
 {
-    static auto* const table = new OpenFiles;
-    return *table;
+    alignas(OpenFiles) static unsigned char place[sizeof(OpenFiles)];
+    static auto* const files = new (place) OpenFiles;
+    return *files;
 }
 
-Status OpenFiles::Add(std::shared_ptr<ResourceFile> connection, int& fd)
+Status OpenFiles::Open(const char* resource, int& fd)
+{
+    Slot* const slot = Claim();
+    if (slot == nullptr) {
+        return {ENOMEM, "out of memory"};
+    }
+    Status status = slot->file.Connect(resource);
+    if (!status.Failed()) {
+        status = watcher_.Start();
+    }
+    if (!status.Failed()) {
+        status = watcher_.Follow(slot->file);
+    }
+    if (!status.Failed()) {
+        status = GiveNumber(*slot, fd);
+    }
+    if (status.Failed()) {
+        slot->file.Abandon();
+    }
+    return status;
+}
+
+OpenFiles::Slot* OpenFiles::Claim()
 {
     const MutexLock lock(mutex_);
-    UniqueFd number(NextNumber(connection->Socket()));
-    if (!number) {
+    for (Slot* slot = newest_; slot != nullptr; slot = slot->older) {
+        if (slot->file.Claim()) {
+            return slot;
+        }
+    }
+    auto* const slot = new (std::nothrow) Slot;
+    if (slot != nullptr) {
+        slot->older = newest_;
+        slot->file.Claim();
+        newest_ = slot;
+    }
+    return slot;
+}
+
+Status OpenFiles::GiveNumber(Slot& slot, int& fd)
+{
+    const MutexLock lock(mutex_);
+    const int number = NextNumber(slot.file.Socket());
+    if (number < 0) {
         return {errno, "there is no descriptor for it"};
     }
-    connections_[number.Get()] = std::move(connection);
-    fd = number.Release();
+    slot.number = number;
+    slot.file.Publish();
+    fd = number;
     return {};
 }
 
@@ -87,49 +102,68 @@ int OpenFiles::NextNumber(int socket)
     return fd;
 }
 
-std::shared_ptr<ResourceFile> OpenFiles::Find(int fd)
+OpenFiles::Slot* OpenFiles::Find(int fd) const
+{
+    Slot* slot = fd >= 0 ? newest_.load() : nullptr;
+    while (slot != nullptr && slot->number != fd) {
+        slot = slot->older;
+    }
+    return slot;
+}
+
+bool OpenFiles::Remember(int fd)
 {
     const MutexLock lock(mutex_);
-    const auto found = connections_.find(fd);
-    return found != connections_.end() ? found->second : nullptr;
+    Slot* const slot = Find(fd);
+    if (slot == nullptr) {
+        return false;
+    }
+    lastRead = {fd, &slot->file, slot->file.Use()};
+    return true;
 }
 
 int64_t OpenFiles::Read(int fd, void* buffer, size_t length)
 {
-    if (lastRead.fd != fd || fd < 0) {
-        const std::shared_ptr<ResourceFile> connection = Find(fd);
-        if (connection == nullptr) {
-            return -EBADF;
-        }
-        Remember(fd, connection);
-        return connection->Read(buffer, length);
+    if ((lastRead.fd != fd || fd < 0) && !Remember(fd)) {
+        return -EBADF;
     }
-    // Nothing that runs on this thread meanwhile can make it forget the connection.
-    const int64_t result = lastRead.connection->Read(buffer, length);
+    const int64_t result = lastRead.file->Read(lastRead.use, buffer, length);
     if (result == -EBADF) {
-        Forget();
+        lastRead.fd = -1;
     }
     return result;
 }
 
 bool OpenFiles::Close(int fd)
 {
-    std::shared_ptr<ResourceFile> connection;
+    if (!watcher_.IsInThisProcess()) {
+        return false;
+    }
+    Slot* slot = nullptr;
     {
         const MutexLock lock(mutex_);
-        const auto found = connections_.find(fd);
-        if (found == connections_.end()) {
+        slot = Find(fd);
+        if (slot == nullptr) {
             return false;
         }
-        connection = std::move(found->second);
-        connections_.erase(found);
+        slot->number = -1;
     }
-    connection->Close();
+    const uint64_t use = slot->file.Use();  // stays until this thread has closed it
+    slot->file.Close();
     close(fd);  // last: from here on the number may be another file's
-    if (lastRead.connection == connection.get()) {
-        Forget();
+    if (lastRead.file == &slot->file && lastRead.use == use) {
+        lastRead.fd = -1;
     }
     return true;
+}
+
+bool OpenFiles::WakeInattentive() const
+{
+    bool someone = false;
+    for (const Slot* slot = newest_; slot != nullptr; slot = slot->older) {
+        someone = slot->file.WakeInattentive() || someone;
+    }
+    return someone;
 }
 
 }  // namespace host_platform::iam

@@ -5,13 +5,11 @@
 #include <sys/time.h>
 
 #include <cerrno>
-#include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <utility>
 
 #include "platform/host/iam/Log.h"
-#include "platform/host/iam/RuntimeDirectory.h"
-#include "platform/host/iam/wire/Fence.h"
 #include "platform/host/iam/wire/Prefetch.h"
 #include "platform/host/iam/wire/SharedMemory.h"
 
@@ -24,6 +22,11 @@ using std::chrono::milliseconds;
 
 // An open takes one second at most; the last tenth is for the processor to come back after a wait that was in vain.
 constexpr auto OPEN_TIME = std::chrono::milliseconds(900);
+
+// Inside a stream the next record is often so near that it comes while a reader would fall asleep. Outside of one,
+// looking on costs the processor's time and gains nothing.
+constexpr uint32_t RECORDS_OF_A_STREAM = 16;
+constexpr int MOST_LOOKS = 100;
 
 // Connecting to a local socket waits only while the service's backlog is full; the send timeout bounds that.
 Status ConnectSocket(int socket, const Path& path, Clock::time_point deadline)
@@ -70,17 +73,91 @@ Status WaitForMessage(int socket, Clock::time_point deadline)
 }  // namespace
 
 // ---------------------------------------------------------------------------------------------------------------------
+// One use after the other
+
+bool ResourceFile::Claim()
+{
+    const uint64_t state = state_.load(std::memory_order_acquire);  // pairs with the end of the last use
+    if (state % USE_STEP != CLOSED) {
+        return false;
+    }
+    state_.store(state + USE_STEP + HELD);
+    return true;
+}
+
+void ResourceFile::Publish()
+{
+    state_.store(Use() * USE_STEP);
+}
+
+void ResourceFile::Abandon()
+{
+    Leave(HELD);
+}
+
+void ResourceFile::Close()
+{
+    // Before the shutdown: a reader that copied from a block which the service took back on hearing of it, a system
+    // call and another process later, finds the flag.
+    state_.fetch_or(CLOSED | HELD);
+    shutdown(socket_.Get(), SHUT_RDWR);
+    // At once; whom this misses because it is just falling asleep, the watcher wakes, which the shutdown has called.
+    const BellWord* const word = sleepsAt_.load();
+    if (word != nullptr) {
+        WakeSleeper(word);
+    }
+    Leave(HELD);
+}
+
+// Whoever is the last inside after a close releases everything: nobody comes in any more.
+void ResourceFile::Leave(uint64_t flag)
+{
+    // Acquire and release: what one thread knows of the ring passes to the next, and to whoever releases it.
+    uint64_t state = state_.load(std::memory_order_relaxed);
+    while (state % USE_STEP != (CLOSED | flag)) {
+        if (state_.compare_exchange_weak(state, state & ~flag, std::memory_order_acq_rel, std::memory_order_acquire)) {
+            return;
+        }
+    }
+    Release();
+    state_.store(state & ~flag, std::memory_order_release);
+}
+
+void ResourceFile::Release()
+{
+    socket_.Reset();
+    ring_ = RingReader();
+    pool_ = Mapping();
+    poolShape_ = {};
+    attention_ = false;
+    connected_ = false;
+    hungUp_ = false;
+    failure_ = 0;
+    recordsSinceSleep_ = 0;
+}
+
+bool ResourceFile::WakeInattentive() const
+{
+    const BellWord* const word = sleepsAt_.load();
+    if (word == nullptr || !attention_.load()) {
+        return false;
+    }
+    WakeSleeper(word);
+    return true;
+}
+
+// ---------------------------------------------------------------------------------------------------------------------
 // Connecting
 
-Status ResourceFile::Connect(const std::string& resource)
+Status ResourceFile::Connect(const char* resource)
 {
     const Clock::time_point deadline = Clock::now() + OPEN_TIME;
-    resource_ = resource;
     Path path{};
-    Status status = FindSocketPath(Missing::REFUSE, resource.c_str(), path);
+    Status status = FindSocketPath(Missing::REFUSE, resource, path);
     if (status.Failed()) {
         return status;
     }
+    snprintf(resource_.text, sizeof resource_.text, "%s", resource);
     socket_ = AboveStandard(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
     if (!socket_) {
         return {errno, "a socket cannot be made"};
@@ -96,14 +173,14 @@ Status ResourceFile::Handshake(Clock::time_point deadline)
 {
     Status status = SendMessage(socket_.Get(), MessageType::HELLO);
     // Three messages at most: each type is sound once.
-    for (bool connected = false; !status.Failed() && !connected;) {
+    while (!status.Failed() && !connected_) {
         status = WaitForMessage(socket_.Get(), deadline);
         ReceivedMessage received;
         if (!status.Failed()) {
             status = ReceiveMessage(socket_.Get(), received);
         }
         if (!status.Failed()) {
-            status = Take(received, connected);
+            status = Take(received);
         } else if (status.error == EAGAIN) {
             status = {};
         }
@@ -111,33 +188,33 @@ Status ResourceFile::Handshake(Clock::time_point deadline)
     return status.error == EPIPE ? Status{ECONNREFUSED, "the service has hung up"} : status;
 }
 
-Status ResourceFile::Take(ReceivedMessage& received, bool& connected)
+Status ResourceFile::Take(const ReceivedMessage& received)
 {
-    if (received.type == MessageType::RING && !hasRing_) {
+    if (received.type == MessageType::RING && !ring_) {
         return TakeRing(received);
     }
-    if (received.type == MessageType::POOL && hasRing_ && !pool_) {
+    if (received.type == MessageType::POOL && ring_ && !pool_) {
         return TakePool(received);
     }
-    if (received.type == MessageType::CONNECTED && hasRing_ && !connected) {
-        connected = true;
+    if (received.type == MessageType::CONNECTED && ring_ && !connected_) {
+        connected_ = true;
         return {};
     }
     return {EPROTO, "a message came out of turn"};
 }
 
-Status ResourceFile::TakeRing(ReceivedMessage& received)
+Status ResourceFile::TakeRing(const ReceivedMessage& received)
 {
-    Mapping memory;
-    Status status = MapSharedMemory(received.descriptors[0].Get(), received.message.bytes, Sharing::READ_WRITE, memory);
+    Mapping service;
+    Mapping own;
+    Status status = MapSharedMemory(received.descriptors[0], received.message.bytes, Writer::SERVICE, service);
     if (!status.Failed()) {
-        status = bell_.Adopt(received.descriptors[1].Get());
+        status = MapSharedMemory(received.descriptors[1], READER_WORDS_BYTES, Writer::READER, own);
     }
     if (status.Failed()) {
         return status;
     }
-    ring_ = RingReader(std::move(memory), received.message.count);
-    hasRing_ = true;
+    ring_ = RingReader(std::move(service), std::move(own), received.message.count);
     return SendMessage(socket_.Get(), MessageType::READY);
 }
 
@@ -145,27 +222,33 @@ Status ResourceFile::TakePool(const ReceivedMessage& received)
 {
     const Message& message = received.message;
     poolShape_ = {message.bytes, message.count, message.stride};
-    return MapSharedMemory(received.descriptors[0].Get(), message.bytes, Sharing::READ_ONLY, pool_);
+    return MapSharedMemory(received.descriptors[0], message.bytes, Writer::SERVICE, pool_);
 }
 
 // ---------------------------------------------------------------------------------------------------------------------
 // Reading
 
-int64_t ResourceFile::Read(void* buffer, size_t length)
+int64_t ResourceFile::Read(uint64_t use, void* buffer, size_t length)
 {
-    // Acquire and release: what one reading thread knows of the ring passes to the next.
-    if (reading_.exchange(true, std::memory_order_acquire)) {
-        return -EBUSY;
+    uint64_t state = use * USE_STEP;
+    // Acquire, and release when it leaves: see there.
+    while (!state_.compare_exchange_weak(state, state | READING, std::memory_order_acquire)) {
+        if (state / USE_STEP != use || (state & CLOSED) != 0) {
+            return -EBADF;
+        }
+        if ((state & READING) != 0) {
+            return -EBUSY;
+        }
     }
     const int64_t result = ReadAlone(buffer, length);
-    reading_.store(false, std::memory_order_release);
+    Leave(READING);
     return result;
 }
 
 int64_t ResourceFile::ReadAlone(void* buffer, size_t length)
 {
     for (;;) {
-        if (Closed()) {
+        if (IsClosed()) {
             return -EBADF;
         }
         if (failure_ != 0) {
@@ -182,9 +265,12 @@ int64_t ResourceFile::ReadAlone(void* buffer, size_t length)
                 break;
         }
         if (nothingMore) {
-            return ring_.RevokedMeanwhile() ? -ESTALE : -EPIPE;
+            return -Fail(ring_.RevokedMeanwhile() ? ESTALE : EPIPE);
         }
-        const int error = Sleep();
+        if (StreamGoesOn()) {
+            continue;
+        }
+        const int error = attention_.load() ? HearService() : Sleep();
         if (error != 0) {
             return -error;
         }
@@ -200,12 +286,12 @@ int64_t ResourceFile::Deliver(void* buffer, size_t length)
             return -error;
         }
         if (!pool_) {
-            return Closed() ? -EBADF : -Broken("it queues records before there is a pool");
+            return IsClosed() ? -EBADF : -Broken("it queues records before there is a pool");
         }
     }
     const auto place = LocateRecord(ring_.Front(), poolShape_);
     if (!place) {
-        return ring_.RevokedMeanwhile() ? -ESTALE : -Broken("an entry of its ring makes no sense");
+        return ring_.RevokedMeanwhile() ? -Fail(ESTALE) : -Broken("an entry of its ring makes no sense");
     }
     if (place->length > length) {
         return -EMSGSIZE;
@@ -217,12 +303,13 @@ int64_t ResourceFile::Deliver(void* buffer, size_t length)
     // The service takes blocks back when this connection ends, by a close on this side or a cut on its own. Both leave
     // their mark before the first byte of another record is written: whoever copied such a byte finds the mark.
     if (ring_.RevokedMeanwhile()) {
-        return Closed() ? -EBADF : -ESTALE;
+        return IsClosed() ? -EBADF : -Fail(ESTALE);
     }
-    if (Closed()) {
+    if (IsClosed()) {
         return -EBADF;
     }
     ring_.Pop();
+    ++recordsSinceSleep_;
     return place->length;
 }
 
@@ -238,63 +325,68 @@ void ResourceFile::FetchAhead() const
     }
 }
 
-// Returns once there is something to look at: a record, a message, a hang-up, a close.
-int ResourceFile::Sleep()
+bool ResourceFile::StreamGoesOn()
 {
-    if (ring_.FallAsleep() != RingReader::State::EMPTY) {
-        ring_.WakeUp();
-        return 0;
+    if (recordsSinceSleep_ < RECORDS_OF_A_STREAM) {
+        return false;
     }
-    pollfd waiting[] = {{bell_.Fd(), POLLIN, 0}, {socket_.Get(), POLLIN | POLLRDHUP, 0}};
-    const int ready = poll(waiting, std::size(waiting), -1);
-    const int error = errno;
-    ring_.WakeUp();
-    if (ready < 0) {
-        return error == EINTR ? 0 : error;
+    for (int look = 0; look < MOST_LOOKS; ++look) {
+        if (ring_.Look() != RingReader::State::EMPTY) {
+            return true;
+        }
     }
-    if ((waiting[0].revents & POLLIN) != 0) {
-        bell_.Drain();
-    } else if (waiting[0].revents != 0) {
-        hungUp_ = true;  // nobody holds the other end of the bell
-    }
-    return waiting[1].revents != 0 ? HearService() : 0;
+    return false;
 }
 
-// Takes what the service has sent. 0 also when there was nothing.
+// Returns once there may be something to look at: a record, a message, a hang-up, a close.
+int ResourceFile::Sleep()
+{
+    recordsSinceSleep_ = 0;
+    // What is stored here is stored before what is loaded then, and the watcher and a close do it the other way round:
+    // either this thread stays awake, or they know where it sleeps.
+    sleepsAt_.store(ring_.Word());
+    int error = 0;
+    if (ring_.FallAsleep() == RingReader::State::EMPTY && !attention_.load() && (state_.load() & CLOSED) == 0) {
+        error = ring_.Sleep();
+    }
+    sleepsAt_.store(nullptr);
+    ring_.WakeUp();
+    return error;
+}
+
+// Takes what the service has sent, to the last message. 0 also when there was nothing.
 int ResourceFile::HearService()
 {
-    ReceivedMessage received;
-    bool connected = true;
-    Status status = ReceiveMessage(socket_.Get(), received);
-    if (status.error == EAGAIN) {
-        return 0;
+    attention_.store(false);
+    for (;;) {
+        ReceivedMessage received;
+        Status status = ReceiveMessage(socket_.Get(), received);
+        if (status.error == EAGAIN) {
+            return 0;
+        }
+        if (status.error == EPIPE) {
+            hungUp_ = true;
+            return 0;
+        }
+        if (!status.Failed()) {
+            status = Take(received);
+        }
+        if (status.Failed()) {  // the message is gone: there is no second attempt
+            return status.error == EPROTO ? Broken(status.cause) : Fail(status.error);
+        }
     }
-    if (status.error == EPIPE) {
-        hungUp_ = true;
-        return 0;
-    }
-    if (!status.Failed()) {
-        status = Take(received, connected);
-    }
-    if (status.Failed() && status.error != EPROTO) {
-        failure_ = status.error;  // the message is gone: there is no second attempt
-    }
-    return status.error == EPROTO ? Broken(status.cause) : status.error;
+}
+
+int ResourceFile::Fail(int error)
+{
+    failure_ = error;
+    return error;
 }
 
 int ResourceFile::Broken(const char* cause)
 {
-    failure_ = EPROTO;
-    Log("%s: the service is not to be trusted: %s", resource_.c_str(), cause);
-    return EPROTO;
-}
-
-void ResourceFile::Close()
-{
-    // Before the shutdown: a reader that copied from a block which the service took back on hearing of it, a system
-    // call and another process later, finds the flag.
-    closed_.store(true, std::memory_order_seq_cst);
-    shutdown(socket_.Get(), SHUT_RDWR);
+    Log("%s: the service is not to be trusted: %s", resource_.text, cause);
+    return Fail(EPROTO);
 }
 
 }  // namespace host_platform::iam

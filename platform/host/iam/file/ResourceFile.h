@@ -1,7 +1,9 @@
-// A reader's side of one opened resource file.
+// The subscriber's side of one opened resource file.
 //
-// One thread at a time reads; any thread may close at any moment. The memory and the descriptors stay until the last
-// of them lets go, so a read never touches what a close has released.
+// One thread at a time reads; any thread may close at any moment. An object is never returned to the heap but used
+// again, so that a pointer to one stays good for ever; the number of the use tells one file from the next. The number
+// and who is inside stand in one word: whoever leaves last after the close releases memory and socket, so that a read
+// never touches what a close has released.
 #ifndef REPORT_EVENT_PLATFORM_HOST_IAM_FILE_RESOURCE_FILE_H
 #define REPORT_EVENT_PLATFORM_HOST_IAM_FILE_RESOURCE_FILE_H
 
@@ -9,11 +11,10 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <string>
 
 #include "platform/host/common/Descriptor.h"
 #include "platform/host/common/Status.h"
-#include "platform/host/iam/Doorbell.h"
+#include "platform/host/iam/RuntimeDirectory.h"
 #include "platform/host/iam/wire/Messages.h"
 #include "platform/host/iam/wire/Protocol.h"
 #include "platform/host/iam/wire/Ring.h"
@@ -22,60 +23,100 @@ namespace host_platform::iam {
 
 class ResourceFile {
 public:
-    // Connects to whoever serves the resource: at most a second in all, whatever the other side does. Once, before any
-    // other call. ENOENT or ECONNREFUSED when nobody serves it, ETIMEDOUT when the service does not answer, EPROTO when
-    // what it answers makes no sense, EACCES when it runs as another user.
-    Status Connect(const std::string& resource);
+    // --- For whoever opens it, one thread at a time.
 
-    // Returns the length of the record, or a negative errno value:
-    //   EBADF     closed meanwhile, by whichever thread
-    //   EPIPE     the service has ended; what it had queued was delivered first
-    //   ESTALE    the service lives and has cut this reader off
-    //   EMSGSIZE  the record does not fit; it stays the next one
-    //   EPROTO    the ring, the pool or a message makes no sense; this connection is of no more use
-    //   EBUSY     another thread is reading
-    //   EMFILE, ENOMEM  the pool has arrived and could not be mapped
-    int64_t Read(void* buffer, size_t length);
+    // Takes it for a new use, unless an old one still lasts. Until Publish it is closed to everyone else.
+    bool Claim();
+    // Connects to whoever serves the resource: at most a second in all, whatever the other side does. ENOENT or
+    // ECONNREFUSED when nobody serves it, ETIMEDOUT when the service does not answer, EPROTO when what it answers makes
+    // no sense, EACCES when it runs as another user.
+    Status Connect(const char* resource);
+    void Publish();
+    // Instead of Publish: gives back what it has.
+    void Abandon();
 
-    // Ends every read, running or to come, at once.
-    void Close();
+    // --- For everyone, once it is published.
 
-    bool Closed() const
+    uint64_t Use() const
     {
-        // Relaxed: for a reader that comes by, the answer is as good a moment earlier.
-        return closed_.load(std::memory_order_relaxed);
+        return state_.load() / USE_STEP;
     }
     int Socket() const
     {
         return socket_.Get();
     }
+    const char* Resource() const
+    {
+        return resource_.text;
+    }
+
+    // Returns the length of the record, or a negative errno value:
+    //   EBADF     this use of it is over, or ends meanwhile, by whichever thread
+    //   EPIPE     the service has ended; what it had queued was delivered first
+    //   ESTALE    the service lives and has cut this reader off
+    //   EMSGSIZE  the record does not fit; it stays the next one
+    //   EPROTO    the ring, the pool or a message makes no sense; this file is of no more use
+    //   EBUSY     another thread is reading
+    //   EMFILE, ENOMEM  the pool has arrived and could not be mapped
+    int64_t Read(uint64_t use, void* buffer, size_t length);
+
+    // Ends every read of this use, running or to come, at once. Once for each use.
+    void Close();
+
+    // --- For the watcher.
+
+    // Something has happened to the socket that a reader must look at.
+    void CallAttention()
+    {
+        attention_.store(true);
+    }
+    // Wakes a reader that sleeps in spite of that. False when there is none; otherwise it has to be tried again until
+    // then, because a reader that is just falling asleep is missed.
+    bool WakeInattentive() const;
 
 private:
+    // The word: the number of the use, and in its low bits who is inside.
+    static constexpr uint64_t CLOSED = 1;
+    static constexpr uint64_t READING = 2;  // one thread reads
+    static constexpr uint64_t HELD = 4;     // one thread opens or closes it
+    static constexpr uint64_t USE_STEP = 8;
+
+    bool IsClosed() const
+    {
+        // Relaxed: where it matters, a fence or another look follows.
+        return (state_.load(std::memory_order_relaxed) & CLOSED) != 0;
+    }
+    void Leave(uint64_t flag);
+    void Release();
+
     Status Handshake(std::chrono::steady_clock::time_point deadline);
-    Status Take(ReceivedMessage& received, bool& connected);
-    Status TakeRing(ReceivedMessage& received);
+    Status Take(const ReceivedMessage& received);
+    Status TakeRing(const ReceivedMessage& received);
     Status TakePool(const ReceivedMessage& received);
 
     int64_t ReadAlone(void* buffer, size_t length);
     int64_t Deliver(void* buffer, size_t length);
     void FetchAhead() const;
+    bool StreamGoesOn();
     int Sleep();
     int HearService();
+    int Fail(int error);
     int Broken(const char* cause);
 
+    std::atomic<uint64_t> state_{CLOSED};
+    std::atomic<bool> attention_{false};
+    std::atomic<const BellWord*> sleepsAt_{nullptr};  // where the reading thread sleeps, or is about to
+
+    // Of the thread that is inside.
     UniqueFd socket_;  // the number that open returned is a duplicate of it
-    std::string resource_;
-    DoorbellListener bell_;
+    Path resource_{};
     RingReader ring_;
-    bool hasRing_ = false;
     Mapping pool_;
     PoolShape poolShape_;
-
-    bool hungUp_ = false;  // nothing more will come
-    int failure_ = 0;      // set for good by Broken
-
-    std::atomic<bool> reading_{false};
-    std::atomic<bool> closed_{false};
+    bool connected_ = false;  // the service has said so
+    bool hungUp_ = false;     // nothing more will come
+    int failure_ = 0;         // for good
+    uint32_t recordsSinceSleep_ = 0;
 };
 
 }  // namespace host_platform::iam

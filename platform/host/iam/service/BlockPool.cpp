@@ -20,7 +20,7 @@ Status BlockPool::Create(const PoolShape& shape)
         free_[freeCount_++] = static_cast<uint16_t>(block - 1);
     }
     shape_ = shape;
-    return CreateSharedMemory("iam-pool", shape.bytes, Sharing::READ_ONLY, memoryFd_, memory_);
+    return CreateSharedMemory("iam-pool", shape.bytes, Writer::SERVICE, memoryFd_, memory_);
 }
 
 uint32_t BlockPool::Allocate(uint32_t length, uint64_t use)

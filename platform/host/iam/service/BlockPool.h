@@ -33,9 +33,9 @@ public:
     {
         return shape_;
     }
-    int Fd() const
+    const UniqueFd& Memory() const
     {
-        return memoryFd_.Get();
+        return memoryFd_;
     }
     bool Exhausted() const
     {

@@ -6,12 +6,16 @@
 
 namespace host_platform::iam {
 
-Status BlockQueue::Create(uint32_t entries, UniqueFd& memory)
+Status BlockQueue::Create(uint32_t entries, Memories& memories)
 {
-    Mapping mapping;
-    const Status status = CreateSharedMemory("iam-ring", RingBytes(entries), Sharing::READ_WRITE, memory, mapping);
+    Mapping own;
+    Mapping readers;
+    Status status = CreateSharedMemory("iam-ring", RingBytes(entries), Writer::SERVICE, memories.service, own);
     if (!status.Failed()) {
-        ring_ = RingWriter(std::move(mapping), entries);
+        status = CreateSharedMemory("iam-reader", READER_WORDS_BYTES, Writer::READER, memories.reader, readers);
+    }
+    if (!status.Failed()) {
+        ring_ = RingWriter(std::move(own), std::move(readers), entries);
     }
     return status;
 }
@@ -19,16 +23,16 @@ Status BlockQueue::Create(uint32_t entries, UniqueFd& memory)
 BlockQueue::Appended BlockQueue::Append(uint32_t block, BlockPool& pool)
 {
     const uint32_t length = pool.Queue(block, blocks_);
-    return {length, ring_.Append(block, length)};
+    return {length, ring_.Append(block, length) ? ring_.Word() : nullptr};
 }
 
 bool BlockQueue::TakeBackConsumed(BlockPool& pool)
 {
-    const uint64_t consumed = ring_.ClaimedConsumed();
+    const uint32_t consumed = ring_.ClaimedConsumed();
     if (!CountIsSound(consumed, takenBack_, blocks_.count)) {
         return false;
     }
-    pool.TakeBack(static_cast<uint32_t>(consumed - takenBack_), blocks_);
+    pool.TakeBack(consumed - takenBack_, blocks_);
     takenBack_ = consumed;
     return true;
 }

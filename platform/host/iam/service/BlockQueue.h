@@ -14,12 +14,17 @@ namespace host_platform::iam {
 
 class BlockQueue {
 public:
-    // Makes a ring of this many entries. `memory` is for the reader and not kept.
-    Status Create(uint32_t entries, UniqueFd& memory);
+    // What the reader maps of the ring. Once it is sent, nobody needs the descriptors any more.
+    struct Memories {
+        UniqueFd service;
+        UniqueFd reader;
+    };
+    // Makes a ring of this many entries.
+    Status Create(uint32_t entries, Memories& memories);
 
     struct Appended {
-        uint32_t length;  // of the block's record
-        bool ringBell;    // the reader sleeps and must be woken
+        uint32_t length;       // of the block's record
+        const BellWord* wake;  // where the reader sleeps and must be woken; null if it does not
     };
     // Queues an allocated block.
     Appended Append(uint32_t block, BlockPool& pool);
@@ -36,7 +41,7 @@ public:
     {
         return blocks_.count;
     }
-    uint64_t ClaimedConsumed() const
+    uint32_t ClaimedConsumed() const
     {
         return ring_.ClaimedConsumed();
     }
@@ -44,7 +49,7 @@ public:
 private:
     RingWriter ring_;
     BlockFifo blocks_;
-    uint64_t takenBack_ = 0;  // of all entries ever appended
+    uint32_t takenBack_ = 0;  // of all entries ever appended
 };
 
 }  // namespace host_platform::iam

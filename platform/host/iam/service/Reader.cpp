@@ -25,17 +25,13 @@ void Reader::Name(const char* resource, uint64_t handle)
 
 Status Reader::Offer()
 {
-    Status status = bell.Create();
-    if (status.Failed()) {
-        return status;
-    }
     Message message;
     message.type = static_cast<uint16_t>(MessageType::RING);
     message.bytes = RingBytes(RING_ENTRIES);
     message.count = RING_ENTRIES;
-    UniqueFd memory;
-    status = queue.Create(RING_ENTRIES, memory);
-    return status.Failed() ? status : SendMessage(socket.Get(), message, {memory.Get(), bell.ReaderEnd()});
+    BlockQueue::Memories memories;
+    const Status made = queue.Create(RING_ENTRIES, memories);
+    return made.Failed() ? made : SendMessage(socket.Get(), message, {memories.service.Get(), memories.reader.Get()});
 }
 
 Status Reader::SendPool(const BlockPool& pool) const
@@ -45,7 +41,7 @@ Status Reader::SendPool(const BlockPool& pool) const
     message.bytes = pool.Shape().bytes;
     message.count = pool.Shape().blockCount;
     message.stride = pool.Shape().blockStride;
-    return SendMessage(socket.Get(), message, {pool.Fd()});
+    return SendMessage(socket.Get(), message, {pool.Memory().Get()});
 }
 
 void Reader::BeginToSupersede(Clock::time_point now)
@@ -56,7 +52,7 @@ void Reader::BeginToSupersede(Clock::time_point now)
 
 bool Reader::HasStalled(Clock::time_point now)
 {
-    const uint64_t consumed = queue.ClaimedConsumed();
+    const uint32_t consumed = queue.ClaimedConsumed();
     if (consumed != consumedWhenSeen_) {
         consumedWhenSeen_ = consumed;
         movedAt_ = now;

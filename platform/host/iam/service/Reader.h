@@ -11,7 +11,6 @@
 #include "iam.h"
 #include "platform/host/common/Descriptor.h"
 #include "platform/host/common/Status.h"
-#include "platform/host/iam/Doorbell.h"
 #include "platform/host/iam/RuntimeDirectory.h"
 #include "platform/host/iam/service/BlockPool.h"
 #include "platform/host/iam/service/BlockQueue.h"
@@ -59,14 +58,13 @@ struct Reader {
 
     // --- Under the service's lock from the time that it is attached.
 
-    Doorbell bell;
     BlockQueue queue;
     bool attached = false;              // it can be published to
     bool announced = false;             // its open notification has returned
     const char* cutOffCause = nullptr;  // why it was cut off
 
 private:
-    uint64_t consumedWhenSeen_ = 0;
+    uint32_t consumedWhenSeen_ = 0;
     Clock::time_point movedAt_{};
 };
 

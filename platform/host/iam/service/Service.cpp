@@ -263,19 +263,24 @@ int Service::Write(uint64_t block, const void* data, uint32_t size, uint32_t off
 
 int Service::Enqueue(uint64_t reader, uint64_t poolGeneration, uint64_t block)
 {
-    const MutexLock lock(mutex_);
-    if (!IsAllocated(poolGeneration, block)) {
-        return -EBADF;
+    BlockQueue::Appended appended{};
+    {
+        const MutexLock lock(mutex_);
+        if (!IsAllocated(poolGeneration, block)) {
+            return -EBADF;
+        }
+        Reader* const to = FindAttached(reader);
+        if (to == nullptr) {
+            return -ENOTCONN;
+        }
+        SetCurrent(reader);
+        appended = to->queue.Append(IndexOf(block), *pool_);
+        bytesQueued_ += appended.length;
     }
-    Reader* const to = FindAttached(reader);
-    if (to == nullptr) {
-        return -ENOTCONN;
-    }
-    SetCurrent(reader);
-    const BlockQueue::Appended appended = to->queue.Append(IndexOf(block), *pool_);
-    bytesQueued_ += appended.length;
-    if (appended.ringBell) {
-        to->bell.Ring();
+    // Outside the lock, because it is a system call. The reader may be gone by now: its address may be used all the
+    // same.
+    if (appended.wake != nullptr) {
+        WakeSleeper(appended.wake);
     }
     return 0;
 }

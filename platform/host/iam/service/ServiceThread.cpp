@@ -35,6 +35,8 @@ constexpr uint64_t WAKE_KEY = 1;
 constexpr uint64_t LISTENER_KEY = 2;
 constexpr uint64_t FILES_KEY = 3;
 
+thread_local bool onServiceThread = false;
+
 int Control(const UniqueFd& epoll, int operation, int fd, uint32_t events, uint64_t key)
 {
     epoll_event event{};
@@ -74,7 +76,7 @@ Status ServiceThread::Start()
         static_cast<ServiceThread*>(thread)->Run();
         return nullptr;
     };
-    const Status status = StartBackgroundThread("iam-service", run, this, thread_);
+    const Status status = StartBackgroundThread("iam-service", run, this);
     if (!status.Failed()) {
         process_ = getpid();
     }
@@ -99,6 +101,11 @@ void ServiceThread::Wake() const
     }
 }
 
+bool ServiceThread::IsCurrentThread()
+{
+    return onServiceThread;
+}
+
 bool ServiceThread::IsInThisProcess() const
 {
     return process_ == getpid();
@@ -109,6 +116,7 @@ bool ServiceThread::IsInThisProcess() const
 
 void ServiceThread::Run()
 {
+    onServiceThread = true;
     epoll_event events[64];
     for (;;) {
         const bool timeRuns = handshakes_ != 0 || paused_;

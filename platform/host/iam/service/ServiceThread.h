@@ -6,7 +6,6 @@
 #ifndef REPORT_EVENT_PLATFORM_HOST_IAM_SERVICE_SERVICE_THREAD_H
 #define REPORT_EVENT_PLATFORM_HOST_IAM_SERVICE_SERVICE_THREAD_H
 
-#include <pthread.h>
 #include <sys/types.h>
 
 #include <atomic>
@@ -38,10 +37,7 @@ public:
     void Wake() const;
 
     // Whether the caller is inside a notification.
-    bool IsCurrentThread() const
-    {
-        return pthread_equal(thread_, pthread_self()) != 0;
-    }
+    static bool IsCurrentThread();
     // Not so in a child of fork.
     bool IsInThisProcess() const;
 
@@ -68,7 +64,6 @@ private:
     UniqueFd epoll_;  // all three are set before the thread starts and stay
     UniqueFd wake_;
     UniqueFd notice_;  // of what happens to the service's files; none if the system has no such descriptor to give
-    pthread_t thread_{};
     std::atomic<pid_t> process_{0};  // in which it runs; 0 until it has started
 
     // The rest is the thread's own.

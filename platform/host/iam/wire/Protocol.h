@@ -1,9 +1,9 @@
 // What the two processes of a resource say to each other, as bytes: pure functions and layouts, no I/O.
 //
-// The reader connects to the service's socket and sends HELLO; the service answers RING with the ring and the bell; the
-// reader maps the ring and answers READY; the service lets its user know and answers CONNECTED. POOL carries the pool
-// as soon as there is one, once per connection, after RING. After READY the reader sends nothing more. Both run on one
-// machine, so integers are in its byte order.
+// The reader connects to the service's socket and sends HELLO; the service answers RING with the two memories of the
+// ring; the reader maps them and answers READY; the service lets its user know and answers CONNECTED. POOL carries the
+// pool as soon as there is one, once for each connection, after RING. After READY the reader sends nothing more. Both
+// run on one machine, so integers are in its byte order.
 //
 // Nothing that a peer sent or wrote is used before a function of this file has found it sound.
 #ifndef REPORT_EVENT_PLATFORM_HOST_IAM_WIRE_PROTOCOL_H
@@ -17,7 +17,7 @@
 namespace host_platform::iam {
 
 constexpr uint32_t PROTOCOL_MAGIC = 0x52544D49;
-constexpr uint16_t PROTOCOL_VERSION = 1;
+constexpr uint16_t PROTOCOL_VERSION = 2;
 
 constexpr uint32_t RING_ENTRIES = 1024;       // what this service offers; a pool never has more blocks
 constexpr uint32_t RING_ENTRIES_MAX = 65536;  // what a reader accepts
@@ -32,7 +32,7 @@ struct Message {
     uint32_t magic = PROTOCOL_MAGIC;
     uint16_t version = PROTOCOL_VERSION;
     uint16_t type = 0;
-    uint64_t bytes = 0;   // RING, POOL: size of the shared memory that travels with it
+    uint64_t bytes = 0;   // RING: size of the service's memory; POOL: of the pool
     uint32_t count = 0;   // RING: entries; POOL: blocks
     uint32_t stride = 0;  // POOL: distance between two blocks, and the room in each
 };
@@ -44,16 +44,20 @@ struct PoolShape {
     uint32_t blockStride = 0;
 };
 
-// The two ends write to different cache lines, two apart, because processors fetch lines in pairs.
+// Words that different sides write, or that are written at different times, lie two cache lines apart, because
+// processors fetch lines in pairs.
 constexpr size_t RING_LINE = 128;
-constexpr size_t RING_HEADER_BYTES = 4 * RING_LINE;
+constexpr size_t SERVICE_WORDS_BYTES = 2 * RING_LINE;
+constexpr size_t READER_WORDS_BYTES = 2 * RING_LINE;  // the whole of the reader's memory
 
+// The size of the service's memory: its words, then the entries.
 constexpr uint64_t RingBytes(uint32_t entries)
 {
-    return RING_HEADER_BYTES + uint64_t{entries} * sizeof(uint64_t);
+    return SERVICE_WORDS_BYTES + uint64_t{entries} * sizeof(uint64_t);
 }
 
-// How many descriptors travel with a message of this type: RING has the ring and the bell, POOL the pool.
+// How many descriptors travel with a message of this type: the service's and the reader's memory with RING, the pool
+// with POOL.
 constexpr size_t DescriptorCount(MessageType type)
 {
     return type == MessageType::RING ? 2 : type == MessageType::POOL ? 1 : 0;
@@ -136,10 +140,10 @@ inline std::optional<RecordPlace> LocateRecord(uint64_t entry, const PoolShape& 
 }
 
 // Whether a peer's count of appended (or consumed) records can follow `known`, the count this side is sure of, when at
-// most `room` lie between. The counts have 64 bits and never wrap.
-constexpr bool CountIsSound(uint64_t claimed, uint64_t known, uint64_t room)
+// most `room` lie between. The counts wrap; `room` is far smaller than that.
+constexpr bool CountIsSound(uint32_t claimed, uint32_t known, uint32_t room)
 {
-    return claimed >= known && claimed - known <= room;
+    return claimed - known <= room;
 }
 
 }  // namespace host_platform::iam

@@ -1,13 +1,19 @@
 // The queue between one service and one reader: a ring in memory that the two processes share, and its two ends.
 //
 // The service appends entries and counts them in `appended`; the reader takes them in order and counts them in
-// `consumed`. Each side keeps its own count and what it knows of the other's in private memory, and believes the shared
-// word of the other side only within the bounds of CountIsSound. The ring has at least as many entries as the pool has
-// blocks, and every entry holds a block: it is never full.
+// `consumed`. Each side writes to a memory of its own, which the other only loads from: what the reader does to its
+// memory cannot delay the service, and the service's is sealed against it. Each side keeps its own count and what it
+// knows of the other's in private memory, and believes the shared word of the other side only within the bounds of
+// CountIsSound. The ring has at least as many entries as the pool has blocks, and every entry holds a block: it is
+// never full.
 //
-// Sleeping without losing a wake-up: the reader stores `sleeping`, then loads `appended`; the service stores
-// `appended`, then loads `sleeping`. All four are sequentially consistent, so at least one of the two sees the other's
-// store: either the reader finds the record and stays awake, or the service finds the flag and rings.
+// Sleeping. Before the reader sleeps it stores in `sleeping` the count at which it does, K, then loads `appended`, and
+// sleeps in the kernel only while that is K. The service, after it has stored `appended` = K + 1, loads `sleeping` and
+// wakes who sleeps at K. No wake-up is lost: these four accesses are sequentially consistent, so either the reader
+// loads K + 1 and stays awake, or the service loads the mark and wakes; and because the kernel compares `appended` with
+// K once more, in one step with going to sleep, a wake-up that comes before that step finds a reader that no longer
+// sleeps. One append, the one that ends the emptiness, wakes; those that follow find no mark of their own and cost no
+// system call, though the reader may not have got up yet.
 #ifndef REPORT_EVENT_PLATFORM_HOST_IAM_WIRE_RING_H
 #define REPORT_EVENT_PLATFORM_HOST_IAM_WIRE_RING_H
 
@@ -18,74 +24,83 @@
 #include <utility>
 
 #include "platform/host/common/Descriptor.h"
+#include "platform/host/iam/wire/Bell.h"
 #include "platform/host/iam/wire/Fence.h"
 #include "platform/host/iam/wire/Protocol.h"
 
 namespace host_platform::iam {
 
-struct RingHeader {
-    alignas(RING_LINE) std::atomic<uint64_t> appended;  // written by the service
-    alignas(RING_LINE) std::atomic<uint64_t> consumed;  // written by the reader
-    alignas(RING_LINE) std::atomic<uint32_t> sleeping;  // set by the reader, cleared by both; rests while records flow
-    alignas(RING_LINE) std::atomic<uint32_t> revoked;   // set once by the service: blocks were taken back unread
+struct ServiceWords {
+    alignas(RING_LINE) BellWord appended;
+    alignas(RING_LINE) std::atomic<uint32_t> revoked;  // set once: blocks were taken back unread
 };
-static_assert(sizeof(RingHeader) == RING_HEADER_BYTES && std::atomic<uint64_t>::is_always_lock_free &&
-                  sizeof(std::atomic<uint64_t>) == sizeof(uint64_t),
+struct ReaderWords {
+    alignas(RING_LINE) std::atomic<uint32_t> consumed;
+    alignas(RING_LINE) std::atomic<uint64_t> sleeping;  // a SleepMark, or 0; rests while records flow
+};
+static_assert(sizeof(ServiceWords) == SERVICE_WORDS_BYTES && sizeof(ReaderWords) == READER_WORDS_BYTES &&
+                  std::atomic<uint64_t>::is_always_lock_free && sizeof(std::atomic<uint64_t>) == sizeof(uint64_t),
               "the ring is shared between processes");
+
+// Says that the reader sleeps, or is about to, at this count. Never 0.
+constexpr uint64_t SleepMark(uint32_t count)
+{
+    return uint64_t{1} << 32 | count;
+}
 
 // The service's end.
 class RingWriter {
 public:
     RingWriter() = default;
 
-    // Takes over fresh, zeroed memory of RingBytes(entries) bytes.
-    RingWriter(Mapping memory, uint32_t entries)
-        : memory_(std::move(memory)),
-          header_(new (memory_.Bytes()) RingHeader),
-          entries_(reinterpret_cast<std::atomic<uint64_t>*>(memory_.Bytes() + RING_HEADER_BYTES)),
+    // Takes over fresh, zeroed memories, its own of RingBytes(entries) bytes.
+    RingWriter(Mapping own, Mapping readers, uint32_t entries)
+        : own_(std::move(own)),
+          readers_(std::move(readers)),
+          words_(new (own_.Bytes()) ServiceWords),
+          entries_(reinterpret_cast<std::atomic<uint64_t>*>(own_.Bytes() + SERVICE_WORDS_BYTES)),
+          reader_(std::launder(reinterpret_cast<const ReaderWords*>(readers_.Bytes()))),
           mask_(entries - 1)
     {
     }
 
-    // Returns whether the reader sleeps and must be rung. Afterwards it counts as awake, because only one bell is due
-    // for one sleep; a reader that sleeps again meanwhile is woken once for nothing by the bell that follows.
+    // Returns whether the reader must be woken, by Word().
     bool Append(uint32_t block, uint32_t length)
     {
         // Relaxed: the store to `appended` releases the entry, and the block's bytes with it.
         entries_[appended_ & mask_].store(PackEntry(block, length), std::memory_order_relaxed);
-        header_->appended.store(++appended_, std::memory_order_seq_cst);
-        if (header_->sleeping.load(std::memory_order_seq_cst) == 0) {
-            return false;
-        }
-        header_->sleeping.store(0, std::memory_order_relaxed);  // the bell, a system call, comes after it
-        return true;
+        const uint64_t sleepsHere = SleepMark(appended_);
+        words_->appended.store(++appended_, std::memory_order_seq_cst);
+        return reader_->sleeping.load(std::memory_order_seq_cst) == sleepsHere;
     }
 
-    uint64_t Appended() const
+    const BellWord* Word() const
     {
-        return appended_;
+        return &words_->appended;
     }
 
     // As the reader claims, unchecked. Acquire: its copying is over before a block is used again.
-    uint64_t ClaimedConsumed() const
+    uint32_t ClaimedConsumed() const
     {
-        return header_->consumed.load(std::memory_order_acquire);
+        return reader_->consumed.load(std::memory_order_acquire);
     }
 
     // From here on the reader delivers nothing that may have been overwritten: whoever sees a byte that is written
     // into a block after this also sees the mark.
     void Revoke()
     {
-        header_->revoked.store(1, std::memory_order_relaxed);
+        words_->revoked.store(1, std::memory_order_relaxed);
         OrderStores();
     }
 
 private:
-    Mapping memory_;
-    RingHeader* header_ = nullptr;
+    Mapping own_;
+    Mapping readers_;
+    ServiceWords* words_ = nullptr;
     std::atomic<uint64_t>* entries_ = nullptr;
-    uint64_t mask_ = 0;
-    uint64_t appended_ = 0;
+    const ReaderWords* reader_ = nullptr;
+    uint32_t mask_ = 0;
+    uint32_t appended_ = 0;
 };
 
 // The reader's end. One thread at a time.
@@ -93,12 +108,19 @@ class RingReader {
 public:
     RingReader() = default;
 
-    RingReader(Mapping memory, uint32_t entries)
-        : memory_(std::move(memory)),
-          header_(std::launder(reinterpret_cast<RingHeader*>(memory_.Bytes()))),
-          entries_(reinterpret_cast<std::atomic<uint64_t>*>(memory_.Bytes() + RING_HEADER_BYTES)),
+    RingReader(Mapping service, Mapping own, uint32_t entries)
+        : service_(std::move(service)),
+          own_(std::move(own)),
+          words_(std::launder(reinterpret_cast<const ServiceWords*>(service_.Bytes()))),
+          entries_(reinterpret_cast<const std::atomic<uint64_t>*>(service_.Bytes() + SERVICE_WORDS_BYTES)),
+          reader_(new (own_.Bytes()) ReaderWords),
           mask_(entries - 1)
     {
+    }
+
+    explicit operator bool() const
+    {
+        return words_ != nullptr;
     }
 
     enum class State { EMPTY, READY, BROKEN };
@@ -109,20 +131,31 @@ public:
             return State::READY;
         }
         // Acquire: the entry and the block are read after it.
-        return Learn(header_->appended.load(std::memory_order_acquire));
+        return Learn(words_->appended.load(std::memory_order_acquire));
     }
 
-    // Announces that this side is about to sleep; it must not unless this returns EMPTY.
+    // Announces, once Look has returned EMPTY, that this side is about to sleep; it must not unless this returns EMPTY.
     State FallAsleep()
     {
-        header_->sleeping.store(1, std::memory_order_seq_cst);
-        return Learn(header_->appended.load(std::memory_order_seq_cst));
+        reader_->sleeping.store(SleepMark(known_), std::memory_order_seq_cst);
+        return Learn(words_->appended.load(std::memory_order_seq_cst));
+    }
+
+    // Sleeps until the service wakes it, or somebody does who knows Word().
+    int Sleep() const
+    {
+        return SleepWhile(words_->appended, known_);
     }
 
     void WakeUp()
     {
-        // Relaxed: if the service still sees it set, it rings once for nothing.
-        header_->sleeping.store(0, std::memory_order_relaxed);
+        // Relaxed: if the service still sees the mark, it wakes once for nothing.
+        reader_->sleeping.store(0, std::memory_order_relaxed);
+    }
+
+    const BellWord* Word() const
+    {
+        return &words_->appended;
     }
 
     // The first entry; only when READY. Relaxed: `appended` was acquired. Read once, because the other side could
@@ -146,17 +179,17 @@ public:
     bool RevokedMeanwhile() const
     {
         OrderLoads();
-        return header_->revoked.load(std::memory_order_relaxed) != 0;
+        return words_->revoked.load(std::memory_order_relaxed) != 0;
     }
 
     void Pop()
     {
         // Release: the service uses the block again only after it has been copied.
-        header_->consumed.store(++consumed_, std::memory_order_release);
+        reader_->consumed.store(++consumed_, std::memory_order_release);
     }
 
 private:
-    State Learn(uint64_t appended)
+    State Learn(uint32_t appended)
     {
         if (!CountIsSound(appended, known_, mask_ + 1 - (known_ - consumed_))) {
             return State::BROKEN;
@@ -165,12 +198,14 @@ private:
         return known_ != consumed_ ? State::READY : State::EMPTY;
     }
 
-    Mapping memory_;
-    RingHeader* header_ = nullptr;
-    std::atomic<uint64_t>* entries_ = nullptr;
-    uint64_t mask_ = 0;
-    uint64_t consumed_ = 0;
-    uint64_t known_ = 0;  // appended, as far as this side has looked
+    Mapping service_;
+    Mapping own_;
+    const ServiceWords* words_ = nullptr;
+    const std::atomic<uint64_t>* entries_ = nullptr;
+    ReaderWords* reader_ = nullptr;
+    uint32_t mask_ = 0;
+    uint32_t consumed_ = 0;
+    uint32_t known_ = 0;  // appended, as far as this side has looked
 };
 
 }  // namespace host_platform::iam

@@ -9,18 +9,19 @@
 
 namespace host_platform::iam {
 
-enum class Sharing {
-    READ_WRITE,  // both sides write: the ring
-    READ_ONLY,   // only the mapping made here can ever be written: the pool
+// The one side that writes to it; the other maps it for reading.
+enum class Writer {
+    SERVICE,  // sealed: only the mapping made here can ever be written
+    READER,
 };
 
-// Makes `bytes` of zeroed memory, every page of it there, maps it writable and then seals it: no one can change its
-// size any more or undo a seal, nor (READ_ONLY) write to it in any other way.
-Status CreateSharedMemory(const char* name, uint64_t bytes, Sharing sharing, UniqueFd& fd, Mapping& mapping);
+// Makes `bytes` of zeroed memory, every page of it there, maps it and seals it: no one can change its size any more or
+// undo a seal.
+Status CreateSharedMemory(const char* name, uint64_t bytes, Writer writer, UniqueFd& fd, Mapping& mapping);
 
-// Maps what a peer sent. EPROTO unless it is sealed as CreateSharedMemory seals it and has exactly the announced size:
-// an access inside the mapping can then never fail.
-Status MapSharedMemory(int fd, uint64_t bytes, Sharing sharing, Mapping& mapping);
+// The reader's side: maps what the service sent. EPROTO unless it is sealed as CreateSharedMemory seals it and has
+// exactly the announced size: an access inside the mapping can then never fail.
+Status MapSharedMemory(const UniqueFd& fd, uint64_t bytes, Writer writer, Mapping& mapping);
 
 }  // namespace host_platform::iam
 
