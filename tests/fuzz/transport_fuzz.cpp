@@ -23,9 +23,9 @@ constexpr PoolShape SHAPE{ENTRIES * 64, ENTRIES, 64};
 
 void Scribble(const Mapping& memory, FuzzedDataProvider& input)
 {
-    auto* const words = reinterpret_cast<std::atomic<uint64_t>*>(memory.Bytes());
-    words[input.ConsumeIntegralInRange<size_t>(0, memory.Size() / sizeof(uint64_t) - 1)] =
-        input.ConsumeIntegral<uint64_t>();
+    auto* const words = reinterpret_cast<std::atomic<uint64_t>*>(memory.get());
+    const size_t count = memory.get_deleter().size / sizeof(uint64_t);
+    words[input.ConsumeIntegralInRange<size_t>(0, count - 1)] = input.ConsumeIntegral<uint64_t>();
 }
 
 // Where the first record of this ring lies, if it is ready and makes sense.
@@ -90,7 +90,7 @@ public:
         if (!place) {
             return;
         }
-        const std::string copy(reinterpret_cast<const char*>(records_.Bytes()) + place->offset, place->length);
+        const std::string copy(reinterpret_cast<const char*>(records_.get()) + place->offset, place->length);
         Require(reader_.RevokedMeanwhile() || scribbled_ || expected_.front() == copy);
         expected_.pop_front();
         reader_.Pop();

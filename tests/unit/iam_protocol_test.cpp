@@ -28,16 +28,12 @@ constexpr uint32_t STRIDE = 64;
 constexpr uint64_t RING_SIZE = RingBytes(ENTRIES);
 constexpr uint64_t POOL_SIZE = uint64_t{BLOCKS} * STRIDE;
 
-Message Make(MessageType type, uint64_t bytes = 0, uint32_t count = 0, uint32_t stride = 0)
-{
-    return {PROTOCOL_MAGIC, PROTOCOL_VERSION, static_cast<uint16_t>(type), bytes, count, stride};
-}
-
-const Message HELLO = Make(MessageType::HELLO);
-const Message RING = Make(MessageType::RING, RING_SIZE, ENTRIES);
-const Message READY = Make(MessageType::READY);
-const Message POOL = Make(MessageType::POOL, POOL_SIZE, BLOCKS, STRIDE);
-const Message CONNECTED = Make(MessageType::CONNECTED);
+const Message HELLO = Compose(MessageType::HELLO, 0, static_cast<uint32_t>(Role::READER), 0);
+const Message HELLO_OBSERVER = Compose(MessageType::HELLO, 0, static_cast<uint32_t>(Role::OBSERVER), 0);
+const Message RING = Compose(MessageType::RING, RING_SIZE, ENTRIES, 0);
+const Message READY = Compose(MessageType::READY, 0, 0, 0);
+const Message POOL = Compose(MessageType::POOL, POOL_SIZE, BLOCKS, STRIDE);
+const Message CONNECTED = Compose(MessageType::CONNECTED, 0, 0, 0);
 
 bool IsSound(const Message& message, size_t size = sizeof(Message))
 {
@@ -48,7 +44,7 @@ bool IsSound(const Message& message, size_t size = sizeof(Message))
 
 TEST(MessageTest, WhatIsNotExactlyOneSoundMessageIsRefused)
 {
-    for (const Message& message : {HELLO, RING, READY, POOL, CONNECTED}) {
+    for (const Message& message : {HELLO, HELLO_OBSERVER, RING, READY, POOL, CONNECTED}) {
         EXPECT_TRUE(IsSound(message)) << message.type;
         EXPECT_FALSE(IsSound(message, sizeof(Message) - 1)) << message.type;
         EXPECT_FALSE(IsSound(message, sizeof(Message) + 1)) << message.type;
@@ -60,24 +56,26 @@ TEST(MessageTest, WhatIsNotExactlyOneSoundMessageIsRefused)
     } rows[] = {
         {"another magic", {1, PROTOCOL_VERSION, RING.type, RING_SIZE, ENTRIES, 0}},
         {"the version before", {PROTOCOL_MAGIC, PROTOCOL_VERSION - 1, RING.type, RING_SIZE, ENTRIES, 0}},
-        {"no type", Make(MessageType{0})},
-        {"an unknown type", Make(MessageType{99})},
-        {"HELLO with a size", Make(MessageType::HELLO, 1)},
-        {"READY with a count", Make(MessageType::READY, 0, 1)},
-        {"CONNECTED with a stride", Make(MessageType::CONNECTED, 0, 0, 1)},
-        {"RING with a stride", Make(MessageType::RING, RING_SIZE, ENTRIES, 1)},
-        {"RING with more entries than bytes", Make(MessageType::RING, RING_SIZE, 2 * ENTRIES)},
-        {"RING with fewer entries than bytes", Make(MessageType::RING, RING_SIZE, ENTRIES / 2)},
-        {"RING without entries", Make(MessageType::RING, RingBytes(0), 0)},
-        {"RING with one entry", Make(MessageType::RING, RingBytes(1), 1)},
-        {"RING with an odd number of entries", Make(MessageType::RING, RingBytes(7), 7)},
-        {"RING with too many entries", Make(MessageType::RING, RingBytes(1 << 17), 1 << 17)},
-        {"POOL without blocks", Make(MessageType::POOL, POOL_SIZE, 0, STRIDE)},
-        {"POOL without a stride", Make(MessageType::POOL, POOL_SIZE, BLOCKS, 0)},
-        {"POOL with a stride that is not aligned", Make(MessageType::POOL, POOL_SIZE, BLOCKS, STRIDE - 1)},
-        {"POOL with more blocks than bytes", Make(MessageType::POOL, POOL_SIZE, BLOCKS + 1, STRIDE)},
-        {"POOL whose size overflows", Make(MessageType::POOL, POOL_SIZE, LARGE, LARGE)},
-        {"POOL that is too large", Make(MessageType::POOL, POOL_BYTES_MAX + 1, BLOCKS, STRIDE)},
+        {"no type", Compose(MessageType{0}, 0, 0, 0)},
+        {"an unknown type", Compose(MessageType{99}, 0, 0, 0)},
+        {"HELLO without a role", Compose(MessageType::HELLO, 0, 0, 0)},
+        {"HELLO with an unknown role", Compose(MessageType::HELLO, 0, 3, 0)},
+        {"HELLO with a size", Compose(MessageType::HELLO, 1, 1, 0)},
+        {"READY with a count", Compose(MessageType::READY, 0, 1, 0)},
+        {"CONNECTED with a stride", Compose(MessageType::CONNECTED, 0, 0, 1)},
+        {"RING with a stride", Compose(MessageType::RING, RING_SIZE, ENTRIES, 1)},
+        {"RING with more entries than bytes", Compose(MessageType::RING, RING_SIZE, 2 * ENTRIES, 0)},
+        {"RING with fewer entries than bytes", Compose(MessageType::RING, RING_SIZE, ENTRIES / 2, 0)},
+        {"RING without entries", Compose(MessageType::RING, RingBytes(0), 0, 0)},
+        {"RING with one entry", Compose(MessageType::RING, RingBytes(1), 1, 0)},
+        {"RING with an odd number of entries", Compose(MessageType::RING, RingBytes(7), 7, 0)},
+        {"RING with too many entries", Compose(MessageType::RING, RingBytes(1 << 17), 1 << 17, 0)},
+        {"POOL without blocks", Compose(MessageType::POOL, POOL_SIZE, 0, STRIDE)},
+        {"POOL without a stride", Compose(MessageType::POOL, POOL_SIZE, BLOCKS, 0)},
+        {"POOL with a stride that is not aligned", Compose(MessageType::POOL, POOL_SIZE, BLOCKS, STRIDE - 1)},
+        {"POOL with more blocks than bytes", Compose(MessageType::POOL, POOL_SIZE, BLOCKS + 1, STRIDE)},
+        {"POOL whose size overflows", Compose(MessageType::POOL, POOL_SIZE, LARGE, LARGE)},
+        {"POOL that is too large", Compose(MessageType::POOL, POOL_BYTES_MAX + 1, BLOCKS, STRIDE)},
     };
     for (const auto& [what, message] : rows) {
         EXPECT_FALSE(IsSound(message)) << what;
@@ -154,7 +152,8 @@ struct Wire {
 
 Mapping Map(const UniqueFd& memory, size_t size, int protection = PROT_READ | PROT_WRITE)
 {
-    return Mapping(mmap(nullptr, size, protection, MAP_SHARED, memory.Get(), 0), size);
+    void* const address = mmap(nullptr, size, protection, MAP_SHARED, memory.Get(), 0);
+    return Mapping(static_cast<unsigned char*>(address), Unmap{size});
 }
 
 struct Memory {
@@ -187,8 +186,8 @@ struct ServiceByHand : Wire {
     const Memory smallPool{POOL_SIZE - 1, SERVICE_SEALS};
     const Memory poolThatCanBeWritten{POOL_SIZE, READER_SEALS};
 
-    ServiceWords& words = *reinterpret_cast<ServiceWords*>(own.map.Bytes());
-    const ReaderWords& readerWords = *reinterpret_cast<const ReaderWords*>(readers.map.Bytes());
+    ServiceWords& words = *reinterpret_cast<ServiceWords*>(own.map.get());
+    const ReaderWords& readerWords = *reinterpret_cast<const ReaderWords*>(readers.map.get());
     std::atomic<bool> opened{false};
 };
 
@@ -222,14 +221,14 @@ Step SetAppended(uint32_t count)
 {
     return [=](ServiceByHand& service) {
         service.words.appended = count;
-        WakeSleeper(&service.words.appended);
+        WakeSleepers(&service.words.appended);
     };
 }
 Step Append(uint64_t entry)
 {
     return [=](ServiceByHand& service) {
         AppendInSilence(entry)(service);
-        WakeSleeper(&service.words.appended);
+        WakeSleepers(&service.words.appended);
     };
 }
 Step AwaitConsumed(uint32_t count)
@@ -264,7 +263,7 @@ protected:
         std::promise<ServiceByHand*> accepted;
         const auto service = std::async(std::launch::async, [&] {
             ServiceByHand hand(accept4(listener.socket.Get(), nullptr, nullptr, SOCK_CLOEXEC));
-            memcpy(hand.pool.map.Bytes() + (BLOCKS - 1) * STRIDE, "last", 4);
+            memcpy(hand.pool.map.get() + (BLOCKS - 1) * STRIDE, "last", 4);
             accepted.set_value(&hand);
             for (const Step& step : steps) {
                 step(hand);
@@ -424,11 +423,11 @@ TEST(RingTest, NoReaderSleepsThroughARecord)
     });
     for (uint32_t n = 0; n < RECORDS; ++n) {
         if (writer.Append(n % 8, n)) {
-            WakeSleeper(writer.Word());
+            WakeSleepers(writer.Word());
         }
         if (!Eventually([&] { return writer.ClaimedConsumed() > n; })) {
             ADD_FAILURE() << "record " << n << " was slept through";
-            WakeSleeper(writer.Word());
+            WakeSleepers(writer.Word());
         }
     }
     reading.join();
@@ -439,9 +438,9 @@ TEST(RingTest, NoReaderSleepsThroughARecord)
 
 // A reader that speaks by hand and has completed the handshake.
 struct ReaderByHand : Wire {
-    explicit ReaderByHand(const std::string& path) : Wire(path)
+    explicit ReaderByHand(const std::string& path, const Message& hello = HELLO) : Wire(path)
     {
-        Send(HELLO);
+        Send(hello);
         EXPECT_TRUE(Receive());
         service = Map(received.at(0), message.bytes, PROT_READ);
         own = Map(received.at(1), READER_WORDS_BYTES);
@@ -453,7 +452,7 @@ struct ReaderByHand : Wire {
     }
     ReaderWords& Words() const
     {
-        return *reinterpret_cast<ReaderWords*>(own.Bytes());
+        return *reinterpret_cast<ReaderWords*>(own.get());
     }
 
     Mapping service;
@@ -552,8 +551,8 @@ TEST_F(HostileReaderTest, ScribblingOverItsRingHurtsOnlyItself)
         }
         for (int i = 0; i < 300; ++i) {
             if (round > 0) {
-                auto* const words = reinterpret_cast<std::atomic<uint64_t>*>(reader.own.Bytes());
-                words[random() % (reader.own.Size() / 8)] = random() >> random() % 64;
+                auto* const words = reinterpret_cast<std::atomic<uint64_t>*>(reader.own.get());
+                words[random() % (READER_WORDS_BYTES / 8)] = random() >> random() % 64;
             }
             publisher.Publish(Numbered(1, 200));
         }
@@ -561,6 +560,19 @@ TEST_F(HostileReaderTest, ScribblingOverItsRingHurtsOnlyItself)
         EXPECT_TRUE(round > 0 || reader.IsHungUp());
     }
     EXPECT_TRUE(Eventually([&] { return receiver.closed == 60; }));
+}
+
+TEST_F(HostileReaderTest, AnObserverThatScribblesIsCutOffAndTheReaderMissesNothing)
+{
+    const Reader reader;
+    const ReaderByHand observer(SocketPath(), HELLO_OBSERVER);
+    observer.Words().consumed = 1000;
+    for (int round = 0; round < 3; ++round) {
+        publisher.PublishNumbered(100, 20);
+        reader.ExpectNumbered(100, 20);
+    }
+    EXPECT_TRUE(observer.IsHungUp());
+    EXPECT_EQ(0U, receiver.closed);
 }
 
 // ---------------------------------------------------------------------------------------------------------------------

@@ -4,15 +4,18 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstddef>
+#include <memory>
 #include <utility>
 
 namespace host_platform {
 
-// Closes its descriptor when it goes, and leaves errno alone.
+// Closes its descriptor when it goes, and leaves errno alone. Not by the library's close, in which a thread may be
+// cancelled: that would leave by way of a destructor, and end the process.
 class UniqueFd {
 public:
     UniqueFd() = default;
@@ -49,7 +52,7 @@ public:
         const int old = std::exchange(fd_, fd);
         if (old >= 0) {
             const int saved = errno;
-            close(old);
+            syscall(SYS_close, old);
             errno = saved;
         }
     }
@@ -67,47 +70,16 @@ inline UniqueFd AboveStandard(int made)
     return made < 0 || made > STDERR_FILENO ? std::move(fd) : UniqueFd(fcntl(made, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
 }
 
-// Unmaps its memory when it goes.
-class Mapping {
-public:
-    Mapping() = default;
-    Mapping(void* address, size_t size) : address_(address), size_(size)
-    {
-    }
-    Mapping(Mapping&& other) noexcept
-        : address_(std::exchange(other.address_, nullptr)), size_(std::exchange(other.size_, 0))
-    {
-    }
-    Mapping& operator=(Mapping&& other) noexcept
-    {
-        std::swap(address_, other.address_);
-        std::swap(size_, other.size_);
-        return *this;
-    }
-    ~Mapping()
-    {
-        if (address_ != nullptr) {
-            munmap(address_, size_);
-        }
-    }
+struct Unmap {
+    size_t size = 0;
 
-    unsigned char* Bytes() const
+    void operator()(unsigned char* memory) const
     {
-        return static_cast<unsigned char*>(address_);
+        munmap(memory, size);
     }
-    size_t Size() const
-    {
-        return size_;
-    }
-    explicit operator bool() const
-    {
-        return address_ != nullptr;
-    }
-
-private:
-    void* address_ = nullptr;
-    size_t size_ = 0;
 };
+// Unmaps its memory when it goes.
+using Mapping = std::unique_ptr<unsigned char[], Unmap>;
 
 }  // namespace host_platform
 

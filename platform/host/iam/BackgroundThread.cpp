@@ -6,7 +6,7 @@
 
 namespace host_platform::iam {
 
-Status StartBackgroundThread(const char* name, void* (*run)(void*), void* argument)
+Status BackgroundThread::Start(const char* name, void* (*run)(void*), void* argument)
 {
     pthread_t thread{};
     sigset_t all;
@@ -20,6 +20,7 @@ Status StartBackgroundThread(const char* name, void* (*run)(void*), void* argume
     }
     pthread_setname_np(thread, name);
     pthread_detach(thread);
+    process_ = getpid();
     return {};
 }
 

@@ -1,6 +1,5 @@
 #include "platform/host/iam/Endpoint.h"
 
-#include <fcntl.h>
 #include <sys/file.h>
 #include <sys/inotify.h>
 #include <sys/socket.h>
@@ -8,8 +7,9 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
+#include <chrono>
 #include <cstring>
+#include <thread>
 
 #ifndef SO_PASSRIGHTS
 #define SO_PASSRIGHTS 83
@@ -19,7 +19,7 @@ namespace host_platform::iam {
 namespace {
 
 constexpr int BACKLOG = 128;
-constexpr int LOCK_ATTEMPTS = 16;
+constexpr int LOCK_ATTEMPTS = 100;
 
 UniqueFd MakeSocket()
 {
@@ -33,77 +33,48 @@ int WithAddress(Call call, const UniqueFd& socket, const Path& path)
     return call(socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
 }
 
+// Whoever holds it is done in a moment.
+Status Lock(const UniqueFd& directory)
+{
+    for (int attempt = 0; flock(directory.Get(), LOCK_EX | LOCK_NB) != 0; ++attempt) {
+        if (errno != EWOULDBLOCK || attempt == LOCK_ATTEMPTS) {
+            return {errno, "the runtime directory cannot be locked"};
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return {};
+}
+
 }  // namespace
 
 Endpoint::~Endpoint()
 {
-    if (listener_ && SocketIsOurs()) {
+    if (listener_ && !IsGone()) {
         unlink(socketPath_.text);
-    }
-    if (lock_ && LockFileIsOurs()) {
-        unlink(lockPath_);
     }
 }
 
 Status Endpoint::Create(const char* resource)
 {
-    Status status = FindSocketPath(Missing::MAKE, resource, socketPath_);
-    if (status.Failed()) {
-        return status;
+    UniqueFd directory;
+    Status status = OpenRuntimeDirectory(Missing::MAKE, socketPath_, directory);
+    if (!status.Failed()) {
+        status = AppendName(resource, socketPath_);
     }
-    // No socket has this name: a '.' of a resource's name is encoded.
-    snprintf(lockPath_, sizeof lockPath_, "%s.lock", socketPath_.text);
-    status = TakeLock();
+    if (!status.Failed()) {
+        status = Lock(directory);
+    }
     if (!status.Failed()) {
         status = ClearPlace();
     }
     return status.Failed() ? status : Listen();
 }
 
-Status Endpoint::TakeLock()
-{
-    for (int attempt = 0; attempt < LOCK_ATTEMPTS; ++attempt) {
-        UniqueFd lock = AboveStandard(open(lockPath_, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, 0600));
-        if (!lock) {
-            return {errno, errno == ELOOP ? "its lock file is a link" : "its lock file cannot be opened"};
-        }
-        struct stat status = {};
-        if (fstat(lock.Get(), &status) != 0 || !S_ISREG(status.st_mode) || status.st_uid != geteuid()) {
-            return {EACCES, "its lock file is not a file of this user"};
-        }
-        if (flock(lock.Get(), LOCK_EX | LOCK_NB) != 0) {
-            return errno == EWOULDBLOCK ? Status{EBUSY, "another process serves it"}
-                                        : Status{errno, "its lock file cannot be locked"};
-        }
-        lock_ = std::move(lock);
-        if (LockFileIsOurs()) {
-            return {};
-        }
-        lock_.Reset();  // its last owner removed it between the open and the lock
-    }
-    return {EBUSY, "its lock file keeps disappearing"};
-}
-
-bool Endpoint::LockFileIsOurs() const
-{
-    struct stat held = {};
-    struct stat named = {};
-    return fstat(lock_.Get(), &held) == 0 && lstat(lockPath_, &named) == 0 && held.st_ino == named.st_ino &&
-           held.st_dev == named.st_dev;
-}
-
-bool Endpoint::SocketIsOurs() const
-{
-    struct stat named = {};
-    return lstat(socketPath_.text, &named) == 0 && named.st_ino == inode_ && named.st_dev == device_;
-}
-
-// Makes room for the socket: removes one that nobody listens on, and nothing else.
 Status Endpoint::ClearPlace() const
 {
     struct stat status = {};
     if (lstat(socketPath_.text, &status) != 0) {
-        return errno == ENOENT ? Status{} : Status{errno, "what is in its place is not known"};
+        return errno == ENOENT ? Status{} : Status{errno, "what stands in its place is not known"};
     }
     const UniqueFd probe = MakeSocket();
     if (!probe) {
@@ -111,7 +82,7 @@ Status Endpoint::ClearPlace() const
     }
     const int connected = S_ISSOCK(status.st_mode) ? WithAddress(connect, probe, socketPath_) : -1;
     if (!S_ISSOCK(status.st_mode) || (connected != 0 && errno == EPROTOTYPE)) {
-        return {EEXIST, "a foreign file is in its place"};
+        return {EEXIST, "a foreign file stands in its place"};
     }
     if (connected == 0 || errno == EAGAIN) {  // EAGAIN: so many wait for it that it has no room for this one
         return {EBUSY, "another process serves it"};
@@ -135,12 +106,9 @@ Status Endpoint::Listen()
     // inherit this. A kernel that does not know it has it not, and the service is as good as before.
     const int off = 0;
     setsockopt(listener.Get(), SOL_SOCKET, SO_PASSRIGHTS, &off, sizeof off);
-    if (WithAddress(bind, listener, socketPath_) != 0) {
-        return {errno, "its socket cannot be bound"};
-    }
     struct stat status = {};
-    if (lstat(socketPath_.text, &status) != 0) {
-        return {errno, "its socket has disappeared"};
+    if (WithAddress(bind, listener, socketPath_) != 0 || lstat(socketPath_.text, &status) != 0) {
+        return {errno, "its socket cannot be bound"};
     }
     device_ = status.st_dev;
     inode_ = status.st_ino;
@@ -159,12 +127,12 @@ void Endpoint::Watch(int notice) const
     inotify_add_watch(notice, directory.text, REMOVED);
     // A file that somebody holds open has only its attributes changed when its name goes.
     inotify_add_watch(notice, socketPath_.text, REMOVED | IN_ATTRIB);
-    inotify_add_watch(notice, lockPath_, REMOVED | IN_ATTRIB);
 }
 
 bool Endpoint::IsGone() const
 {
-    return !SocketIsOurs() || !LockFileIsOurs();
+    struct stat named = {};
+    return lstat(socketPath_.text, &named) != 0 || named.st_ino != inode_ || named.st_dev != device_;
 }
 
 }  // namespace host_platform::iam

@@ -6,12 +6,9 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-
-#include "platform/host/common/Descriptor.h"
 
 namespace host_platform::iam {
 namespace {
@@ -22,49 +19,20 @@ const char* Environment(const char* name)
     return value != nullptr && *value != '\0' ? value : nullptr;
 }
 
-int Print(Path& path, const char* format, ...) __attribute__((format(printf, 2, 3)));
-int Print(Path& path, const char* format, ...)
-{
-    va_list arguments;
-    va_start(arguments, format);
-    const int length = vsnprintf(path.text, sizeof path.text, format, arguments);
-    va_end(arguments);
-    return length;
-}
-
-Status CheckPrivate(const Path& directory)
-{
-    const UniqueFd fd = AboveStandard(open(directory.text, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (!fd) {
-        switch (errno) {
-            case ENOENT:
-                return {ENOENT, "there is no runtime directory"};
-            case ENOTDIR:
-            case ELOOP:
-                return {errno, "the runtime directory is refused: it is not a directory, or a link to one"};
-            default:
-                return {errno, "the runtime directory is refused: it cannot be opened"};
-        }
-    }
-    struct stat status = {};
-    if (fstat(fd.Get(), &status) != 0) {
-        return {errno, "the runtime directory is refused: its owner is not known"};
-    }
-    if (status.st_uid != geteuid()) {
-        return {EACCES, "the runtime directory is refused: it belongs to another user"};
-    }
-    if ((status.st_mode & 077) != 0) {
-        return {EACCES, "the runtime directory is refused: others can enter it (its mode must be 0700)"};
-    }
-    return {};
-}
-
 constexpr char DIGITS[] = "0123456789ABCDEF";
 
 bool StaysAsItIs(unsigned char byte)
 {
     const auto lower = static_cast<unsigned char>(byte | 0x20);
     return (lower >= 'a' && lower <= 'z') || (byte >= '0' && byte <= '9') || byte == '-' || byte == '_';
+}
+
+const char* WhyNotOpened(int error)
+{
+    if (error == ENOTDIR || error == ELOOP) {
+        return "the runtime directory is refused: it is not a directory, or a link to one";
+    }
+    return error == ENOENT ? "there is no runtime directory" : "the runtime directory is refused: it cannot be opened";
 }
 
 }  // namespace
@@ -77,13 +45,16 @@ bool IsResourceName(const char* name)
 
 Status NameRuntimeDirectory(Path& directory)
 {
+    const char* const own = Environment("IAM_RUNTIME_DIR");
+    const char* const session = Environment("XDG_RUNTIME_DIR");
+    char* const text = directory.text;
     int length = 0;
-    if (const char* const own = Environment("IAM_RUNTIME_DIR")) {
-        length = Print(directory, "%s", own);
-    } else if (const char* const session = Environment("XDG_RUNTIME_DIR")) {
-        length = Print(directory, "%s/iam", session);
+    if (own != nullptr) {
+        length = snprintf(text, sizeof directory.text, "%s", own);
+    } else if (session != nullptr) {
+        length = snprintf(text, sizeof directory.text, "%s/iam", session);
     } else {
-        length = Print(directory, "/tmp/iam-%u", geteuid());
+        length = snprintf(text, sizeof directory.text, "/tmp/iam-%u", geteuid());
     }
     if (static_cast<size_t>(length) >= sizeof directory.text) {
         return {ENAMETOOLONG, "the path of the runtime directory is too long"};
@@ -91,27 +62,34 @@ Status NameRuntimeDirectory(Path& directory)
     return {};
 }
 
-Status FindRuntimeDirectory(Missing missing, Path& directory)
+Status OpenRuntimeDirectory(Missing missing, Path& path, UniqueFd& directory)
 {
-    const Status named = NameRuntimeDirectory(directory);
+    const Status named = NameRuntimeDirectory(path);
     if (named.Failed()) {
         return named;
     }
-    if (directory.text[0] != '/') {
+    if (path.text[0] != '/') {
         return {EINVAL, "the runtime directory is refused: it is not an absolute path"};
     }
-    if (missing == Missing::MAKE && mkdir(directory.text, 0700) != 0 && errno != EEXIST) {
+    if (missing == Missing::MAKE && mkdir(path.text, 0700) != 0 && errno != EEXIST) {
         return {errno, "the runtime directory is refused: it cannot be made"};
     }
-    return CheckPrivate(directory);
+    directory = AboveStandard(open(path.text, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    struct stat status = {};
+    if (!directory || fstat(directory.Get(), &status) != 0) {
+        return {errno, WhyNotOpened(errno)};
+    }
+    if (status.st_uid != geteuid()) {
+        return {EACCES, "the runtime directory is refused: it belongs to another user"};
+    }
+    if ((status.st_mode & 077) != 0) {
+        return {EACCES, "the runtime directory is refused: others can enter it (its mode must be 0700)"};
+    }
+    return {};
 }
 
-Status FindSocketPath(Missing missing, const char* resource, Path& path)
+Status AppendName(const char* resource, Path& path)
 {
-    const Status found = FindRuntimeDirectory(missing, path);
-    if (found.Failed()) {
-        return found;
-    }
     size_t length = strlen(path.text);
     path.text[length++] = '/';  // in the place of the terminator
     for (; *resource != '\0'; ++resource) {

@@ -4,6 +4,7 @@
 
 #include <sys/un.h>
 
+#include "platform/host/common/Descriptor.h"
 #include "platform/host/common/Status.h"
 
 namespace host_platform::iam {
@@ -22,13 +23,13 @@ Status NameRuntimeDirectory(Path& directory);
 
 enum class Missing { MAKE, REFUSE };
 
-// The same. Fails unless it is a directory (not a link to one) that belongs to this process's user and that nobody else
-// can enter; with ENOENT when it is missing and not to be made.
-Status FindRuntimeDirectory(Missing missing, Path& directory);
+// The same, and opens it. Fails unless it is a directory (not a link to one) that belongs to this process's user and
+// that nobody else can enter; with ENOENT when it is missing and not to be made.
+Status OpenRuntimeDirectory(Missing missing, Path& path, UniqueFd& directory);
 
-// Where the socket of a resource lies: below the runtime directory, under the resource's name with everything but
+// Makes the path of the runtime directory that of a resource's socket in it: the resource's name with everything but
 // letters, digits, '-' and '_' percent-encoded. ENAMETOOLONG when a socket cannot have that name.
-Status FindSocketPath(Missing missing, const char* resource, Path& path);
+Status AppendName(const char* resource, Path& path);
 
 // The socket address of this path.
 sockaddr_un AddressOf(const Path& path);

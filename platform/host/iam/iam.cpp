@@ -14,15 +14,12 @@ int __wrap_close(int fd);
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <exception>
-#include <memory>
-#include <new>
-#include <string>
-#include <system_error>
 
 #include "platform/host/iam/Log.h"
 #include "platform/host/iam/RuntimeDirectory.h"
@@ -33,18 +30,7 @@ int __wrap_close(int fd);
 namespace host_platform::iam {
 namespace {
 
-// Runs a step that may allocate or start a thread.
-template <typename Step>
-Status Guarded(Step step)
-{
-    try {
-        return step();
-    } catch (const std::system_error& error) {
-        return {error.code().value() != 0 ? error.code().value() : EAGAIN, "no thread can be started"};
-    } catch (const std::exception&) {
-        return {ENOMEM, "out of memory"};
-    }
-}
+std::atomic<bool> observing{false};
 
 int Report(const char* action, const char* name, const Status& status)
 {
@@ -78,7 +64,9 @@ Status OpenResource(const char* name, int flags, int& fd)
     if ((flags & O_ACCMODE) == O_WRONLY) {
         return {EACCES, "a resource file is read"};
     }
-    return OpenFiles::Instance().Open(name, fd);
+    const char* const environment = secure_getenv("IAM_OBSERVE");
+    const bool observes = observing || (environment != nullptr && strcmp(environment, "1") == 0);
+    return OpenFiles::Instance().Open(name, observes ? Role::OBSERVER : Role::READER, fd);
 }
 
 }  // namespace
@@ -96,7 +84,7 @@ int IAMRegisterRTService(IAMRTServiceRecord* record)
         return -EINVAL;
     }
     return Report("registering", record->serviceName,
-                  Guarded([&] { return Service::Instance().Serve(record->serviceName, *record->operations); }));
+                  Service::Instance().Serve(record->serviceName, *record->operations));
 }
 
 int IAMShmRegisterPoolWithConfig(IAMShmPoolConfig* config, IAMShmPoolHandle* pool)
@@ -104,7 +92,7 @@ int IAMShmRegisterPoolWithConfig(IAMShmPoolConfig* config, IAMShmPoolHandle* poo
     if (config == nullptr || config->fileName == nullptr || pool == nullptr) {
         return -EINVAL;
     }
-    return Report("registering the pool of", config->fileName, Guarded([&] { return RegisterPool(*config, *pool); }));
+    return Report("registering the pool of", config->fileName, RegisterPool(*config, *pool));
 }
 
 int IAMShmHandleMalloc(IAMShmPoolHandle* pool, uint32_t size, IAMShmBlockHandle* block)
@@ -182,7 +170,7 @@ int __wrap_open(const char* name, int flags, ...)
         return open(name, flags, mode);
     }
     int fd = -1;
-    const Status status = Guarded([&] { return OpenResource(name, flags, fd); });
+    const Status status = OpenResource(name, flags, fd);
     if (!status.Failed()) {
         return fd;
     }
@@ -196,5 +184,47 @@ int __wrap_open(const char* name, int flags, ...)
 
 int __wrap_close(int fd)
 {
-    return OpenFiles::Instance().Close(fd) ? 0 : close(fd);
+    {
+        if (OpenFiles::Instance().Close(fd)) {
+            return 0;
+        }
+    }
+    return close(fd);
+}
+
+void IAMHostObserve(int on)
+{
+    observing = on != 0;
+}
+
+uint64_t IAMHostLostRecords(const char* resource)
+{
+    return resource != nullptr ? OpenFiles::Instance().LostRecords(resource) : 0;
+}
+
+int IAMHostLostPlace(const char* resource)
+{
+    return resource != nullptr && OpenFiles::Instance().HasLostPlace(resource) ? 1 : 0;
+}
+
+const char* IAMHostResourceOfThisThread(void)
+{
+    return OpenFiles::ResourceOfThisThread();
+}
+
+// ---------------------------------------------------------------------------------------------------------------------
+// Both sides
+
+int IAMHostRuntimeDirectory(char* buffer, size_t size)
+{
+    if (buffer == nullptr) {
+        return -EINVAL;
+    }
+    Path directory{};
+    const Status named = NameRuntimeDirectory(directory);
+    if (named.Failed()) {
+        return -named.error;
+    }
+    const int length = snprintf(buffer, size, "%s", directory.text);
+    return static_cast<size_t>(length) < size ? 0 : -ERANGE;
 }

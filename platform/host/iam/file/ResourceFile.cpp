@@ -29,45 +29,35 @@ constexpr uint32_t RECORDS_OF_A_STREAM = 16;
 constexpr int MOST_LOOKS = 100;
 
 // Connecting to a local socket waits only while the service's backlog is full; the send timeout bounds that.
-Status ConnectSocket(int socket, const Path& path, Clock::time_point deadline)
+Status ConnectSocket(const UniqueFd& socket, const Path& path, Clock::time_point deadline)
 {
     const sockaddr_un address = AddressOf(path);
-    for (;;) {
+    do {
         const auto left = std::chrono::duration_cast<microseconds>(deadline - Clock::now()).count();
+        const timeval timeout{left / 1'000'000, left % 1'000'000};
         if (left <= 0) {
             return {ETIMEDOUT, "the service accepts nobody"};
         }
-        timeval timeout{};
-        timeout.tv_sec = left / 1'000'000;
-        timeout.tv_usec = left % 1'000'000;
-        if (setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout) != 0) {
-            return {errno, "the time for connecting cannot be bounded"};
-        }
-        if (connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
+        if (setsockopt(socket.Get(), SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout) == 0 &&
+            connect(socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
             return {};
         }
-        if (errno != EINTR && errno != EAGAIN) {
-            return {errno, "its socket cannot be connected to"};
-        }
-    }
+    } while (errno == EINTR || errno == EAGAIN);
+    return {errno, "its socket cannot be connected to"};
 }
 
-Status WaitForMessage(int socket, Clock::time_point deadline)
+Status WaitForMessage(const UniqueFd& socket, Clock::time_point deadline)
 {
-    for (;;) {
+    pollfd waiting{socket.Get(), POLLIN, 0};
+    int ready = 0;
+    do {
         const auto left = std::chrono::ceil<milliseconds>(deadline - Clock::now()).count();
         if (left <= 0) {
             return {ETIMEDOUT, "the service does not answer"};
         }
-        pollfd waiting{socket, POLLIN, 0};
-        const int ready = poll(&waiting, 1, static_cast<int>(left));
-        if (ready > 0) {
-            return {};
-        }
-        if (ready < 0 && errno != EINTR) {
-            return {errno, "the wait for the service failed"};
-        }
-    }
+        ready = poll(&waiting, 1, static_cast<int>(left));
+    } while (ready == 0 || (ready < 0 && errno == EINTR));
+    return ready > 0 ? Status{} : Status{errno, "the wait for the service failed"};
 }
 
 }  // namespace
@@ -104,7 +94,7 @@ void ResourceFile::Close()
     // At once; whom this misses because it is just falling asleep, the watcher wakes, which the shutdown has called.
     const BellWord* const word = sleepsAt_.load();
     if (word != nullptr) {
-        WakeSleeper(word);
+        WakeSleepers(word);
     }
     Leave(HELD);
 }
@@ -142,18 +132,23 @@ bool ResourceFile::WakeInattentive() const
     if (word == nullptr || !attention_.load()) {
         return false;
     }
-    WakeSleeper(word);
+    WakeSleepers(word);
     return true;
 }
 
 // ---------------------------------------------------------------------------------------------------------------------
 // Connecting
 
-Status ResourceFile::Connect(const char* resource)
+Status ResourceFile::Connect(const char* resource, Role role)
 {
     const Clock::time_point deadline = Clock::now() + OPEN_TIME;
     Path path{};
-    Status status = FindSocketPath(Missing::REFUSE, resource, path);
+    UniqueFd directory;
+    int pid = 0;
+    Status status = OpenRuntimeDirectory(Missing::REFUSE, path, directory);
+    if (!status.Failed()) {
+        status = AppendName(resource, path);
+    }
     if (status.Failed()) {
         return status;
     }
@@ -162,30 +157,27 @@ Status ResourceFile::Connect(const char* resource)
     if (!socket_) {
         return {errno, "a socket cannot be made"};
     }
-    status = ConnectSocket(socket_.Get(), path, deadline);
+    status = ConnectSocket(socket_, path, deadline);
     if (!status.Failed()) {
-        status = CheckPeerUser(socket_.Get());
+        status = CheckPeerUser(socket_, pid);
     }
-    return status.Failed() ? status : Handshake(deadline);
-}
-
-Status ResourceFile::Handshake(Clock::time_point deadline)
-{
-    Status status = SendMessage(socket_.Get(), MessageType::HELLO);
-    // Three messages at most: each type is sound once.
-    while (!status.Failed() && !connected_) {
-        status = WaitForMessage(socket_.Get(), deadline);
-        ReceivedMessage received;
+    if (!status.Failed()) {
+        status = SendMessage(socket_, Compose(MessageType::HELLO, 0, static_cast<uint32_t>(role), 0));
+    }
+    while (!status.Failed() && !connected_) {  // three messages at most: each type is sound once
+        status = WaitForMessage(socket_, deadline);
         if (!status.Failed()) {
-            status = ReceiveMessage(socket_.Get(), received);
-        }
-        if (!status.Failed()) {
-            status = Take(received);
-        } else if (status.error == EAGAIN) {
-            status = {};
+            status = HearMessage();
         }
     }
     return status.error == EPIPE ? Status{ECONNREFUSED, "the service has hung up"} : status;
+}
+
+Status ResourceFile::HearMessage()
+{
+    ReceivedMessage received;
+    const Status status = ReceiveMessage(socket_, received);
+    return status.Failed() ? status : Take(received);
 }
 
 Status ResourceFile::Take(const ReceivedMessage& received)
@@ -215,7 +207,7 @@ Status ResourceFile::TakeRing(const ReceivedMessage& received)
         return status;
     }
     ring_ = RingReader(std::move(service), std::move(own), received.message.count);
-    return SendMessage(socket_.Get(), MessageType::READY);
+    return SendMessage(socket_, Compose(MessageType::READY, 0, 0, 0));
 }
 
 Status ResourceFile::TakePool(const ReceivedMessage& received)
@@ -251,8 +243,10 @@ int64_t ResourceFile::ReadAlone(void* buffer, size_t length)
         if (IsClosed()) {
             return -EBADF;
         }
-        if (failure_ != 0) {
-            return -failure_;
+        // Relaxed: it orders nothing.
+        const int failure = failure_.load(std::memory_order_relaxed);
+        if (failure != 0) {
+            return -failure;
         }
         // Asked for before the last look into the ring, because what was queued before the hang-up is delivered.
         const bool nothingMore = hungUp_;
@@ -298,7 +292,7 @@ int64_t ResourceFile::Deliver(void* buffer, size_t length)
     }
     FetchAhead();
     if (place->length != 0) {
-        memcpy(buffer, pool_.Bytes() + place->offset, place->length);
+        memcpy(buffer, pool_.get() + place->offset, place->length);
     }
     // The service takes blocks back when this connection ends, by a close on this side or a cut on its own. Both leave
     // their mark before the first byte of another record is written: whoever copied such a byte finds the mark.
@@ -321,7 +315,7 @@ void ResourceFile::FetchAhead() const
     }
     const auto place = LocateRecord(ring_.Second(), poolShape_);
     if (place) {
-        Prefetch<Purpose::READING>(pool_.Bytes() + place->offset, place->length);
+        Prefetch<false>(pool_.get() + place->offset, place->length);
     }
 }
 
@@ -358,22 +352,20 @@ int ResourceFile::Sleep()
 int ResourceFile::HearService()
 {
     attention_.store(false);
-    for (;;) {
-        ReceivedMessage received;
-        Status status = ReceiveMessage(socket_.Get(), received);
-        if (status.error == EAGAIN) {
+    Status status;
+    while (!status.Failed()) {
+        status = HearMessage();
+    }
+    switch (status.error) {
+        case EAGAIN:
             return 0;
-        }
-        if (status.error == EPIPE) {
+        case EPIPE:
             hungUp_ = true;
             return 0;
-        }
-        if (!status.Failed()) {
-            status = Take(received);
-        }
-        if (status.Failed()) {  // the message is gone: there is no second attempt
-            return status.error == EPROTO ? Broken(status.cause) : Fail(status.error);
-        }
+        case EPROTO:
+            return Broken(status.cause);
+        default:
+            return Fail(status.error);  // the message is gone: there is no second attempt
     }
 }
 

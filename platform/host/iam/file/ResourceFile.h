@@ -8,6 +8,7 @@
 #define REPORT_EVENT_PLATFORM_HOST_IAM_FILE_RESOURCE_FILE_H
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -30,7 +31,7 @@ public:
     // Connects to whoever serves the resource: at most a second in all, whatever the other side does. ENOENT or
     // ECONNREFUSED when nobody serves it, ETIMEDOUT when the service does not answer, EPROTO when what it answers makes
     // no sense, EACCES when it runs as another user.
-    Status Connect(const char* resource);
+    Status Connect(const char* resource, Role role);
     void Publish();
     // Instead of Publish: gives back what it has.
     void Abandon();
@@ -41,13 +42,22 @@ public:
     {
         return state_.load() / USE_STEP;
     }
-    int Socket() const
+    const UniqueFd& Socket() const
     {
-        return socket_.Get();
+        return socket_;
     }
-    const char* Resource() const
+    const Path& Resource() const
     {
-        return resource_.text;
+        return resource_;
+    }
+    // Records that it has missed as an observer. Only while it is open.
+    uint64_t Lost() const
+    {
+        return ring_.Lost();
+    }
+    bool HasLostPlace() const
+    {
+        return failure_ == ESTALE;
     }
 
     // Returns the length of the record, or a negative errno value:
@@ -89,7 +99,7 @@ private:
     void Leave(uint64_t flag);
     void Release();
 
-    Status Handshake(std::chrono::steady_clock::time_point deadline);
+    Status HearMessage();
     Status Take(const ReceivedMessage& received);
     Status TakeRing(const ReceivedMessage& received);
     Status TakePool(const ReceivedMessage& received);
@@ -113,9 +123,9 @@ private:
     RingReader ring_;
     Mapping pool_;
     PoolShape poolShape_;
-    bool connected_ = false;  // the service has said so
-    bool hungUp_ = false;     // nothing more will come
-    int failure_ = 0;         // for good
+    bool connected_ = false;       // the service has said so
+    bool hungUp_ = false;          // nothing more will come
+    std::atomic<int> failure_{0};  // for good
     uint32_t recordsSinceSleep_ = 0;
 };
 

@@ -12,12 +12,12 @@ namespace host_platform::iam {
 Status BlockPool::Create(const PoolShape& shape)
 {
     records_.reset(new (std::nothrow) Record[shape.blockCount]);
-    free_.reset(new (std::nothrow) uint16_t[shape.blockCount]);
+    free_.reset(new (std::nothrow) uint32_t[shape.blockCount]);
     if (records_ == nullptr || free_ == nullptr) {
         return {ENOMEM, "out of memory"};
     }
     for (uint32_t block = shape.blockCount; block > 0; --block) {
-        free_[freeCount_++] = static_cast<uint16_t>(block - 1);
+        free_[freeCount_++] = block - 1;
     }
     shape_ = shape;
     return CreateSharedMemory("iam-pool", shape.bytes, Writer::SERVICE, memoryFd_, memory_);
@@ -25,13 +25,13 @@ Status BlockPool::Create(const PoolShape& shape)
 
 uint32_t BlockPool::Allocate(uint32_t length, uint64_t use)
 {
-    const uint16_t block = free_[--freeCount_];
+    const uint32_t block = free_[--freeCount_];
     Record& record = records_[block];
     record.use = use;
     record.length = length;
     record.place = Place::ALLOCATED;
     if (freeCount_ != 0) {  // the next record, probably of this size, will stand there
-        Prefetch<Purpose::WRITING>(memory_.Bytes() + size_t{free_[freeCount_ - 1]} * shape_.blockStride, length);
+        Prefetch<true>(memory_.get() + size_t{free_[freeCount_ - 1]} * shape_.blockStride, length);
     }
     return block;
 }
@@ -48,7 +48,7 @@ bool BlockPool::Write(uint32_t block, const void* data, uint32_t size, uint32_t 
         return false;
     }
     if (size != 0) {
-        memcpy(memory_.Bytes() + size_t{block} * shape_.blockStride + offset, data, size);
+        memcpy(memory_.get() + size_t{block} * shape_.blockStride + offset, data, size);
     }
     return true;
 }
@@ -56,32 +56,20 @@ bool BlockPool::Write(uint32_t block, const void* data, uint32_t size, uint32_t 
 void BlockPool::Free(uint32_t block)
 {
     records_[block].place = Place::FREE;
-    free_[freeCount_++] = static_cast<uint16_t>(block);
+    free_[freeCount_++] = block;
 }
 
-uint32_t BlockPool::Queue(uint32_t block, BlockFifo& fifo)
+uint32_t BlockPool::Queue(uint32_t block)
 {
-    Record& record = records_[block];
-    record.place = Place::QUEUED;
-    if (fifo.count++ == 0) {
-        fifo.first = block;
-    } else {
-        records_[fifo.last].next = static_cast<uint16_t>(block);
-    }
-    fifo.last = block;
+    records_[block].place = Place::QUEUED;
     ++queued_;
-    return record.length;
+    return records_[block].length;
 }
 
-void BlockPool::TakeBack(uint32_t count, BlockFifo& fifo)
+void BlockPool::TakeBack(uint32_t block)
 {
-    for (uint32_t i = 0; i < count; ++i) {
-        const uint32_t block = fifo.first;
-        fifo.first = records_[block].next;
-        Free(block);
-    }
-    fifo.count -= count;
-    queued_ -= count;
+    --queued_;
+    Free(block);
 }
 
 }  // namespace host_platform::iam

@@ -22,30 +22,30 @@ Status BlockQueue::Create(uint32_t entries, Memories& memories)
 
 BlockQueue::Appended BlockQueue::Append(uint32_t block, BlockPool& pool)
 {
-    const uint32_t length = pool.Queue(block, blocks_);
+    const uint32_t length = pool.Queue(block);
     return {length, ring_.Append(block, length) ? ring_.Word() : nullptr};
 }
 
 bool BlockQueue::TakeBackConsumed(BlockPool& pool)
 {
     const uint32_t consumed = ring_.ClaimedConsumed();
-    if (!CountIsSound(consumed, takenBack_, blocks_.count)) {
-        return false;
+    const bool sound = CountIsSound(consumed, takenBack_, Queued());
+    if (sound) {
+        TakeBackUpTo(consumed, pool);
     }
-    pool.TakeBack(consumed - takenBack_, blocks_);
-    takenBack_ = consumed;
-    return true;
-}
-
-void BlockQueue::MarkRevoked()
-{
-    ring_.Revoke();
+    return sound;
 }
 
 void BlockQueue::TakeBackAll(BlockPool& pool)
 {
-    takenBack_ += blocks_.count;
-    pool.TakeBack(blocks_.count, blocks_);
+    TakeBackUpTo(ring_.Appended(), pool);
+}
+
+void BlockQueue::TakeBackUpTo(uint32_t count, BlockPool& pool)
+{
+    for (; takenBack_ != count; ++takenBack_) {
+        pool.TakeBack(ring_.BlockAt(takenBack_));
+    }
 }
 
 }  // namespace host_platform::iam

@@ -33,13 +33,22 @@ public:
     [[nodiscard]] bool TakeBackConsumed(BlockPool& pool);
 
     // From here on the reader can tell that it delivers no block any more.
-    void MarkRevoked();
+    void MarkRevoked()
+    {
+        ring_.Revoke();
+    }
     // Returns every block to the pool, read or not. Only once marked.
     void TakeBackAll(BlockPool& pool);
 
+    // An observer has missed a record.
+    void CountLost()
+    {
+        ring_.CountLost();
+    }
+
     uint32_t Queued() const
     {
-        return blocks_.count;
+        return ring_.Appended() - takenBack_;
     }
     uint32_t ClaimedConsumed() const
     {
@@ -47,8 +56,9 @@ public:
     }
 
 private:
+    void TakeBackUpTo(uint32_t count, BlockPool& pool);
+
     RingWriter ring_;
-    BlockFifo blocks_;
     uint32_t takenBack_ = 0;  // of all entries ever appended
 };
 

@@ -37,26 +37,22 @@ constexpr uint64_t UseOf(uint64_t handle)
     return handle & (USE_LIMIT - 1);
 }
 
-// The start of a pool handle; the rest of it is zero.
-struct PoolName {
-    uint64_t mark = 0;
-    uint64_t generation = 0;
-};
+// A pool handle starts with a mark and the pool's generation; the rest of it is zero.
 constexpr uint64_t POOL_MARK = 0x4C4F4F504D414900;
 
 // 0, which no pool has, unless the handle was filled by a registration.
 inline uint64_t PoolGenerationOf(const IAMShmPoolHandle& handle)
 {
-    PoolName name;
-    memcpy(&name, handle.opaque, sizeof name);
-    return name.mark == POOL_MARK ? name.generation : 0;
+    uint64_t words[2];
+    memcpy(words, handle.opaque, sizeof words);
+    return words[0] == POOL_MARK ? words[1] : 0;
 }
 
 inline void FillPoolHandle(uint64_t generation, IAMShmPoolHandle& handle)
 {
-    const PoolName name{POOL_MARK, generation};
-    memset(handle.opaque, 0, sizeof handle.opaque);
-    memcpy(handle.opaque, &name, sizeof name);
+    const uint64_t words[] = {POOL_MARK, generation};
+    handle = {};
+    memcpy(handle.opaque, words, sizeof words);
 }
 
 }  // namespace host_platform::iam

@@ -1,6 +1,9 @@
 #include "platform/host/iam/service/Reader.h"
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <new>
 #include <utility>
 
 #include "platform/host/iam/wire/Messages.h"
@@ -25,23 +28,30 @@ void Reader::Name(const char* resource, uint64_t handle)
 
 Status Reader::Offer()
 {
-    Message message;
-    message.type = static_cast<uint16_t>(MessageType::RING);
-    message.bytes = RingBytes(RING_ENTRIES);
-    message.count = RING_ENTRIES;
+    const uint32_t entries = role == Role::READER ? RING_ENTRIES : OBSERVER_BLOCKS;
     BlockQueue::Memories memories;
-    const Status made = queue.Create(RING_ENTRIES, memories);
-    return made.Failed() ? made : SendMessage(socket.Get(), message, {memories.service.Get(), memories.reader.Get()});
+    const Status made = queue.Create(entries, memories);
+    return made.Failed() ? made
+                         : SendMessage(socket, Compose(MessageType::RING, RingBytes(entries), entries, 0),
+                                       {memories.service.Get(), memories.reader.Get()});
 }
 
-Status Reader::SendPool(const BlockPool& pool) const
+Status Reader::Introduce(const BlockPool& pool)
 {
-    Message message;
-    message.type = static_cast<uint16_t>(MessageType::POOL);
-    message.bytes = pool.Shape().bytes;
-    message.count = pool.Shape().blockCount;
-    message.stride = pool.Shape().blockStride;
-    return SendMessage(socket.Get(), message, {pool.Memory().Get()});
+    PoolShape shape = pool.Shape();
+    if (role == Role::OBSERVER) {
+        shape.blockCount = std::min(shape.blockCount, OBSERVER_BLOCKS);
+        shape.bytes = uint64_t{shape.blockCount} * shape.blockStride;
+        copies_.reset(new (std::nothrow) BlockPool);
+        const Status made = copies_ != nullptr ? copies_->Create(shape) : Status{ENOMEM, "out of memory"};
+        if (made.Failed()) {
+            copies_.reset();
+            return made;
+        }
+    }
+    const BlockPool& told = copies_ != nullptr ? *copies_ : pool;
+    return SendMessage(socket, Compose(MessageType::POOL, shape.bytes, shape.blockCount, shape.blockStride),
+                       {told.Memory().Get()});
 }
 
 void Reader::BeginToSupersede(Clock::time_point now)
@@ -63,17 +73,34 @@ bool Reader::HasStalled(Clock::time_point now)
 void Reader::TakeBlocks(BlockPool* pool)
 {
     queue.MarkRevoked();
-    if (pool != nullptr) {
-        queue.TakeBackAll(*pool);
+    BlockPool* const from = role == Role::READER ? pool : copies_.get();
+    if (from != nullptr) {
+        queue.TakeBackAll(*from);
     }
 }
 
 void Reader::CutOff(BlockPool* pool, const char* cause)
 {
-    if (cutOffCause == nullptr) {
-        cutOffCause = cause;
-        TakeBlocks(pool);
+    cutOffCause = cause;
+    TakeBlocks(pool);
+}
+
+bool Reader::QueueCopy(const unsigned char* record, uint32_t length, const BellWord*& wake)
+{
+    if (cutOffCause != nullptr) {
+        return true;
     }
+    if (copies_ != nullptr && copies_->Exhausted() && !queue.TakeBackConsumed(*copies_)) {
+        return false;
+    }
+    if (copies_ == nullptr || copies_->Exhausted()) {
+        queue.CountLost();
+        return true;
+    }
+    const uint32_t block = copies_->Allocate(length, 0);
+    copies_->Write(block, record, length, 0);
+    wake = queue.Append(block, *copies_).wake;
+    return true;
 }
 
 }  // namespace host_platform::iam

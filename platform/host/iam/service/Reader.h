@@ -1,12 +1,14 @@
-// One reader of the service, from its acceptance to its hang-up.
+// One reader or observer of the service, from its acceptance to its hang-up.
 //
 // The service owns it. The service thread alone makes it, follows its socket and destroys it; what a publish touches is
 // under the service's lock, as marked.
 #ifndef REPORT_EVENT_PLATFORM_HOST_IAM_SERVICE_READER_H
 #define REPORT_EVENT_PLATFORM_HOST_IAM_SERVICE_READER_H
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <memory>
 
 #include "iam.h"
 #include "platform/host/common/Descriptor.h"
@@ -20,9 +22,9 @@ namespace host_platform::iam {
 using Clock = std::chrono::steady_clock;
 
 struct Reader {
-    enum class Stage { AWAIT_HELLO, AWAIT_READY, CONNECTED };
-
     Reader(UniqueFd connection, int process);
+
+    // --- The service thread's.
 
     // What notifications see of it.
     void Name(const char* resource, uint64_t handle);
@@ -30,40 +32,40 @@ struct Reader {
     {
         return file.dataHandle;
     }
-
     // Makes its ring and sends it.
     Status Offer();
-    // Tells it of the pool, before anything from it is queued.
-    Status SendPool(const BlockPool& pool) const;
 
-    // --- Under the service's lock from the time that it is attached.
+    enum class Stage { AWAIT_HELLO, AWAIT_READY, CONNECTED };
 
+    const UniqueFd socket;  // the one descriptor that is kept for a reader
+    const int pid;
+    const Clock::time_point accepted = Clock::now();
+    Stage stage = Stage::AWAIT_HELLO;
+    Role role = Role::READER;  // as it has said in HELLO
+    char label[sizeof(Path) + 32] = {};
+    IAMRTFSMgrFile file{};
+
+    // --- Under the service's lock.
+
+    // Tells it of the pool, or makes a pool of its own for an observer and tells it of that.
+    Status Introduce(const BlockPool& pool);
     // From here on it has to show that it still reads.
     void BeginToSupersede(Clock::time_point now);
     // Whether its count has not moved for so long that its blocks may be taken from it.
     bool HasStalled(Clock::time_point now);
     // Takes its blocks from it, if there is a pool, and lets it know.
     void TakeBlocks(BlockPool* pool);
-    // The same; the service thread, which must hear of it, hangs up.
     void CutOff(BlockPool* pool, const char* cause);
+    // Queues a copy of this record for an observer, or counts it as lost. False when its ring makes no sense.
+    [[nodiscard]] bool QueueCopy(const unsigned char* record, uint32_t length, const BellWord*& wake);
 
-    // --- The service thread's.
-
-    const UniqueFd socket;  // the one descriptor that is kept for a reader
-    const int pid;
-    const Clock::time_point accepted = Clock::now();
-    Stage stage = Stage::AWAIT_HELLO;
-    char label[sizeof(Path) + 32] = {};
-    IAMRTFSMgrFile file{};
-
-    // --- Under the service's lock from the time that it is attached.
-
-    BlockQueue queue;
-    bool attached = false;              // it can be published to
-    bool announced = false;             // its open notification has returned
-    const char* cutOffCause = nullptr;  // why it was cut off
+    BlockQueue queue;                               // of blocks of the service's pool, or of an observer's own
+    bool attached = false;                          // it can be published to
+    bool announced = false;                         // its open notification has returned
+    std::atomic<const char*> cutOffCause{nullptr};  // once it was cut off; read without the lock, too
 
 private:
+    std::unique_ptr<BlockPool> copies_;  // an observer's own pool, once the service has one
     uint32_t consumedWhenSeen_ = 0;
     Clock::time_point movedAt_{};
 };

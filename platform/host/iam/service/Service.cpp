@@ -20,6 +20,8 @@ namespace {
 // after a few and are used again while they are warm.
 constexpr uint64_t TAKE_BACK_BYTES = uint64_t{16} * 1024;
 
+constexpr char RING_MAKES_NO_SENSE[] = "its ring makes no sense";
+
 }  // namespace
 
 Service& Service::Instance()
@@ -37,9 +39,16 @@ Status Service::Serve(const char* name, const IAMFileOperations& operations)
     if (!IsResourceName(name)) {
         return {EINVAL, "a resource name has the form <text>:/res/..."};
     }
+    if (thread_.IsInChild()) {
+        return {ENOTSUP, "a child of fork must call exec first"};
+    }
+    std::unique_ptr<Endpoint> endpoint(new (std::nothrow) Endpoint);
+    if (endpoint == nullptr) {
+        return {ENOMEM, "out of memory"};
+    }
     {
-        const MutexLock lock(lifeMutex_);
-        if (life_ == Life::SERVING && strcmp(name, name_.text) == 0) {
+        const MutexLock lock(mutex_);
+        if (Serves(name)) {
             operations_ = operations;
             return {};
         }
@@ -54,56 +63,47 @@ Status Service::Serve(const char* name, const IAMFileOperations& operations)
         operations_ = operations;
         snprintf(name_.text, sizeof name_.text, "%s", name);
     }
-    const Status status = Start(name);
-    if (status.Failed()) {
-        const MutexLock lock(lifeMutex_);
-        life_ = Life::IDLE;
+    Status status = Start(name, *endpoint);
+    const MutexLock lock(mutex_);
+    if (!status.Failed()) {
+        status = thread_.Watch(*endpoint);  // a system call, so that the first reader finds all of it
     }
+    if (!status.Failed()) {
+        endpoint_ = std::move(endpoint);
+    }
+    life_ = status.Failed() ? Life::IDLE : Life::SERVING;
     return status;
 }
 
-Status Service::Start(const char* name)
+Status Service::Start(const char* name, Endpoint& endpoint)
 {
-    std::unique_ptr<Endpoint> endpoint(new (std::nothrow) Endpoint);
-    if (endpoint == nullptr) {
-        return {ENOMEM, "out of memory"};
-    }
-    Status status = endpoint->Create(name);
+    Status status = endpoint.Create(name);
     if (!status.Failed()) {
         status = thread_.Start();
     }
     // At every start: what was built since the last one, and is destroyed earlier, must not hear of a reader any more.
     if (!status.Failed() && std::atexit([] { Instance().EndAtExit(); }) != 0) {
-        status = {ENOMEM, "no exit handler can be registered"};
-    }
-    if (status.Failed()) {
-        return status;
-    }
-    const MutexLock lock(lifeMutex_);
-    status = thread_.Watch(*endpoint);
-    if (!status.Failed()) {
-        endpoint_ = std::move(endpoint);
-        life_ = Life::SERVING;
+        return {ENOMEM, "no exit handler can be registered"};
     }
     return status;
 }
 
 int Service::End(uint64_t poolGeneration)
 {
-    if (!thread_.IsInThisProcess()) {
+    if (thread_.IsInChild()) {
         return -EBADF;
     }
-    const MutexLock lock(lifeMutex_);
+    uint32_t endsBefore = 0;
     {
-        const MutexLock poolLock(mutex_);
-        if (servingGeneration_ == 0 || servingGeneration_ != poolGeneration) {
+        const MutexLock lock(mutex_);
+        if (life_ != Life::SERVING || pool_ == nullptr || poolGeneration != poolGeneration_) {
             return -EBADF;
         }
+        endsBefore = ends_;
+        BeginEnd(thread_.IsCurrentThread());
     }
-    const bool insideNotification = thread_.IsCurrentThread();
-    BeginEnd(insideNotification);
-    if (!insideNotification) {
-        WaitForEnd();
+    if (!thread_.IsCurrentThread()) {
+        WaitForEnd(endsBefore);
     }
     return 0;
 }
@@ -112,18 +112,27 @@ int Service::End(uint64_t poolGeneration)
 // and the pool is left to the kernel: another thread may be publishing still.
 void Service::EndAtExit()
 {
-    if (!thread_.IsInThisProcess()) {
+    if (thread_.IsInChild()) {
         return;
     }
-    const MutexLock lock(lifeMutex_);
-    exiting_ = true;
-    if (life_ == Life::SERVING) {
-        BeginEnd(true);
+    std::unique_ptr<Endpoint> endpoint;
+    uint32_t endsBefore = 0;
+    {
+        const MutexLock lock(mutex_);
+        exiting_ = true;
+        endsBefore = ends_;
+        if (life_ == Life::SERVING) {
+            BeginEnd(true);
+        }
+        if (life_ != Life::ENDING) {
+            return;
+        }
+        if (thread_.IsCurrentThread()) {  // inside a notification: the thread will not come to it
+            endpoint = std::move(endpoint_);
+        }
     }
-    if (thread_.IsCurrentThread()) {
-        endpoint_.reset();  // the thread will not come to it: the exit was called from inside a notification
-    } else if (life_ == Life::ENDING) {
-        WaitForEnd();
+    if (!thread_.IsCurrentThread()) {
+        WaitForEnd(endsBefore);
     }
 }
 
@@ -131,18 +140,12 @@ void Service::BeginEnd(bool quiet)
 {
     life_ = Life::ENDING;
     quiet_ = quiet;
-    {
-        const MutexLock lock(mutex_);
-        servingGeneration_ = 0;
-    }
     thread_.Wake();
 }
 
-void Service::WaitForEnd()
+void Service::WaitForEnd(uint32_t endsBefore) const
 {
-    const uint64_t before = ends_;
-    while (ends_ == before) {
-        ended_.Wait(lifeMutex_);
+    while (ends_ == endsBefore && SleepWhile(ends_, endsBefore) == 0) {
     }
 }
 
@@ -151,8 +154,7 @@ void Service::FinishEnd()
     std::unique_ptr<Endpoint> endpoint;
     std::unique_ptr<BlockPool> pool;
     {
-        const MutexLock lock(lifeMutex_);
-        const MutexLock poolLock(mutex_);
+        const MutexLock lock(mutex_);
         endpoint = std::move(endpoint_);
         pool = std::move(pool_);
         readersEnd_ = 0;
@@ -162,10 +164,10 @@ void Service::FinishEnd()
     }
     endpoint.reset();  // before anyone is told that the name is free
     pool.reset();
-    const MutexLock lock(lifeMutex_);
+    const MutexLock lock(mutex_);
     life_ = Life::IDLE;
     ++ends_;
-    ended_.NotifyAll();
+    WakeSleepers(&ends_);
 }
 
 // ---------------------------------------------------------------------------------------------------------------------
@@ -173,97 +175,84 @@ void Service::FinishEnd()
 
 Status Service::RegisterPool(const char* name, const PoolShape& shape, uint64_t& poolGeneration)
 {
-    auto pool = std::unique_ptr<BlockPool>(new (std::nothrow) BlockPool);
-    const BlockPool* const offered = pool.get();
-    Status status = MayRegisterPool(name);
-    if (!status.Failed()) {
-        status = pool != nullptr ? pool->Create(shape) : Status{ENOMEM, "out of memory"};
+    if (thread_.IsInChild()) {
+        return {ENOTSUP, "a child of fork must call exec first"};
     }
-    if (status.Failed()) {
-        return status;
-    }
-    const MutexLock lock(lifeMutex_);
-    status = MayRegisterPoolNow(name);
-    if (status.Failed()) {
-        return status;
-    }
-    {
-        const MutexLock poolLock(mutex_);
-        pool_ = std::move(pool);
-        servingGeneration_ = ++poolGeneration_;
-        poolGeneration = poolGeneration_;
-        bytesQueued_ = 0;
-    }
-    for (size_t index = 0; index < ReadersEnd(); ++index) {
-        Reader* const reader = ReaderAt(index, Which::ATTACHED);
-        if (reader != nullptr && reader->SendPool(*offered).Failed()) {
-            const MutexLock poolLock(mutex_);
-            CutOff(*reader, "it does not take its messages");
-        }
-    }
-    thread_.Wake();
-    return {};
-}
-
-Status Service::MayRegisterPool(const char* name)
-{
-    const MutexLock lock(lifeMutex_);
-    return MayRegisterPoolNow(name);
-}
-
-Status Service::MayRegisterPoolNow(const char* name) const
-{
-    if (life_ != Life::SERVING || strcmp(name, name_.text) != 0) {
-        return {ENOENT, "its service is not registered"};
+    std::unique_ptr<BlockPool> pool(new (std::nothrow) BlockPool);
+    const Status created = pool != nullptr ? pool->Create(shape) : Status{ENOMEM, "out of memory"};
+    if (created.Failed()) {
+        return created;
     }
     const MutexLock lock(mutex_);
+    if (!Serves(name)) {
+        return {ENOENT, "its service is not registered"};
+    }
     if (pool_ != nullptr) {
         return {EEXIST, "it has a pool already"};
+    }
+    pool_ = std::move(pool);
+    poolGeneration = ++poolGeneration_;
+    bytesQueued_ = 0;
+    for (size_t index = 0; index < readersEnd_; ++index) {
+        Reader* const reader = readers_[index].get();
+        const Status introduced = reader != nullptr && reader->attached ? reader->Introduce(*pool_) : Status{};
+        if (introduced.Failed()) {
+            CutOff(*reader, introduced.cause);
+        }
     }
     return {};
 }
 
 int Service::Allocate(uint64_t poolGeneration, uint32_t size, uint64_t& block)
 {
-    bool cutOff = false;
-    int result = 0;
-    {
-        const MutexLock lock(mutex_);
-        if (servingGeneration_ == 0 || poolGeneration != servingGeneration_) {
-            return -EBADF;
-        }
-        if (size > pool_->Shape().blockStride) {
-            return -EMSGSIZE;
-        }
-        if (bytesQueued_ >= TAKE_BACK_BYTES || pool_->Exhausted()) {
-            Replenish();
-            cutOff = std::exchange(someoneCutOff_, false);
-        }
-        if (pool_->Exhausted()) {
-            result = -ENOBUFS;
-        } else {
-            lastUse_ = (lastUse_ + 1) % USE_LIMIT;
-            block = PackHandle(HandleKind::BLOCK, pool_->Allocate(size, lastUse_), lastUse_);
-        }
+    const MutexLock lock(mutex_);
+    if (life_ != Life::SERVING || pool_ == nullptr || poolGeneration != poolGeneration_) {
+        return -EBADF;
     }
-    if (cutOff) {
-        thread_.Wake();
+    if (size > pool_->Shape().blockStride) {
+        return -EMSGSIZE;
     }
-    return result;
+    if (bytesQueued_ >= TAKE_BACK_BYTES || pool_->Exhausted()) {
+        Replenish();
+    }
+    if (pool_->Exhausted()) {
+        return -ENOBUFS;
+    }
+    lastUse_ = (lastUse_ + 1) % USE_LIMIT;
+    block = PackHandle(HandleKind::BLOCK, pool_->Allocate(size, lastUse_), lastUse_);
+    return 0;
 }
 
 int Service::Write(uint64_t block, const void* data, uint32_t size, uint32_t offset)
 {
     const MutexLock lock(mutex_);
-    if (!IsAllocated(servingGeneration_, block)) {
+    if (!IsAllocated(poolGeneration_, block)) {
         return -EBADF;
     }
     return pool_->Write(IndexOf(block), data, size, offset) ? 0 : -EMSGSIZE;
 }
 
+// Who must be woken once the lock is let go, because that is a system call. A reader may be gone by then: its address
+// may be used all the same.
+struct Service::Sleepers {
+    void Add(const BellWord* word)
+    {
+        if (word != nullptr) {
+            words[count++] = word;
+        }
+    }
+    void Wake() const
+    {
+        std::for_each(words.begin(), words.begin() + count, WakeSleepers);
+    }
+
+    std::array<const BellWord*, OBSERVER_LIMIT + 1> words;
+    size_t count = 0;
+};
+
 int Service::Enqueue(uint64_t reader, uint64_t poolGeneration, uint64_t block)
 {
-    BlockQueue::Appended appended{};
+    Sleepers sleepers;
     {
         const MutexLock lock(mutex_);
         if (!IsAllocated(poolGeneration, block)) {
@@ -274,14 +263,14 @@ int Service::Enqueue(uint64_t reader, uint64_t poolGeneration, uint64_t block)
             return -ENOTCONN;
         }
         SetCurrent(reader);
-        appended = to->queue.Append(IndexOf(block), *pool_);
+        const BlockQueue::Appended appended = to->queue.Append(IndexOf(block), *pool_);
+        sleepers.Add(appended.wake);
         bytesQueued_ += appended.length;
+        if (observerCount_ != 0) {
+            CopyToObservers(IndexOf(block), appended.length, sleepers);
+        }
     }
-    // Outside the lock, because it is a system call. The reader may be gone by now: its address may be used all the
-    // same.
-    if (appended.wake != nullptr) {
-        WakeSleeper(appended.wake);
-    }
+    sleepers.Wake();
     return 0;
 }
 
@@ -295,21 +284,23 @@ int Service::Free(uint64_t poolGeneration, uint64_t block)
     return 0;
 }
 
-int Service::ReaderCount(const char* name)
+int Service::ReaderCount(const char* name) const
 {
-    const MutexLock lock(lifeMutex_);
-    if (life_ != Life::SERVING || strcmp(name, name_.text) != 0) {
-        return -1;
-    }
-    const MutexLock readersLock(mutex_);
+    const MutexLock lock(mutex_);
     const auto announced = [](const auto& reader) { return reader != nullptr && reader->announced; };
-    return static_cast<int>(std::count_if(readers_.begin(), readers_.begin() + readersEnd_, announced));
+    return Serves(name) ? static_cast<int>(std::count_if(readers_.begin(), readers_.begin() + readersEnd_, announced))
+                        : -1;
+}
+
+bool Service::Serves(const char* name) const
+{
+    return life_ == Life::SERVING && strcmp(name, name_.text) == 0;
 }
 
 bool Service::IsAllocated(uint64_t poolGeneration, uint64_t block) const
 {
-    return servingGeneration_ != 0 && poolGeneration == servingGeneration_ && KindOf(block) == HandleKind::BLOCK &&
-           pool_->IsAllocated(IndexOf(block), UseOf(block));
+    return life_ == Life::SERVING && pool_ != nullptr && poolGeneration == poolGeneration_ &&
+           KindOf(block) == HandleKind::BLOCK && pool_->IsAllocated(IndexOf(block), UseOf(block));
 }
 
 // Null also when it has been cut off.
@@ -317,8 +308,9 @@ Reader* Service::FindAttached(uint64_t handle) const
 {
     const size_t index = IndexOf(handle);
     Reader* const reader = index < readersEnd_ ? readers_[index].get() : nullptr;
-    const bool found = reader != nullptr && reader->Handle() == handle && reader->attached;
-    return found && reader->cutOffCause == nullptr ? reader : nullptr;
+    const bool found = reader != nullptr && reader->Handle() == handle && reader->attached &&
+                       reader->role == Role::READER && reader->cutOffCause == nullptr;
+    return found ? reader : nullptr;
 }
 
 void Service::SetCurrent(uint64_t handle)
@@ -337,8 +329,8 @@ void Service::Replenish()
 {
     bytesQueued_ = 0;
     Reader* const current = FindAttached(current_);
-    if (current != nullptr) {
-        TakeBack(*current);
+    if (current != nullptr && !current->queue.TakeBackConsumed(*pool_)) {
+        CutOff(*current, RING_MAKES_NO_SENSE);
     }
     // Other readers matter only when nothing is left, so that the cost of a record does not grow with their number.
     const uint32_t queuedByCurrent = current != nullptr ? current->queue.Queued() : 0;
@@ -349,57 +341,59 @@ void Service::Replenish()
 
 void Service::TakeBackFromOthers(const Reader* current)
 {
-    const auto forEachOther = [this, current](const auto& act) HOST_REQUIRES(mutex_) {
-        for (size_t index = 0; index < readersEnd_; ++index) {
+    const Clock::time_point now = Clock::now();
+    for (const bool mayCutOff : {false, true}) {
+        for (size_t index = 0; index < readersEnd_ && pool_->Exhausted(); ++index) {
             Reader* const reader = readers_[index].get();
-            if (reader != nullptr && reader != current && reader->queue.Queued() != 0) {
-                act(*reader);
+            if (reader == nullptr || reader == current || reader->role != Role::READER || reader->queue.Queued() == 0) {
+                continue;
+            }
+            if (!reader->queue.TakeBackConsumed(*pool_)) {
+                CutOff(*reader, RING_MAKES_NO_SENSE);
+            } else if (mayCutOff && reader->HasStalled(now)) {
+                CutOff(*reader, "it is not the current reader, held blocks of an empty pool and did not read");
             }
         }
-    };
-    forEachOther([this](Reader& reader) HOST_REQUIRES(mutex_) { TakeBack(reader); });
-    if (!pool_->Exhausted()) {
-        return;
-    }
-    const Clock::time_point now = Clock::now();
-    forEachOther([this, now](Reader& reader) HOST_REQUIRES(mutex_) {
-        if (reader.HasStalled(now)) {
-            CutOff(reader, "it is not the current reader, held blocks of an empty pool and did not read");
-        }
-    });
-}
-
-void Service::TakeBack(Reader& reader)
-{
-    if (!reader.queue.TakeBackConsumed(*pool_)) {
-        CutOff(reader, "its ring makes no sense");
     }
 }
 
+// The service thread, which must hear of it, hangs up.
 void Service::CutOff(Reader& reader, const char* cause)
 {
     reader.CutOff(pool_.get(), cause);
-    someoneCutOff_ = true;
+    thread_.Wake();
+}
+
+// After the current reader has been served. The block is still its own: consumed ones are taken back under this lock.
+void Service::CopyToObservers(uint32_t block, uint32_t length, Sleepers& sleepers)
+{
+    for (size_t i = 0; i < observerCount_; ++i) {
+        const BellWord* wake = nullptr;
+        if (!observers_[i]->QueueCopy(pool_->Bytes(block), length, wake)) {
+            CutOff(*observers_[i], RING_MAKES_NO_SENSE);
+        }
+        sleepers.Add(wake);
+    }
 }
 
 // ---------------------------------------------------------------------------------------------------------------------
 // The service thread's side
 
-bool Service::IsEnding()
+bool Service::IsEnding() const
 {
-    const MutexLock lock(lifeMutex_);
+    const MutexLock lock(mutex_);
     return life_ == Life::ENDING;
 }
 
-Endpoint* Service::CurrentEndpoint()
+const Endpoint* Service::CurrentEndpoint() const
 {
-    const MutexLock lock(lifeMutex_);
+    const MutexLock lock(mutex_);
     return endpoint_.get();
 }
 
-IAMFileOperations Service::Notifications()
+IAMFileOperations Service::Notifications() const
 {
-    const MutexLock lock(lifeMutex_);
+    const MutexLock lock(mutex_);
     return quiet_ || exiting_ ? IAMFileOperations{} : operations_;
 }
 
@@ -412,13 +406,11 @@ Status Service::Add(std::unique_ptr<Reader> reader)
     size_t all = 0;
     size_t ofProcess = 0;
     size_t place = readersEnd_;
-    for (size_t index = readersEnd_; index-- > 0;) {
-        if (readers_[index] == nullptr) {
-            place = index;
-            continue;
-        }
-        ++all;
-        ofProcess += readers_[index]->pid == reader->pid ? 1 : 0;
+    for (size_t index = 0; index < readersEnd_; ++index) {
+        const Reader* const other = readers_[index].get();
+        place = other == nullptr ? std::min(place, index) : place;
+        all += other != nullptr ? 1 : 0;
+        ofProcess += other != nullptr && other->pid == reader->pid ? 1 : 0;
     }
     if (all >= limit) {
         return {EMFILE, "there are too many connections"};
@@ -433,49 +425,30 @@ Status Service::Add(std::unique_ptr<Reader> reader)
     return {};
 }
 
-size_t Service::ReadersEnd() const
+Reader* Service::ReaderAt(size_t index) const
 {
     const MutexLock lock(mutex_);
-    return readersEnd_;
-}
-
-Reader* Service::ReaderAt(size_t index, Which which) const
-{
-    const MutexLock lock(mutex_);
-    Reader* const reader = readers_[index].get();
-    if (reader == nullptr) {
-        return nullptr;
-    }
-    switch (which) {
-        case Which::ALL:
-            return reader;
-        case Which::ATTACHED:
-            return reader->attached ? reader : nullptr;
-        case Which::CUT_OFF:
-            return reader->cutOffCause != nullptr ? reader : nullptr;
-    }
-    return nullptr;
+    return index < readersEnd_ ? readers_[index].get() : nullptr;
 }
 
 Status Service::Attach(Reader& reader)
 {
-    const MutexLock lock(lifeMutex_);
+    const MutexLock lock(mutex_);
+    const bool observes = reader.role == Role::OBSERVER;
     if (life_ != Life::SERVING) {
         return {ESHUTDOWN, "the service is being ended"};
     }
-    const BlockPool* pool = nullptr;
-    {
-        const MutexLock poolLock(mutex_);
-        pool = pool_.get();
+    if (observes && observerCount_ == OBSERVER_LIMIT) {
+        return {EMFILE, "there are too many observers"};
     }
-    if (pool != nullptr) {
-        const Status sent = reader.SendPool(*pool);
-        if (sent.Failed()) {
-            return sent;
-        }
+    const Status introduced = pool_ != nullptr ? reader.Introduce(*pool_) : Status{};
+    if (introduced.Failed()) {
+        return introduced;
     }
-    const MutexLock readersLock(mutex_);
     reader.attached = true;
+    if (observes) {
+        observers_[observerCount_++] = &reader;
+    }
     return {};
 }
 
@@ -488,12 +461,13 @@ void Service::MakeCurrent(Reader& reader)
 
 std::unique_ptr<Reader> Service::Remove(Reader& reader)
 {
-    const MutexLock lock(lifeMutex_);
-    const MutexLock readersLock(mutex_);
+    const MutexLock lock(mutex_);
     // At the end of the service nothing is written to a block any more: the reader may deliver what it has.
     if (reader.attached && life_ == Life::SERVING) {
         reader.TakeBlocks(pool_.get());
     }
+    auto* const end = observers_.begin() + observerCount_;
+    observerCount_ = static_cast<size_t>(std::remove(observers_.begin(), end, &reader) - observers_.begin());
     return std::move(readers_[IndexOf(reader.Handle())]);
 }
 

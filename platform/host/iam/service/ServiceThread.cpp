@@ -14,7 +14,6 @@
 #include <new>
 #include <utility>
 
-#include "platform/host/iam/BackgroundThread.h"
 #include "platform/host/iam/Log.h"
 #include "platform/host/iam/service/Handles.h"
 #include "platform/host/iam/service/Service.h"
@@ -50,6 +49,17 @@ bool OutOfResources(int error)
     return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
 }
 
+const char* HandshakeIsLate(const Reader& reader)
+{
+    const bool late = reader.stage != Reader::Stage::CONNECTED && Clock::now() - reader.accepted >= HANDSHAKE_TIME;
+    return late ? "it did not complete the handshake in time" : nullptr;
+}
+
+const char* IsCutOff(const Reader& reader)
+{
+    return reader.cutOffCause;
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------------------------------------------------------------
@@ -57,11 +67,8 @@ bool OutOfResources(int error)
 
 Status ServiceThread::Start()
 {
-    if (IsInThisProcess()) {
+    if (thread_.Runs()) {
         return {};
-    }
-    if (process_ != 0) {
-        return {ENOTSUP, "a child of fork must call exec first"};
     }
     epoll_ = AboveStandard(epoll_create1(EPOLL_CLOEXEC));
     wake_ = AboveStandard(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
@@ -76,11 +83,7 @@ Status ServiceThread::Start()
         static_cast<ServiceThread*>(thread)->Run();
         return nullptr;
     };
-    const Status status = StartBackgroundThread("iam-service", run, this);
-    if (!status.Failed()) {
-        process_ = getpid();
-    }
-    return status;
+    return thread_.Start("iam-service", run, this);
 }
 
 Status ServiceThread::Watch(const Endpoint& endpoint)
@@ -106,11 +109,6 @@ bool ServiceThread::IsCurrentThread()
     return onServiceThread;
 }
 
-bool ServiceThread::IsInThisProcess() const
-{
-    return process_ == getpid();
-}
-
 // ---------------------------------------------------------------------------------------------------------------------
 // The thread
 
@@ -125,11 +123,13 @@ void ServiceThread::Run()
             Dispatch(events[i].data.u64, events[i].events);
         }
         if (handshakes_ != 0) {
-            DropLateHandshakes();
+            CloseThose(HandshakeIsLate);
         }
-        ResumeListening();
+        if (paused_ && Clock::now() >= resumeAt_) {
+            Listen(true);
+        }
         if (std::exchange(woken_, false)) {
-            CloseCutOff();
+            CloseThose(IsCutOff);
             FinishEnd();
         }
     }
@@ -147,7 +147,7 @@ void ServiceThread::Dispatch(uint64_t key, uint32_t events)
     } else if (key == FILES_KEY) {
         HearOfFiles();
     } else {
-        Reader* const reader = service_.ReaderAt(IndexOf(key), Service::Which::ALL);
+        Reader* const reader = service_.ReaderAt(IndexOf(key));
         if (reader != nullptr && reader->Handle() == key) {  // else an earlier event of the same batch ended it
             Hear(*reader, events);
         }
@@ -162,8 +162,8 @@ void ServiceThread::HearOfFiles()
     const Endpoint* const endpoint = service_.CurrentEndpoint();
     const bool gone = endpoint != nullptr && endpoint->IsGone();
     if (gone && !filesGone_) {
-        Log("%s: its socket %s or its lock file is gone, readers do not find it any more: start it again",
-            service_.Name(), endpoint->SocketPath());
+        Log("%s: its socket %s is gone, readers do not find it any more: start it again", service_.Name(),
+            endpoint->SocketPath());
     }
     filesGone_ = gone;
 }
@@ -179,7 +179,9 @@ void ServiceThread::AcceptReaders()
         if (socket) {
             Admit(std::move(socket));
         } else if (OutOfResources(errno)) {
-            PauseListening(errno);
+            // The waiting readers stay in the backlog; without the pause this thread would spin on them.
+            Log("%s: readers must wait: %s", service_.Name(), strerrordesc_np(errno));
+            Listen(false);
             return;
         } else if (errno != ECONNABORTED && errno != EINTR) {
             return;  // EAGAIN: nobody waits
@@ -191,7 +193,7 @@ void ServiceThread::Admit(UniqueFd socket)
 {
     int pid = 0;
     const int fd = socket.Get();
-    Status status = CheckPeerUser(fd, &pid);
+    Status status = CheckPeerUser(socket, pid);
     std::unique_ptr<Reader> reader(new (std::nothrow) Reader(std::move(socket), pid));
     Reader* const added = reader.get();
     if (!status.Failed()) {
@@ -207,24 +209,14 @@ void ServiceThread::Admit(UniqueFd socket)
     }
 }
 
-void ServiceThread::PauseListening(int error)
+void ServiceThread::Listen(bool on)
 {
-    // The waiting readers stay in the backlog; without the pause this thread would spin on them.
-    Log("%s: readers must wait: %s", service_.Name(), strerrordesc_np(error));
-    Control(epoll_, EPOLL_CTL_MOD, service_.CurrentEndpoint()->Listener(), 0, LISTENER_KEY);
-    paused_ = true;
+    paused_ = !on;
     resumeAt_ = Clock::now() + ACCEPT_PAUSE;
-}
-
-void ServiceThread::ResumeListening()
-{
-    if (!paused_ || Clock::now() < resumeAt_) {
-        return;
-    }
-    paused_ = false;
     const Endpoint* const endpoint = service_.CurrentEndpoint();
     if (endpoint != nullptr) {
-        Control(epoll_, EPOLL_CTL_MOD, endpoint->Listener(), EPOLLIN, LISTENER_KEY);
+        const uint32_t events = on ? EPOLLIN : 0U;
+        Control(epoll_, EPOLL_CTL_MOD, endpoint->Listener(), events, LISTENER_KEY);
     }
 }
 
@@ -234,26 +226,27 @@ void ServiceThread::ResumeListening()
 void ServiceThread::Hear(Reader& reader, uint32_t events)
 {
     ReceivedMessage received;
-    Status status = ReceiveMessage(reader.socket.Get(), received);
+    Status status = ReceiveMessage(reader.socket, received);
     if (status.error == EAGAIN) {
         return;
     }
     const bool left = status.error == EPIPE || (events & (EPOLLHUP | EPOLLRDHUP | EPOLLERR)) != 0;
     if (!status.Failed() && !left) {
-        status = Advance(reader, received.type);
+        status = Advance(reader, received);
     }
     if (left || status.Failed()) {
         Close(reader, left ? nullptr : status.cause);  // nobody needs to hear of one that has left already
     }
 }
 
-Status ServiceThread::Advance(Reader& reader, MessageType type)
+Status ServiceThread::Advance(Reader& reader, const ReceivedMessage& received)
 {
-    if (reader.stage == Reader::Stage::AWAIT_HELLO && type == MessageType::HELLO) {
+    if (reader.stage == Reader::Stage::AWAIT_HELLO && received.type == MessageType::HELLO) {
         reader.stage = Reader::Stage::AWAIT_READY;
+        reader.role = static_cast<Role>(received.message.count);
         return reader.Offer();
     }
-    if (reader.stage == Reader::Stage::AWAIT_READY && type == MessageType::READY) {
+    if (reader.stage == Reader::Stage::AWAIT_READY && received.type == MessageType::READY) {
         return Greet(reader);
     }
     return {EPROTO, "it sent a message out of turn"};
@@ -267,29 +260,31 @@ Status ServiceThread::Greet(Reader& reader)
     }
     reader.stage = Reader::Stage::CONNECTED;
     --handshakes_;
-    const IAMFileOperations operations = service_.Notifications();
-    if (operations.open != nullptr) {
-        operations.open(&reader.file);
+    if (reader.role == Role::READER) {
+        const IAMFileOperations operations = service_.Notifications();
+        if (operations.open != nullptr) {
+            operations.open(&reader.file);
+        }
+        // After the notification, so that the reader before it is not held to be superseded while the publisher still
+        // publishes to it.
+        service_.MakeCurrent(reader);
     }
-    // After the notification, so that the reader before it is not held to be superseded while the publisher still
-    // publishes to it.
-    service_.MakeCurrent(reader);
     // The reader's open returns on this message: whatever is published from then on finds it known.
-    return SendMessage(reader.socket.Get(), MessageType::CONNECTED);
+    return SendMessage(reader.socket, Compose(MessageType::CONNECTED, 0, 0, 0));
 }
 
 void ServiceThread::Close(Reader& reader, const char* cause)
 {
     if (reader.stage != Reader::Stage::CONNECTED) {
         --handshakes_;
-    } else {
+    } else if (reader.role == Role::READER) {
         const IAMFileOperations operations = service_.Notifications();
         if (operations.close != nullptr) {
             operations.close(&reader.file);
         }
     }
     const std::unique_ptr<Reader> gone = service_.Remove(reader);
-    cause = gone->cutOffCause != nullptr ? gone->cutOffCause : cause;
+    cause = gone->cutOffCause != nullptr ? gone->cutOffCause.load() : cause;
     if (cause != nullptr) {
         Log("%s: the connection of process %d was closed: %s", service_.Name(), gone->pid, cause);
     }
@@ -299,23 +294,13 @@ void ServiceThread::Close(Reader& reader, const char* cause)
     Control(epoll_, EPOLL_CTL_DEL, gone->socket.Get(), 0, 0);
 }
 
-void ServiceThread::DropLateHandshakes()
+void ServiceThread::CloseThose(const char* (*cause)(const Reader& reader))
 {
-    const Clock::time_point latest = Clock::now() - HANDSHAKE_TIME;
-    for (size_t index = 0; index < service_.ReadersEnd(); ++index) {
-        Reader* const reader = service_.ReaderAt(index, Service::Which::ALL);
-        if (reader != nullptr && reader->stage != Reader::Stage::CONNECTED && reader->accepted <= latest) {
-            Close(*reader, "it did not complete the handshake in time");
-        }
-    }
-}
-
-void ServiceThread::CloseCutOff()
-{
-    for (size_t index = 0; index < service_.ReadersEnd(); ++index) {
-        Reader* const reader = service_.ReaderAt(index, Service::Which::CUT_OFF);
-        if (reader != nullptr) {
-            Close(*reader, nullptr);
+    for (size_t index = 0; index < Service::READER_LIMIT; ++index) {
+        Reader* const reader = service_.ReaderAt(index);
+        const char* const found = reader != nullptr ? cause(*reader) : nullptr;
+        if (found != nullptr) {
+            Close(*reader, found);
         }
     }
 }
@@ -325,21 +310,16 @@ void ServiceThread::FinishEnd()
     if (!service_.IsEnding()) {
         return;
     }
-    std::array<Reader*, Service::READER_LIMIT> readers;
-    size_t count = 0;
-    for (size_t index = 0; index < service_.ReadersEnd(); ++index) {
-        Reader* const reader = service_.ReaderAt(index, Service::Which::ALL);
-        if (reader != nullptr) {
-            readers[count++] = reader;
-        }
+    std::array<Reader*, Service::READER_LIMIT> readers{};
+    for (size_t index = 0; index < readers.size(); ++index) {
+        readers[index] = service_.ReaderAt(index);
     }
     // Notifications come in the order of the opens.
-    std::sort(readers.begin(), readers.begin() + count,
+    auto* const end = std::remove(readers.begin(), readers.end(), nullptr);
+    std::sort(readers.begin(), end,
               [](const Reader* a, const Reader* b) { return UseOf(a->Handle()) < UseOf(b->Handle()); });
-    for (size_t i = 0; i < count; ++i) {
-        Close(*readers[i], nullptr);
-    }
-    Endpoint* const endpoint = service_.CurrentEndpoint();
+    std::for_each(readers.begin(), end, [this](Reader* reader) { Close(*reader, nullptr); });
+    const Endpoint* const endpoint = service_.CurrentEndpoint();
     if (endpoint != nullptr) {
         Control(epoll_, EPOLL_CTL_DEL, endpoint->Listener(), 0, 0);
     }

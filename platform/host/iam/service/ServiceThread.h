@@ -6,13 +6,11 @@
 #ifndef REPORT_EVENT_PLATFORM_HOST_IAM_SERVICE_SERVICE_THREAD_H
 #define REPORT_EVENT_PLATFORM_HOST_IAM_SERVICE_SERVICE_THREAD_H
 
-#include <sys/types.h>
-
-#include <atomic>
 #include <cstdint>
 
 #include "platform/host/common/Descriptor.h"
 #include "platform/host/common/Status.h"
+#include "platform/host/iam/BackgroundThread.h"
 #include "platform/host/iam/Endpoint.h"
 #include "platform/host/iam/service/Reader.h"
 #include "platform/host/iam/wire/Messages.h"
@@ -29,42 +27,43 @@ public:
 
     // --- For other threads. Starts do not overlap.
 
-    // Starts the thread, unless it runs. ENOTSUP in a child of the process in which it does.
+    // Starts the thread, unless it runs.
     Status Start();
-    // Accepts readers of a service that is about to serve. Its life is locked.
+    // Accepts readers of a service that is about to serve.
     Status Watch(const Endpoint& endpoint);
-    // Makes it look for readers to be hung up, and whether the service is to be ended.
+    // Makes it look for readers that were cut off, and whether the service is to be ended.
     void Wake() const;
 
     // Whether the caller is inside a notification.
     static bool IsCurrentThread();
-    // Not so in a child of fork.
-    bool IsInThisProcess() const;
+    bool IsInChild() const
+    {
+        return thread_.IsInChild();
+    }
 
 private:
     void Run();
     void Dispatch(uint64_t key, uint32_t events);
+    void HearOfFiles();
 
     void AcceptReaders();
     void Admit(UniqueFd socket);
-    void PauseListening(int error);
-    void ResumeListening();
-    void HearOfFiles();
+    void Listen(bool on);
 
     void Hear(Reader& reader, uint32_t events);
-    Status Advance(Reader& reader, MessageType type);
+    Status Advance(Reader& reader, const ReceivedMessage& received);
     Status Greet(Reader& reader);
     void Close(Reader& reader, const char* cause);
 
-    void DropLateHandshakes();
-    void CloseCutOff();
+    // Closes those for which there is a cause.
+    void CloseThose(const char* (*cause)(const Reader& reader));
     void FinishEnd();
 
     Service& service_;
+    BackgroundThread thread_;
     UniqueFd epoll_;  // all three are set before the thread starts and stay
     UniqueFd wake_;
     UniqueFd notice_;  // of what happens to the service's files; none if the system has no such descriptor to give
-    std::atomic<pid_t> process_{0};  // in which it runs; 0 until it has started
 
     // The rest is the thread's own.
     int handshakes_ = 0;  // readers whose handshake is not complete

@@ -12,6 +12,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <cstdint>
 
 namespace host_platform::iam {
@@ -27,11 +28,11 @@ inline int SleepWhile(const BellWord& word, uint32_t known)
     return failed && errno != EAGAIN && errno != EINTR ? errno : 0;
 }
 
-// Wakes the one who sleeps on the word. Only the address is used: where the memory is gone meanwhile this fails, and
-// where other memory stands there by now, somebody is woken for nothing, which every user of a futex must expect.
-inline void WakeSleeper(const BellWord* word)
+// Wakes whoever sleeps on the word. Only the address is used: where the memory is gone meanwhile this fails, and where
+// other memory stands there by now, somebody is woken for nothing, which every user of a futex must expect.
+inline void WakeSleepers(const BellWord* word)
 {
-    syscall(SYS_futex, word, FUTEX_WAKE, 1, nullptr, nullptr, 0);
+    syscall(SYS_futex, word, FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
 }
 
 }  // namespace host_platform::iam

@@ -21,10 +21,8 @@ size_t TakeDescriptors(msghdr& header, std::array<UniqueFd, 2>& descriptors)
 {
     size_t count = 0;
     for (cmsghdr* control = CMSG_FIRSTHDR(&header); control != nullptr; control = CMSG_NXTHDR(&header, control)) {
-        if (control->cmsg_level != SOL_SOCKET || control->cmsg_type != SCM_RIGHTS) {
-            continue;
-        }
-        const size_t here = (control->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+        const bool rights = control->cmsg_level == SOL_SOCKET && control->cmsg_type == SCM_RIGHTS;
+        const size_t here = rights ? (control->cmsg_len - CMSG_LEN(0)) / sizeof(int) : 0;
         for (size_t i = 0; i < here; ++i, ++count) {
             int fd = -1;
             memcpy(&fd, CMSG_DATA(control) + i * sizeof fd, sizeof fd);
@@ -37,19 +35,9 @@ size_t TakeDescriptors(msghdr& header, std::array<UniqueFd, 2>& descriptors)
     return count;
 }
 
-ssize_t ReceiveOnce(int socket, msghdr& header)
-{
-    for (;;) {
-        const ssize_t size = recvmsg(socket, &header, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
-        if (size >= 0 || errno != EINTR) {
-            return size;
-        }
-    }
-}
-
 }  // namespace
 
-Status SendMessage(int socket, const Message& message, std::initializer_list<int> descriptors)
+Status SendMessage(const UniqueFd& socket, const Message& message, std::initializer_list<int> descriptors)
 {
     Message copy = message;
     iovec part{&copy, sizeof copy};
@@ -67,24 +55,15 @@ Status SendMessage(int socket, const Message& message, std::initializer_list<int
         rights->cmsg_len = CMSG_LEN(bytes);
         memcpy(CMSG_DATA(rights), descriptors.begin(), bytes);
     }
-    ssize_t sent = -1;
-    do {
-        sent = sendmsg(socket, &header, MSG_DONTWAIT | MSG_NOSIGNAL);
-    } while (sent < 0 && errno == EINTR);
-    if (sent < 0) {
-        return {errno, "a message could not be sent"};
+    while (sendmsg(socket.Get(), &header, MSG_DONTWAIT | MSG_NOSIGNAL) < 0) {
+        if (errno != EINTR) {
+            return {errno, "a message could not be sent"};
+        }
     }
     return {};
 }
 
-Status SendMessage(int socket, MessageType type)
-{
-    Message message;
-    message.type = static_cast<uint16_t>(type);
-    return SendMessage(socket, message);
-}
-
-Status ReceiveMessage(int socket, ReceivedMessage& received)
+Status ReceiveMessage(const UniqueFd& socket, ReceivedMessage& received)
 {
     unsigned char bytes[sizeof(Message) + 1] = {};  // one more, so that a longer message is noticed
     iovec part{bytes, sizeof bytes};
@@ -94,9 +73,11 @@ Status ReceiveMessage(int socket, ReceivedMessage& received)
     header.msg_iovlen = 1;
     header.msg_control = control.bytes;
     header.msg_controllen = sizeof control;
-    ssize_t size = ReceiveOnce(socket, header);
-    if (size < 0 && errno == ECONNRESET) {
-        size = ReceiveOnce(socket, header);  // reported once, ahead of messages that are still there
+    bool reset = false;
+    ssize_t size = recvmsg(socket.Get(), &header, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
+    while (size < 0 && (errno == EINTR || (errno == ECONNRESET && !reset))) {
+        reset = errno == ECONNRESET;  // reported once, ahead of messages that are still there
+        size = recvmsg(socket.Get(), &header, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
     }
     if (size < 0) {
         const bool lost = errno == ECONNRESET || errno == ENOTCONN;
@@ -114,29 +95,25 @@ Status ReceiveMessage(int socket, ReceivedMessage& received)
     received.message = *message;
     received.type = static_cast<MessageType>(message->type);
     const size_t expected = DescriptorCount(received.type);
-    if ((header.msg_flags & MSG_CTRUNC) != 0 && count < expected) {
+    const bool cut = (header.msg_flags & MSG_CTRUNC) != 0;
+    if (cut && count < expected) {
         return {EMFILE, "no room for the descriptors of a message"};
     }
-    if (count != expected || (header.msg_flags & (MSG_CTRUNC | MSG_TRUNC)) != 0) {
+    if (cut || count != expected || (header.msg_flags & MSG_TRUNC) != 0) {
         return {EPROTO, "a message has missing or extra descriptors"};
     }
     return {};
 }
 
-Status CheckPeerUser(int socket, int* pid)
+Status CheckPeerUser(const UniqueFd& socket, int& pid)
 {
     ucred peer{};
     socklen_t size = sizeof peer;
-    if (getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) {
+    if (getsockopt(socket.Get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) {
         return {errno, "the user of the other side is not known"};
     }
-    if (peer.uid != geteuid()) {
-        return {EACCES, "the other side runs as another user"};
-    }
-    if (pid != nullptr) {
-        *pid = peer.pid;
-    }
-    return {};
+    pid = peer.pid;
+    return peer.uid == geteuid() ? Status{} : Status{EACCES, "the other side runs as another user"};
 }
 
 }  // namespace host_platform::iam

@@ -18,16 +18,15 @@ struct ReceivedMessage {
 };
 
 // Never blocks, never raises SIGPIPE.
-Status SendMessage(int socket, const Message& message, std::initializer_list<int> descriptors = {});
-Status SendMessage(int socket, MessageType type);
+Status SendMessage(const UniqueFd& socket, const Message& message, std::initializer_list<int> descriptors = {});
 
 // Never blocks. EAGAIN when nothing is there, EPIPE when the peer has hung up, EPROTO when what it sent is not exactly
 // one sound message with the descriptors that belong to it (all that came with it are closed), EMFILE when the process
 // has no room for those.
-Status ReceiveMessage(int socket, ReceivedMessage& received);
+Status ReceiveMessage(const UniqueFd& socket, ReceivedMessage& received);
 
-// Fails with EACCES unless the process at the other end runs as this process's user.
-Status CheckPeerUser(int socket, int* pid = nullptr);
+// Tells the process at the other end; fails with EACCES unless it runs as this process's user.
+Status CheckPeerUser(const UniqueFd& socket, int& pid);
 
 }  // namespace host_platform::iam
 

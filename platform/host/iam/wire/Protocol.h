@@ -2,8 +2,9 @@
 //
 // The reader connects to the service's socket and sends HELLO; the service answers RING with the two memories of the
 // ring; the reader maps them and answers READY; the service lets its user know and answers CONNECTED. POOL carries the
-// pool as soon as there is one, once for each connection, after RING. After READY the reader sends nothing more. Both
-// run on one machine, so integers are in its byte order.
+// pool as soon as there is one, once for each connection, after RING. After READY the reader sends nothing more. An
+// observer does the same; nobody is let know of it, and its pool is its own. Both run on one machine, so integers are
+// in its byte order.
 //
 // Nothing that a peer sent or wrote is used before a function of this file has found it sound.
 #ifndef REPORT_EVENT_PLATFORM_HOST_IAM_WIRE_PROTOCOL_H
@@ -24,8 +25,10 @@ constexpr uint32_t RING_ENTRIES_MAX = 65536;  // what a reader accepts
 constexpr uint64_t POOL_BYTES_MAX = uint64_t{1} << 30;
 constexpr uint32_t POOL_BLOCKS_MAX = RING_ENTRIES;
 constexpr uint32_t BLOCK_ALIGNMENT = 64;
+constexpr uint32_t OBSERVER_BLOCKS = 128;  // at most; an observer's ring has as many entries
 
 enum class MessageType : uint16_t { HELLO = 1, RING = 2, READY = 3, POOL = 4, CONNECTED = 5 };
+enum class Role : uint32_t { READER = 1, OBSERVER = 2 };
 
 // Every message has this one form; fields that its type does not use are zero.
 struct Message {
@@ -33,10 +36,15 @@ struct Message {
     uint16_t version = PROTOCOL_VERSION;
     uint16_t type = 0;
     uint64_t bytes = 0;   // RING: size of the service's memory; POOL: of the pool
-    uint32_t count = 0;   // RING: entries; POOL: blocks
+    uint32_t count = 0;   // HELLO: a Role; RING: entries; POOL: blocks
     uint32_t stride = 0;  // POOL: distance between two blocks, and the room in each
 };
 static_assert(sizeof(Message) == 24, "no padding: a message is compared and sent as bytes");
+
+constexpr Message Compose(MessageType type, uint64_t bytes, uint32_t count, uint32_t stride)
+{
+    return {PROTOCOL_MAGIC, PROTOCOL_VERSION, static_cast<uint16_t>(type), bytes, count, stride};
+}
 
 struct PoolShape {
     uint64_t bytes = 0;
@@ -103,6 +111,10 @@ inline std::optional<Message> ParseMessage(const unsigned char* bytes, size_t si
     bool sound = false;
     switch (static_cast<MessageType>(message.type)) {
         case MessageType::HELLO:
+            sound = message.bytes == 0 && message.stride == 0 &&
+                    (message.count == static_cast<uint32_t>(Role::READER) ||
+                     message.count == static_cast<uint32_t>(Role::OBSERVER));
+            break;
         case MessageType::READY:
         case MessageType::CONNECTED:
             sound = message.bytes == 0 && message.count == 0 && message.stride == 0;

@@ -25,7 +25,6 @@
 
 #include "platform/host/common/Descriptor.h"
 #include "platform/host/iam/wire/Bell.h"
-#include "platform/host/iam/wire/Fence.h"
 #include "platform/host/iam/wire/Protocol.h"
 
 namespace host_platform::iam {
@@ -33,6 +32,7 @@ namespace host_platform::iam {
 struct ServiceWords {
     alignas(RING_LINE) BellWord appended;
     alignas(RING_LINE) std::atomic<uint32_t> revoked;  // set once: blocks were taken back unread
+    std::atomic<uint64_t> lost;                        // records that an observer missed because it was too slow
 };
 struct ReaderWords {
     alignas(RING_LINE) std::atomic<uint32_t> consumed;
@@ -57,9 +57,9 @@ public:
     RingWriter(Mapping own, Mapping readers, uint32_t entries)
         : own_(std::move(own)),
           readers_(std::move(readers)),
-          words_(new (own_.Bytes()) ServiceWords),
-          entries_(reinterpret_cast<std::atomic<uint64_t>*>(own_.Bytes() + SERVICE_WORDS_BYTES)),
-          reader_(std::launder(reinterpret_cast<const ReaderWords*>(readers_.Bytes()))),
+          words_(new (own_.get()) ServiceWords),
+          entries_(reinterpret_cast<std::atomic<uint64_t>*>(own_.get() + SERVICE_WORDS_BYTES)),
+          reader_(std::launder(reinterpret_cast<const ReaderWords*>(readers_.get()))),
           mask_(entries - 1)
     {
     }
@@ -79,6 +79,16 @@ public:
         return &words_->appended;
     }
 
+    uint32_t Appended() const
+    {
+        return appended_;
+    }
+    // The block of the entry that was appended at this count. Nobody but this side writes entries.
+    uint32_t BlockAt(uint32_t count) const
+    {
+        return static_cast<uint32_t>(entries_[count & mask_].load(std::memory_order_relaxed));
+    }
+
     // As the reader claims, unchecked. Acquire: its copying is over before a block is used again.
     uint32_t ClaimedConsumed() const
     {
@@ -90,7 +100,13 @@ public:
     void Revoke()
     {
         words_->revoked.store(1, std::memory_order_relaxed);
-        OrderStores();
+        std::atomic_thread_fence(std::memory_order_release);
+    }
+
+    // An observer has missed a record. Relaxed: it is a figure.
+    void CountLost()
+    {
+        words_->lost.store(++lost_, std::memory_order_relaxed);
     }
 
 private:
@@ -101,6 +117,7 @@ private:
     const ReaderWords* reader_ = nullptr;
     uint32_t mask_ = 0;
     uint32_t appended_ = 0;
+    uint64_t lost_ = 0;
 };
 
 // The reader's end. One thread at a time.
@@ -111,9 +128,9 @@ public:
     RingReader(Mapping service, Mapping own, uint32_t entries)
         : service_(std::move(service)),
           own_(std::move(own)),
-          words_(std::launder(reinterpret_cast<const ServiceWords*>(service_.Bytes()))),
-          entries_(reinterpret_cast<const std::atomic<uint64_t>*>(service_.Bytes() + SERVICE_WORDS_BYTES)),
-          reader_(new (own_.Bytes()) ReaderWords),
+          words_(std::launder(reinterpret_cast<const ServiceWords*>(service_.get()))),
+          entries_(reinterpret_cast<const std::atomic<uint64_t>*>(service_.get() + SERVICE_WORDS_BYTES)),
+          reader_(new (own_.get()) ReaderWords),
           mask_(entries - 1)
     {
     }
@@ -178,8 +195,13 @@ public:
     // After a block has been copied: whether the copy may hold bytes of another record.
     bool RevokedMeanwhile() const
     {
-        OrderLoads();
+        std::atomic_thread_fence(std::memory_order_acquire);
         return words_->revoked.load(std::memory_order_relaxed) != 0;
+    }
+
+    uint64_t Lost() const
+    {
+        return words_->lost.load(std::memory_order_relaxed);
     }
 
     void Pop()

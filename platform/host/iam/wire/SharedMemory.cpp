@@ -24,7 +24,7 @@ Status Map(const UniqueFd& fd, uint64_t bytes, bool writes, Mapping& mapping)
     if (address == MAP_FAILED) {
         return {errno, "shared memory cannot be mapped"};
     }
-    mapping = Mapping(address, bytes);
+    mapping = Mapping(static_cast<unsigned char*>(address), Unmap{bytes});
     return {};
 }
 
