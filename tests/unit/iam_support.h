@@ -1,10 +1,11 @@
-// What both IAM tests stand on: a private runtime directory, the resource-file calls, a publisher as the library's
-// publishing half is one.
+// What the IAM tests stand on: a private runtime directory, the resource-file calls, a publisher as the library's
+// publishing half is one, and this program in another role.
 #ifndef REPORT_EVENT_TESTS_UNIT_IAM_SUPPORT_H
 #define REPORT_EVENT_TESTS_UNIT_IAM_SUPPORT_H
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <spawn.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -46,11 +47,32 @@ inline bool Eventually(const std::function<bool()>& condition)
     return true;
 }
 
+// The exit code of this process, or 128 and the signal that ended it.
 inline int StatusOf(pid_t pid)
 {
     int status = 0;
     EXPECT_EQ(pid, waitpid(pid, &status, 0));
-    return status;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+// Runs the test "Role.DISABLED_<role>" in a process of its own; it ends with 0 unless an expectation failed. Its
+// standard error goes to the file of this name, if there is one.
+inline pid_t StartRole(const std::string& role, const std::string& errors = "")
+{
+    std::string filter = "--gtest_filter=Role.DISABLED_" + role;
+    char self[] = "/proc/self/exe";
+    char run[] = "--gtest_also_run_disabled_tests";
+    char brief[] = "--gtest_brief=1";
+    char* arguments[] = {self, run, brief, filter.data(), nullptr};
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    if (!errors.empty()) {
+        posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, errors.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    }
+    pid_t pid = -1;
+    EXPECT_EQ(0, posix_spawn(&pid, self, &actions, nullptr, arguments, environ));
+    posix_spawn_file_actions_destroy(&actions);
+    return pid;
 }
 
 inline std::string Numbered(size_t number, size_t size)
@@ -64,6 +86,8 @@ inline std::string Numbered(size_t number, size_t size)
 struct Receiver {
     std::mutex mutex;
     IAMRTFSMgrFile* current = nullptr;
+    std::vector<uint64_t> opens;       // the handles, in the order of the notifications
+    std::vector<uint64_t> closes;      // the same
     std::function<void()> whenOpened;  // runs inside the notification, without the lock
     std::atomic<size_t> opened{0};
     std::atomic<size_t> closed{0};
@@ -72,10 +96,12 @@ inline Receiver receiver;
 
 inline int OnOpen(IAMRTFSMgrFile* file)
 {
-    std::unique_lock<std::mutex> lock(receiver.mutex);
-    receiver.current = file;
-    ++receiver.opened;
-    lock.unlock();
+    {
+        const std::lock_guard<std::mutex> lock(receiver.mutex);
+        receiver.current = file;
+        receiver.opens.push_back(file->dataHandle);
+        ++receiver.opened;
+    }
     if (receiver.whenOpened) {
         receiver.whenOpened();
     }
@@ -88,7 +114,9 @@ inline int OnClose(IAMRTFSMgrFile* file)
     if (receiver.current == file) {
         receiver.current = nullptr;
     }
-    receiver.closed += strstr(file->name, NAME) != nullptr ? 1 : 1000;  // the object still lives
+    EXPECT_NE(nullptr, strstr(file->name, ":/res/"));  // the object still lives
+    receiver.closes.push_back(file->dataHandle);
+    ++receiver.closed;
     return 0;
 }
 
@@ -98,7 +126,10 @@ struct Publisher {
     {
         receiver.current = nullptr;
         receiver.whenOpened = nullptr;
-        receiver.opened = receiver.closed = 0;
+        receiver.opens.clear();
+        receiver.closes.clear();
+        receiver.opened = 0;
+        receiver.closed = 0;
         if (blocks != 0) {
             EXPECT_EQ(0, Serve());
             EXPECT_EQ(0, MakePool(blocks));
@@ -112,9 +143,10 @@ struct Publisher {
     int Serve(IAMFileNotification open = OnOpen, IAMFileNotification close = OnClose) const
     {
         // Records live only as long as the call, as the library's do.
-        const std::string copy = name;
+        char copy[256] = {};
+        name.copy(copy, sizeof copy - 1);
         IAMFileOperations operations{nullptr, nullptr, open, close, nullptr};
-        IAMRTServiceRecord record{copy.c_str(), &operations, {500, 0, 10, 1}};
+        IAMRTServiceRecord record{copy, &operations, {500, 0, 10, 1}};
         return IAMRegisterRTService(&record);
     }
     int MakePool(uint32_t blocks, uint32_t blockSize = 4032)
@@ -236,24 +268,17 @@ protected:
         char path[] = "/tmp/iam-unit-XXXXXX";
         directory = mkdtemp(path);
         setenv("IAM_RUNTIME_DIR", path, 1);
-        getrlimit(RLIMIT_NOFILE, &limit_);
         {
             const Publisher warmUp(1);
             const Reader reader;
-        }  // the two threads and their descriptors stay
+        }  // the threads and their descriptors stay
         descriptors_ = OpenDescriptors();
     }
     ~IamTest() override
     {
-        LimitDescriptors(limit_.rlim_cur);
-        EXPECT_EQ(descriptors_, OpenDescriptors());
+        EXPECT_TRUE(Eventually([&] { return OpenDescriptors() == descriptors_; }));
         EXPECT_TRUE(std::filesystem::is_empty(directory));
         std::filesystem::remove_all(directory);
-    }
-    void LimitDescriptors(rlim_t number) const
-    {
-        const rlimit limit{number, limit_.rlim_max};
-        setrlimit(RLIMIT_NOFILE, &limit);
     }
     std::string SocketPath() const
     {
@@ -263,8 +288,28 @@ protected:
     std::string directory;
 
 private:
-    rlimit limit_{};
     std::ptrdiff_t descriptors_ = 0;
+};
+
+// Sets a soft limit of this process while it lives.
+class Limit {
+public:
+    Limit(int resource, rlim_t value) : resource_(resource)
+    {
+        getrlimit(resource_, &before_);
+        const rlimit limit{value, before_.rlim_max};
+        EXPECT_EQ(0, setrlimit(resource_, &limit));
+    }
+    ~Limit()
+    {
+        setrlimit(resource_, &before_);
+    }
+    Limit(const Limit&) = delete;
+    Limit& operator=(const Limit&) = delete;
+
+private:
+    const int resource_;
+    rlimit before_{};
 };
 
 }  // namespace iam_test
