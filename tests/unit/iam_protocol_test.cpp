@@ -10,6 +10,7 @@
 #include <random>
 
 #include "platform/host/common/Descriptor.h"
+#include "platform/host/iam/HostService.h"
 #include "platform/host/iam/wire/Protocol.h"
 #include "platform/host/iam/wire/Ring.h"
 #include "tests/unit/iam_support.h"
@@ -76,6 +77,8 @@ TEST(MessageTest, WhatIsNotExactlyOneSoundMessageIsRefused)
         {"POOL with more blocks than bytes", Compose(MessageType::POOL, POOL_SIZE, BLOCKS + 1, STRIDE)},
         {"POOL whose size overflows", Compose(MessageType::POOL, POOL_SIZE, LARGE, LARGE)},
         {"POOL that is too large", Compose(MessageType::POOL, POOL_BYTES_MAX + 1, BLOCKS, STRIDE)},
+        {"LISTING with more readers than bytes", Compose(MessageType::LISTING, ListingBytes(1), 2, 0)},
+        {"LISTING of too many", Compose(MessageType::LISTING, ListingBytes(1025), 1025, 0)},
     };
     for (const auto& [what, message] : rows) {
         EXPECT_FALSE(IsSound(message)) << what;
@@ -362,6 +365,72 @@ TEST_F(HostileServiceTest, AReadFailsOnWhatMakesNoSenseAndNeverLeavesThePool)
         {"!ESTALE", {connect, revoke, Append(PackEntry(BLOCKS - 1, 4))}},
         {"!ESTALE", {connect, awaitSleep, revoke, hangUp}},
     });
+}
+
+// ---------------------------------------------------------------------------------------------------------------------
+// Listing
+
+// What IAMHostList visits, one line for each resource.
+std::vector<std::string> Listed()
+{
+    std::vector<std::string> lines;
+    const auto visit = [](const IAMHostResource* resource, void* context) {
+        std::string line = resource->name;
+        line += resource->pid == getpid() ? " here" : " elsewhere";
+        line += resource->answers != 0 ? " answers:" : " does not answer";
+        for (size_t i = 0; i < resource->readerCount; ++i) {
+            const IAMHostReader& reader = resource->readers[i];
+            line += reader.pid == getpid() ? " own" : " other";
+            line += reader.current != 0 ? " current" : "";
+            line += reader.observer != 0 ? " observer" : " reader";
+        }
+        static_cast<std::vector<std::string>*>(context)->push_back(line);
+    };
+    const auto begin = Clock::now();
+    EXPECT_EQ(0, IAMHostList(visit, &lines));
+    EXPECT_LT(Clock::now() - begin, OPEN_BOUND);
+    return lines;
+}
+
+TEST_F(HostileServiceTest, AListingTellsWhoReadsWhatAndWaitsForNobodyForLong)
+{
+    using Lines = std::vector<std::string>;
+    EXPECT_EQ(-EINVAL, IAMHostList(nullptr, nullptr));
+    EXPECT_EQ(Lines(), Listed());
+    Publisher publisher(4, "x:/res/unit/a.b");
+    const Reader older("x:/res/unit/a.b");
+    const Reader newer("x:/res/unit/a.b");
+    IAMHostObserve(1);
+    const Reader observer("x:/res/unit/a.b");
+    IAMHostObserve(0);
+    const std::string honest = "x:/res/unit/a.b here answers: own reader own current reader own observer";
+    EXPECT_EQ(Lines{honest}, Listed());
+    // Others: nothing at all, a wrong message, a hang-up; one that accepts nobody; and what is no service.
+    const Message listing = Compose(MessageType::LISTING, ListingBytes(1), 1, 0);
+    for (const Step& step : {Step([](ServiceByHand&) {}), Say(CONNECTED, {}), Say(listing, {}), hangUp}) {
+        const Wire listener = Listener(8);
+        const auto service = std::async(std::launch::async, [&] {
+            ServiceByHand hand(accept4(listener.socket.Get(), nullptr, nullptr, SOCK_CLOEXEC));
+            EXPECT_TRUE(hand.Receive());
+            step(hand);
+            while (hand.Receive()) {
+            }
+        });
+        EXPECT_EQ((Lines{std::string(NAME) + " here does not answer", honest}), Listed());
+        EXPECT_EQ(0, unlink(SocketPath().c_str()));
+    }
+    const std::string foreign = directory + "/x%3A%2fres%2Fb";  // not spelt as libiam does
+    {
+        const Wire full = Listener(0);
+        const Wire first(SocketPath());
+        const Wire other;
+        EXPECT_EQ(0, other.WithAddress(bind, foreign));
+        EXPECT_EQ(0, listen(other.socket.Get(), 1));
+        EXPECT_EQ((Lines{std::string(NAME) + " elsewhere does not answer", honest}), Listed());
+    }
+    EXPECT_EQ(Lines{honest}, Listed());  // what they left behind serves nobody
+    EXPECT_EQ(0, unlink(SocketPath().c_str()));
+    EXPECT_EQ(0, unlink(foreign.c_str()));
 }
 
 // ---------------------------------------------------------------------------------------------------------------------

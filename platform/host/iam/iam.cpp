@@ -23,6 +23,7 @@ int __wrap_close(int fd);
 
 #include "platform/host/iam/Log.h"
 #include "platform/host/iam/RuntimeDirectory.h"
+#include "platform/host/iam/file/Listing.h"
 #include "platform/host/iam/file/OpenFiles.h"
 #include "platform/host/iam/service/Handles.h"
 #include "platform/host/iam/service/Service.h"
@@ -227,4 +228,9 @@ int IAMHostRuntimeDirectory(char* buffer, size_t size)
     }
     const int length = snprintf(buffer, size, "%s", directory.text);
     return static_cast<size_t>(length) < size ? 0 : -ERANGE;
+}
+
+int IAMHostList(IAMHostVisitor visit, void* context)
+{
+    return visit != nullptr ? Report("listing", "all", ListResources(visit, context)) : -EINVAL;
 }

@@ -452,6 +452,21 @@ Status Service::Attach(Reader& reader)
     return {};
 }
 
+uint32_t Service::List(ListedReader* readers) const
+{
+    const MutexLock lock(mutex_);
+    uint32_t count = 0;
+    for (size_t index = 0; index < readersEnd_; ++index) {
+        const Reader* const reader = readers_[index].get();
+        if (reader != nullptr && reader->attached) {
+            const uint32_t current = reader->Handle() == current_ ? LISTED_CURRENT : 0;
+            const uint32_t observer = reader->role == Role::OBSERVER ? LISTED_OBSERVER : 0;
+            readers[count++] = {reader->pid, current | observer};
+        }
+    }
+    return count;
+}
+
 void Service::MakeCurrent(Reader& reader)
 {
     const MutexLock lock(mutex_);

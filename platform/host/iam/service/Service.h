@@ -54,7 +54,6 @@ public:
 private:
     friend class ServiceThread;
 
-    static constexpr size_t READER_LIMIT = 1024;
     static constexpr size_t OBSERVER_LIMIT = 16;
 
     enum class Life { IDLE, STARTING, SERVING, ENDING };
@@ -96,6 +95,8 @@ private:
     void MakeCurrent(Reader& reader) HOST_EXCLUDES(mutex_);
     // Takes its blocks back and hands it over to be hung up.
     std::unique_ptr<Reader> Remove(Reader& reader) HOST_EXCLUDES(mutex_);
+    // Writes who has this resource open; returns how many.
+    uint32_t List(ListedReader* readers) const HOST_EXCLUDES(mutex_);
     // Once every reader is gone: releases the pool and the name.
     void FinishEnd() HOST_EXCLUDES(mutex_);
 

@@ -249,7 +249,19 @@ Status ServiceThread::Advance(Reader& reader, const ReceivedMessage& received)
     if (reader.stage == Reader::Stage::AWAIT_READY && received.type == MessageType::READY) {
         return Greet(reader);
     }
+    if (reader.stage == Reader::Stage::AWAIT_HELLO && received.type == MessageType::LIST) {
+        return Answer(reader);
+    }
     return {EPROTO, "it sent a message out of turn"};
+}
+
+Status ServiceThread::Answer(const Reader& asking)
+{
+    ListingPacket packet;
+    const uint32_t count = service_.List(packet.readers);
+    packet.header = Compose(MessageType::LISTING, ListingBytes(count), count, 0);
+    send(asking.socket.Get(), &packet, ListingBytes(count), MSG_DONTWAIT | MSG_NOSIGNAL);
+    return {EPIPE, nullptr};  // that was all
 }
 
 Status ServiceThread::Greet(Reader& reader)
@@ -296,7 +308,7 @@ void ServiceThread::Close(Reader& reader, const char* cause)
 
 void ServiceThread::CloseThose(const char* (*cause)(const Reader& reader))
 {
-    for (size_t index = 0; index < Service::READER_LIMIT; ++index) {
+    for (size_t index = 0; index < READER_LIMIT; ++index) {
         Reader* const reader = service_.ReaderAt(index);
         const char* const found = reader != nullptr ? cause(*reader) : nullptr;
         if (found != nullptr) {
@@ -310,7 +322,7 @@ void ServiceThread::FinishEnd()
     if (!service_.IsEnding()) {
         return;
     }
-    std::array<Reader*, Service::READER_LIMIT> readers{};
+    std::array<Reader*, READER_LIMIT> readers{};
     for (size_t index = 0; index < readers.size(); ++index) {
         readers[index] = service_.ReaderAt(index);
     }

@@ -53,6 +53,7 @@ private:
     void Hear(Reader& reader, uint32_t events);
     Status Advance(Reader& reader, const ReceivedMessage& received);
     Status Greet(Reader& reader);
+    Status Answer(const Reader& asking);
     void Close(Reader& reader, const char* cause);
 
     // Closes those for which there is a cause.

@@ -6,6 +6,8 @@
 // observer does the same; nobody is let know of it, and its pool is its own. Both run on one machine, so integers are
 // in its byte order.
 //
+// Whoever wants to know the readers says LIST instead of HELLO; the service answers with one LISTING and hangs up.
+//
 // Nothing that a peer sent or wrote is used before a function of this file has found it sound.
 #ifndef REPORT_EVENT_PLATFORM_HOST_IAM_WIRE_PROTOCOL_H
 #define REPORT_EVENT_PLATFORM_HOST_IAM_WIRE_PROTOCOL_H
@@ -25,9 +27,10 @@ constexpr uint32_t RING_ENTRIES_MAX = 65536;  // what a reader accepts
 constexpr uint64_t POOL_BYTES_MAX = uint64_t{1} << 30;
 constexpr uint32_t POOL_BLOCKS_MAX = RING_ENTRIES;
 constexpr uint32_t BLOCK_ALIGNMENT = 64;
+constexpr uint32_t READER_LIMIT = 1024;    // of one service
 constexpr uint32_t OBSERVER_BLOCKS = 128;  // at most; an observer's ring has as many entries
 
-enum class MessageType : uint16_t { HELLO = 1, RING = 2, READY = 3, POOL = 4, CONNECTED = 5 };
+enum class MessageType : uint16_t { HELLO = 1, RING = 2, READY = 3, POOL = 4, CONNECTED = 5, LIST = 6, LISTING = 7 };
 enum class Role : uint32_t { READER = 1, OBSERVER = 2 };
 
 // Every message has this one form; fields that its type does not use are zero.
@@ -35,8 +38,8 @@ struct Message {
     uint32_t magic = PROTOCOL_MAGIC;
     uint16_t version = PROTOCOL_VERSION;
     uint16_t type = 0;
-    uint64_t bytes = 0;   // RING: size of the service's memory; POOL: of the pool
-    uint32_t count = 0;   // HELLO: a Role; RING: entries; POOL: blocks
+    uint64_t bytes = 0;   // RING: size of the service's memory; POOL: of the pool; LISTING: of the packet
+    uint32_t count = 0;   // HELLO: a Role; RING: entries; POOL: blocks; LISTING: readers
     uint32_t stride = 0;  // POOL: distance between two blocks, and the room in each
 };
 static_assert(sizeof(Message) == 24, "no padding: a message is compared and sent as bytes");
@@ -44,6 +47,24 @@ static_assert(sizeof(Message) == 24, "no padding: a message is compared and sent
 constexpr Message Compose(MessageType type, uint64_t bytes, uint32_t count, uint32_t stride)
 {
     return {PROTOCOL_MAGIC, PROTOCOL_VERSION, static_cast<uint16_t>(type), bytes, count, stride};
+}
+
+// What follows a LISTING in the same packet.
+struct ListedReader {
+    int32_t pid;
+    uint32_t flags;
+};
+constexpr uint32_t LISTED_CURRENT = 1;
+constexpr uint32_t LISTED_OBSERVER = 2;
+struct ListingPacket {
+    Message header;
+    ListedReader readers[READER_LIMIT];
+};
+static_assert(offsetof(ListingPacket, readers) == sizeof(Message), "the packet is sent as it lies");
+
+constexpr uint64_t ListingBytes(uint32_t readers)
+{
+    return sizeof(Message) + uint64_t{readers} * sizeof(ListedReader);
 }
 
 struct PoolShape {
@@ -117,6 +138,7 @@ inline std::optional<Message> ParseMessage(const unsigned char* bytes, size_t si
             break;
         case MessageType::READY:
         case MessageType::CONNECTED:
+        case MessageType::LIST:
             sound = message.bytes == 0 && message.count == 0 && message.stride == 0;
             break;
         case MessageType::RING:
@@ -124,6 +146,10 @@ inline std::optional<Message> ParseMessage(const unsigned char* bytes, size_t si
             break;
         case MessageType::POOL:
             sound = PoolMessageIsSound(message);
+            break;
+        case MessageType::LISTING:
+            sound =
+                message.count <= READER_LIMIT && message.bytes == ListingBytes(message.count) && message.stride == 0;
             break;
     }
     return sound ? std::optional<Message>(message) : std::nullopt;
