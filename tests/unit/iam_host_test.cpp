@@ -506,7 +506,8 @@ TEST(Role, DISABLED_ExitsInsideANotification)
 {
     static Publisher publisher(4);
     receiver.whenOpened = [] { exit(0); };
-    Reader();
+    OpenResource(NAME, O_RDWR);
+    pause();  // what this thread uses is being destroyed
 }
 
 TEST_F(IamHostTest, NothingIsDeliveredOnceTheExitHandlersHaveBegun)

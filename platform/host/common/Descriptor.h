@@ -3,8 +3,8 @@
 #define REPORT_EVENT_PLATFORM_HOST_COMMON_DESCRIPTOR_H
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/mman.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -14,8 +14,8 @@
 
 namespace host_platform {
 
-// Closes its descriptor when it goes, and leaves errno alone. Not by the library's close, in which a thread may be
-// cancelled: that would leave by way of a destructor, and end the process.
+// Closes its descriptor when it goes, and leaves errno alone. A thread is not cancelled in it: that would leave by way
+// of a destructor, and end the process.
 class UniqueFd {
 public:
     UniqueFd() = default;
@@ -52,7 +52,10 @@ public:
         const int old = std::exchange(fd_, fd);
         if (old >= 0) {
             const int saved = errno;
-            syscall(SYS_close, old);
+            int cancellation = 0;
+            pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancellation);
+            close(old);
+            pthread_setcancelstate(cancellation, nullptr);
             errno = saved;
         }
     }

@@ -233,11 +233,12 @@ void OpenFiles::Watch() const
     epoll_event events[64];
     for (bool again = false;;) {
         const int count = epoll_wait(epoll_.Get(), events, std::size(events), again ? WAKE_AGAIN_MS : -1);
+        const Slot* const newest = newest_;  // no event points to a file that is not complete
         for (int i = 0; i < count; ++i) {
             static_cast<ResourceFile*>(events[i].data.ptr)->CallAttention();
         }
         again = false;
-        for (const Slot* slot = newest_; slot != nullptr; slot = slot->older) {
+        for (const Slot* slot = newest; slot != nullptr; slot = slot->older) {
             again = slot->file.WakeInattentive() || again;
         }
     }

@@ -103,7 +103,7 @@ void ResourceFile::Close()
 void ResourceFile::Leave(uint64_t flag)
 {
     // Acquire and release: what one thread knows of the ring passes to the next, and to whoever releases it.
-    uint64_t state = state_.load(std::memory_order_relaxed);
+    uint64_t state = state_.load(std::memory_order_acquire);
     while (state % USE_STEP != (CLOSED | flag)) {
         if (state_.compare_exchange_weak(state, state & ~flag, std::memory_order_acq_rel, std::memory_order_acquire)) {
             return;
