@@ -8,6 +8,8 @@
 //   - `open` returns a descriptor of 0 or more, or -1; once it has returned, this reader misses nothing that is
 //     published on the resource while it is the newest one;
 //   - `close` from another thread wakes a thread that is blocked in IAMFastRead on that descriptor, at once.
+// What the publishing half relies on at exit: once the exit handlers have come to what was built before the service was
+// registered, no notification is delivered any more in this process, whether there is a pool or not.
 #ifndef REPORT_EVENT_PLATFORM_IAM_H
 #define REPORT_EVENT_PLATFORM_IAM_H
 
@@ -106,15 +108,18 @@ int IAMRTDataEnqueue(uint64_t dataHandle, IAMDataPackage* package);
 // Returns a block that was not enqueued.
 int IAMShmFree(IAMShmPoolHandle* pool, IAMShmBlockHandle* block);
 
-// Destroys the pool. Called from the exit handlers of the process; after it has returned, no notification runs.
-// A close notification may be delivered while it is in progress.
+// Destroys the pool and ends its service. Called when the publisher is destroyed, at exit or before; after it has
+// returned, no notification runs. A close notification may be delivered while it is in progress. Fails, and does
+// nothing, when the exit handlers have ended the service already.
 int IAMShmDestroyPool(IAMShmPoolHandle* pool);
 
-// Reads one record into the start of `buffer` and returns its length, 0 or more and never above `length`. Blocks while
-// no record is ready. Returns a negative value with the cause in errno on failure:
+// Reads one record into the start of `buffer` and returns its length, 0 or more and never above `length`; 0 is an empty
+// record, never the end of a stream. Blocks while no record is ready. Returns a negative value with the cause in errno
+// on failure, which is never EINTR:
 //   ETIMEDOUT, EAGAIN, EIO          passing: the caller reads again at once, without pause;
 //   EPIPE, EBADMSG, EBADFD, EBADF   the connection is lost (EBADF also once another thread has closed `fd`);
-//   any other                       fatal for this reader.
+//   any other                       fatal for this reader, while the service may live: ESTALE for one that has lost its
+//                                   place to a newer reader.
 int64_t IAMFastRead(int fd, void* buffer, size_t length);
 
 }  // extern "C"
