@@ -1,5 +1,6 @@
 // What the development host's IAM promises beyond platform/include/iam.h: its files, its bounds, its behaviour where
 // the system runs short, at exit and in a child of fork, and what it tells tools.
+#include <sys/file.h>
 #include <sys/stat.h>
 
 #include <csignal>
@@ -99,12 +100,21 @@ TEST_F(IamHostTest, ARuntimeDirectoryThatIsNotPrivateIsRefused)
     refused(inner, ENOTDIR, "a file");
     refused(inner + "/missing/deeper", ENOENT, "nowhere to make it");
     refused("relative", EINVAL, "relative");
-    refused("/" + std::string(107, 'd'), ENAMETOOLONG, "too long for any socket");
+    refused("/missing/" + std::string(99, 'd'), ENAMETOOLONG, "too long for any socket");
+    refused("/missing/" + std::string(98, 'd'), ENOENT, "just as long as one may be");
     if (geteuid() == 0) {
         EXPECT_EQ(0, mkdir(inner.c_str(), 0700));
         EXPECT_EQ(0, chown(inner.c_str(), 12345, 12345));
         refused(inner, EACCES, "another user's");
     }
+}
+
+// Two that start at once take turns; one that never ends its turn is not waited for.
+TEST_F(IamHostTest, ADirectoryThatStaysLockedIsAnError)
+{
+    const UniqueFd locked(open(directory.c_str(), O_RDONLY | O_CLOEXEC));
+    ASSERT_EQ(0, flock(locked.Get(), LOCK_EX));
+    EXPECT_EQ(-EWOULDBLOCK, Publisher().Serve());
 }
 
 TEST_F(IamHostTest, PathsFitToTheLastCharacter)
@@ -461,7 +471,8 @@ bool SomebodyIsLetKnow()
     return receiver.opened + receiver.closed != before;
 }
 
-// Each was built before its service, so it is torn down after libiam has fallen silent.
+// The first exit handler was registered before the service, so it runs when libiam has fallen silent. The publisher is
+// never destroyed: that would end its service in order.
 TEST(Role, DISABLED_ExitsWithoutAPool)
 {
     std::atexit([] { _exit(SomebodyIsLetKnow() ? 7 : 0); });
@@ -471,15 +482,16 @@ TEST(Role, DISABLED_ExitsWithoutAPool)
 
 TEST(Role, DISABLED_ExitsWithAReaderAfterASecondStart)
 {
-    static Publisher publisher;
-    static IAMShmPoolHandle pool;
-    ASSERT_EQ(0, publisher.Serve());
-    ASSERT_EQ(0, publisher.MakePool(4));
+    static auto& publisher = *new Publisher(4);
     ASSERT_EQ(0, IAMShmDestroyPool(&publisher.pool));
-    std::atexit([] { _exit(SomebodyIsLetKnow() || receiver.closed != 0 || IAMShmDestroyPool(&pool) == 0 ? 7 : 0); });
+    std::atexit([] {
+        const bool ended = IAMShmDestroyPool(&publisher.pool) != 0 && receiver.closed == 0 && !SomebodyIsLetKnow();
+        const bool servesAgain = publisher.Serve() == 0 && publisher.MakePool(4) == 0 && !SomebodyIsLetKnow();
+        const bool endsAgain = IAMShmDestroyPool(&publisher.pool) == 0;
+        _exit(ended && servesAgain && endsAgain ? 0 : 7);
+    });
     ASSERT_EQ(0, publisher.Serve());
     ASSERT_EQ(0, publisher.MakePool(4));
-    pool = publisher.pool;
     static const auto* const reader = new Reader;  // stays open
     ExpectDelivery(publisher, *reader);
     exit(9);
@@ -490,13 +502,13 @@ TEST(Role, DISABLED_ExitsDuringANotification)
     static std::atomic<bool> exiting{false};
     static std::atomic<bool> returned{false};
     std::atexit([] { _exit(returned && !SomebodyIsLetKnow() ? 0 : 7); });
-    static Publisher publisher(4);
+    new Publisher(4);
     receiver.whenOpened = [] {
         EXPECT_TRUE(Eventually([] { return exiting.load(); }));
         std::this_thread::sleep_for(std::chrono::milliseconds(20));  // it is waited for
         returned = true;
     };
-    std::thread([] { Reader(); }).detach();
+    std::thread([] { OpenResource(NAME, O_RDWR); }).detach();
     ASSERT_TRUE(Eventually([] { return receiver.opened == 1; }));
     std::atexit([] { exiting = true; });  // just before libiam's own handler
     exit(9);
@@ -504,7 +516,7 @@ TEST(Role, DISABLED_ExitsDuringANotification)
 
 TEST(Role, DISABLED_ExitsInsideANotification)
 {
-    static Publisher publisher(4);
+    new Publisher(4);
     receiver.whenOpened = [] { exit(0); };
     OpenResource(NAME, O_RDWR);
     pause();  // what this thread uses is being destroyed

@@ -204,6 +204,8 @@ TEST_F(IamTest, DestroyingThePoolEndsNotificationsAndLeavesReadersTheirRecords)
     EXPECT_TRUE(Eventually([&] { return publisher.Serve() == 0; }));
     EXPECT_EQ(0U, receiver.closed);
     ASSERT_EQ(0, publisher.MakePool(4));
+    receiver.whenOpened = nullptr;
+    ExpectDelivery(publisher, Reader());
 }
 
 // Publishes to the first reader, and is killed in the middle of it.

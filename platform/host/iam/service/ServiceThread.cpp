@@ -230,12 +230,14 @@ void ServiceThread::Hear(Reader& reader, uint32_t events)
     if (status.error == EAGAIN) {
         return;
     }
-    const bool left = status.error == EPIPE || (events & (EPOLLHUP | EPOLLRDHUP | EPOLLERR)) != 0;
-    if (!status.Failed() && !left) {
+    if (!status.Failed() && (events & (EPOLLHUP | EPOLLRDHUP | EPOLLERR)) != 0) {
+        status = {EPIPE, nullptr};  // whatever it said, it has left already
+    }
+    if (!status.Failed()) {
         status = Advance(reader, received);
     }
-    if (left || status.Failed()) {
-        Close(reader, left ? nullptr : status.cause);  // nobody needs to hear of one that has left already
+    if (status.Failed()) {
+        Close(reader, status.error == EPIPE ? nullptr : status.cause);  // that one has left is everyday news
     }
 }
 
