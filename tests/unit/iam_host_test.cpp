@@ -143,30 +143,48 @@ TEST_F(IamHostTest, PathsFitToTheLastCharacter)
     unsetenv("XDG_RUNTIME_DIR");
 }
 
-// Loses its socket's file while it serves.
-TEST(Role, DISABLED_LosesItsSocket)
+// Serves while its socket's file gets lost in this way; then the service has heard of it.
+void ServeAndLose(const std::function<void(const std::string& directory)>& lose)
 {
-    const std::string socket = getenv("IAM_RUNTIME_DIR") + std::string("/dp%3A%2Fres%2Funit%2Fevents");
+    const std::string directory = getenv("IAM_RUNTIME_DIR");
     Publisher publisher(4);
     std::deque<Reader> leaving(2);
     const Reader reader;
-    EXPECT_EQ(0, chmod(socket.c_str(), 0600));  // is no loss
-    EXPECT_TRUE(fs::remove(socket));
+    EXPECT_EQ(0, chmod((directory + "/dp%3A%2Fres%2Funit%2Fevents").c_str(), 0600));  // is no loss
     for (size_t gone = 1; gone <= 2; ++gone) {
+        lose(directory);
         leaving.pop_back();
-        EXPECT_TRUE(Eventually([&] { return receiver.closed == gone; }));  // it has heard of what was before, too
-        std::ofstream(socket).close();                                     // somebody else's by now
+        EXPECT_TRUE(Eventually([&] { return receiver.closed == gone; }));
     }
     ExpectDelivery(publisher, reader);
 }
 
+TEST(Role, DISABLED_LosesItsSocket)
+{
+    ServeAndLose([](const std::string& directory) {
+        const std::string socket = directory + "/dp%3A%2Fres%2Funit%2Fevents";
+        EXPECT_TRUE(fs::remove(socket));
+        std::ofstream(socket).close();  // somebody else's by now
+    });
+}
+
+TEST(Role, DISABLED_LosesItsDirectory)
+{
+    ServeAndLose([](const std::string& directory) {
+        const bool away = fs::exists(directory);
+        fs::rename(directory + (away ? "" : "-away"), directory + (away ? "-away" : ""));
+    });
+}
+
 TEST_F(IamHostTest, ALiveSocketAndAForeignFileAreNotReplacedAndTheLossOfTheSocketIsSaidOnce)
 {
-    const std::string errors = ErrorsOf("LosesItsSocket");
-    const std::string loss = "its socket " + SocketPath() + " is gone";
-    const size_t said = errors.find(loss);
-    EXPECT_NE(std::string::npos, said) << errors;
-    EXPECT_EQ(said, errors.rfind(loss)) << errors;
+    for (const char* const role : {"LosesItsDirectory", "LosesItsSocket"}) {
+        const std::string errors = ErrorsOf(role);
+        const std::string loss = "its socket " + SocketPath() + " is gone";
+        const size_t said = errors.find(loss);
+        EXPECT_NE(std::string::npos, said) << errors;
+        EXPECT_EQ(said, errors.rfind(loss)) << errors;
+    }
     EXPECT_TRUE(fs::is_regular_file(SocketPath()));
     EXPECT_EQ(-EEXIST, Publisher().Serve());
     EXPECT_TRUE(fs::remove(SocketPath()));

@@ -74,6 +74,8 @@ TEST_F(IamTest, AHandleThatIsNotGoodMakesTheCallFailAndChangesNothing)
     EXPECT_NE(0, IAMShmHandleMalloc(nullptr, 1, &block));
     EXPECT_NE(0, IAMShmHandleMalloc(pool, 1, nullptr));
     EXPECT_NE(0, IAMShmHandleMalloc(pool, 4033, &block));
+    EXPECT_EQ(0, IAMShmHandleMalloc(pool, 4032, &block));
+    EXPECT_EQ(0, IAMShmFree(pool, &block));
     std::mt19937_64 random(7);
     for (int i = 0; i < 2000; ++i) {  // handles that are zero at first, then invented
         IAMShmBlockHandle invented{i == 0 ? 0 : random() >> random() % 64};

@@ -160,12 +160,10 @@ void ServiceThread::HearOfFiles()
     while (read(notice_.Get(), events, sizeof events) > 0) {
     }
     const Endpoint* const endpoint = service_.CurrentEndpoint();
-    const bool gone = endpoint != nullptr && endpoint->IsGone();
-    if (gone && !filesGone_) {
+    if (endpoint != nullptr && endpoint->IsGone() && !std::exchange(socketGone_, true)) {
         Log("%s: its socket %s is gone, readers do not find it any more: start it again", service_.Name(),
             endpoint->SocketPath());
     }
-    filesGone_ = gone;
 }
 
 // ---------------------------------------------------------------------------------------------------------------------
@@ -324,6 +322,7 @@ void ServiceThread::FinishEnd()
     if (!service_.IsEnding()) {
         return;
     }
+    socketGone_ = false;
     std::array<Reader*, READER_LIMIT> readers{};
     for (size_t index = 0; index < readers.size(); ++index) {
         readers[index] = service_.ReaderAt(index);

@@ -69,8 +69,8 @@ private:
     // The rest is the thread's own.
     int handshakes_ = 0;  // readers whose handshake is not complete
     bool woken_ = false;
-    bool filesGone_ = false;  // and it has been said
-    bool paused_ = false;     // readers wait until descriptors are free again
+    bool socketGone_ = false;  // and it has been said
+    bool paused_ = false;      // readers wait until descriptors are free again
     Clock::time_point resumeAt_{};
 };
 
