@@ -370,12 +370,12 @@ TEST(Role, DISABLED_CannotStartThreads)
         pthread_attr_destroy(&attributes);
     };
     Publisher publisher;
-    setStack(size_t{1} << 46);
+    setStack(size_t{1} << 60);
     EXPECT_EQ(-EAGAIN, publisher.Serve());
     setStack(size_t{1} << 20);
     ASSERT_EQ(0, publisher.Serve());
     ASSERT_EQ(0, publisher.MakePool(4));
-    setStack(size_t{1} << 46);
+    setStack(size_t{1} << 60);
     EXPECT_EQ(EAGAIN, Reader().error);
     setStack(size_t{1} << 20);
     ExpectDelivery(publisher, Reader());
