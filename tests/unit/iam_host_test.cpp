@@ -209,7 +209,11 @@ TEST_F(IamHostTest, ASupersededReaderIsCutOffOnlyWhenItStandsStill)
     using std::chrono::milliseconds;
     Publisher publisher(1000);
     const Reader slow;
+    IAMHostObserve(1);
+    const Reader observer;  // has no part in it
+    IAMHostObserve(0);
     publisher.PublishNumbered(900, 10);
+    observer.ExpectNumbered(100, 10);
     Reader stalled;
     size_t accepted = 0;
     // The older one reads on for far longer than a stalled one may stand still: it gets all that it was given.

@@ -3,6 +3,7 @@
 #ifndef REPORT_EVENT_PLATFORM_HOST_IAM_SERVICE_HANDLES_H
 #define REPORT_EVENT_PLATFORM_HOST_IAM_SERVICE_HANDLES_H
 
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 
@@ -10,31 +11,26 @@
 
 namespace host_platform::iam {
 
-// One word for a reader or a block: what it names (8 bits), its index (16), and the number of this use of it (40).
-enum class HandleKind : uint64_t { READER = 1, BLOCK = 2 };
-
-constexpr unsigned KIND_SHIFT = 56;
+// One word for a reader or a block: its index (16 bits) and the number of this use of it (40 bits, never 0). The uses
+// of both are numbered together, so that a reader's handle is never a block's.
 constexpr unsigned INDEX_SHIFT = 40;
+constexpr uint64_t INDEX_MASK = uint64_t{0xFFFF} << INDEX_SHIFT;
 constexpr uint64_t USE_LIMIT = uint64_t{1} << INDEX_SHIFT;
 
-constexpr uint64_t PackHandle(HandleKind kind, uint32_t index, uint64_t use)
+constexpr uint64_t PackHandle(size_t index, uint64_t use)
 {
-    return static_cast<uint64_t>(kind) << KIND_SHIFT | uint64_t{index} << INDEX_SHIFT | (use & (USE_LIMIT - 1));
-}
-
-constexpr HandleKind KindOf(uint64_t handle)
-{
-    return static_cast<HandleKind>(handle >> KIND_SHIFT);
+    return uint64_t{index} << INDEX_SHIFT | use;
 }
 
 constexpr uint32_t IndexOf(uint64_t handle)
 {
-    return static_cast<uint32_t>(handle >> INDEX_SHIFT & 0xFFFF);
+    return static_cast<uint32_t>((handle & INDEX_MASK) >> INDEX_SHIFT);
 }
 
+// All the rest of the word: of an invented handle, this is no use.
 constexpr uint64_t UseOf(uint64_t handle)
 {
-    return handle & (USE_LIMIT - 1);
+    return handle & ~INDEX_MASK;
 }
 
 // A pool handle starts with a mark and the pool's generation; the rest of it is zero.

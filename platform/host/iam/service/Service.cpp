@@ -218,8 +218,8 @@ int Service::Allocate(uint64_t poolGeneration, uint32_t size, uint64_t& block)
     if (pool_->Exhausted()) {
         return -ENOBUFS;
     }
-    lastUse_ = (lastUse_ + 1) % USE_LIMIT;
-    block = PackHandle(HandleKind::BLOCK, pool_->Allocate(size, lastUse_), lastUse_);
+    const uint64_t use = NextUse();
+    block = PackHandle(pool_->Allocate(size, use), use);
     return 0;
 }
 
@@ -292,6 +292,12 @@ int Service::ReaderCount(const char* name) const
                         : -1;
 }
 
+uint64_t Service::NextUse()
+{
+    lastUse_ = lastUse_ % (USE_LIMIT - 1) + 1;
+    return lastUse_;
+}
+
 bool Service::Serves(const char* name) const
 {
     return life_ == Life::SERVING && strcmp(name, name_.text) == 0;
@@ -300,7 +306,7 @@ bool Service::Serves(const char* name) const
 bool Service::IsAllocated(uint64_t poolGeneration, uint64_t block) const
 {
     return life_ == Life::SERVING && pool_ != nullptr && poolGeneration == poolGeneration_ &&
-           KindOf(block) == HandleKind::BLOCK && pool_->IsAllocated(IndexOf(block), UseOf(block));
+           pool_->IsAllocated(IndexOf(block), UseOf(block));
 }
 
 // Null also when it has been cut off.
@@ -418,8 +424,7 @@ Status Service::Add(std::unique_ptr<Reader> reader)
     if (ofProcess >= limit / 2) {
         return {EMFILE, "the process has too many connections"};
     }
-    lastUse_ = (lastUse_ + 1) % USE_LIMIT;
-    reader->Name(name_.text, PackHandle(HandleKind::READER, static_cast<uint32_t>(place), lastUse_));
+    reader->Name(name_.text, PackHandle(place, NextUse()));
     readers_[place] = std::move(reader);
     readersEnd_ = std::max(readersEnd_, place + 1);
     return {};

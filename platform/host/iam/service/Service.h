@@ -67,6 +67,7 @@ private:
     void WaitForEnd(uint32_t endsBefore) const;
     void EndAtExit() HOST_EXCLUDES(mutex_);
 
+    uint64_t NextUse() HOST_REQUIRES(mutex_);
     bool Serves(const char* name) const HOST_REQUIRES(mutex_);
     bool IsAllocated(uint64_t poolGeneration, uint64_t block) const HOST_REQUIRES(mutex_);
     Reader* FindAttached(uint64_t handle) const HOST_REQUIRES(mutex_);

@@ -29,10 +29,10 @@ constexpr auto ACCEPT_PAUSE = 100ms;
 constexpr int LOOK_AGAIN_MS = 50;  // while one of the two runs
 constexpr int ACCEPTS_AT_ONCE = 16;
 
-// What epoll returns for a descriptor: one of these, or a reader's handle, which is none of them.
-constexpr uint64_t WAKE_KEY = 1;
-constexpr uint64_t LISTENER_KEY = 2;
-constexpr uint64_t FILES_KEY = 3;
+// What epoll returns for a descriptor: one of these, or a reader's handle, which never has so many bits.
+constexpr uint64_t WAKE_KEY = UINT64_MAX;
+constexpr uint64_t LISTENER_KEY = UINT64_MAX - 1;
+constexpr uint64_t FILES_KEY = UINT64_MAX - 2;
 
 thread_local bool onServiceThread = false;
 
