@@ -1,14 +1,22 @@
-// Diagnostics of the transport: one line on standard error for each event that a person should know of.
+// How this library logs: lines that a peer can provoke, so of a bounded rate, and each asks for its level first.
 #ifndef REPORT_EVENT_PLATFORM_HOST_IAM_LOG_H
 #define REPORT_EVENT_PLATFORM_HOST_IAM_LOG_H
 
+#include "platform/host/slog/HostLog.h"
+#include "slog.h"
+
 namespace host_platform::iam {
 
-// Writes "iam: " and the text with a single write. A burst is let through, then about one line a second, so that a
-// hostile peer cannot flood the log; the next line let through says how many were left out. Never raises SIGPIPE and
-// preserves errno. May block as long as standard error does: never called with a lock held.
-void Log(const char* format, ...) __attribute__((format(printf, 1, 2)));
+constexpr int LOG_MODULE = 71;
+constexpr int LOG_LEVEL = 3;
 
 }  // namespace host_platform::iam
+
+#define IAM_LOG(...)                                                                                     \
+    do {                                                                                                 \
+        if (CheckLogLevel(host_platform::iam::LOG_MODULE, host_platform::iam::LOG_LEVEL) == 1) {         \
+            SlogHostBounded(host_platform::iam::LOG_MODULE, host_platform::iam::LOG_LEVEL, __VA_ARGS__); \
+        }                                                                                                \
+    } while (false)
 
 #endif  // REPORT_EVENT_PLATFORM_HOST_IAM_LOG_H

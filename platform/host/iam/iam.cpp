@@ -41,7 +41,7 @@ int Report(const char* action, const char* name, const Status& status)
     // With the directory, because peers that do not find each other mostly look in different ones.
     Path directory{};
     static_cast<void>(NameRuntimeDirectory(directory));  // the beginning of one that is too long
-    Log("%s %s in %s failed: %s (%s)", action, name, directory.text, status.cause, strerrordesc_np(status.error));
+    IAM_LOG("%s %s in %s failed: %s (%s)", action, name, directory.text, status.cause, strerrordesc_np(status.error));
     return -status.error;
 }
 

@@ -377,7 +377,7 @@ int ResourceFile::Fail(int error)
 
 int ResourceFile::Broken(const char* cause)
 {
-    Log("%s: the service is not to be trusted: %s", resource_.text, cause);
+    IAM_LOG("%s: the service is not to be trusted: %s", resource_.text, cause);
     return Fail(EPROTO);
 }
 

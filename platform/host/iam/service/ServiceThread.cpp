@@ -161,7 +161,7 @@ void ServiceThread::HearOfFiles()
     }
     const Endpoint* const endpoint = service_.CurrentEndpoint();
     if (endpoint != nullptr && endpoint->IsGone() && !std::exchange(socketGone_, true)) {
-        Log("%s: its socket %s is gone, readers do not find it any more: start it again", service_.Name(),
+        IAM_LOG("%s: its socket %s is gone, readers do not find it any more: start it again", service_.Name(),
             endpoint->SocketPath());
     }
 }
@@ -178,7 +178,7 @@ void ServiceThread::AcceptReaders()
             Admit(std::move(socket));
         } else if (OutOfResources(errno)) {
             // The waiting readers stay in the backlog; without the pause this thread would spin on them.
-            Log("%s: readers must wait: %s", service_.Name(), strerrordesc_np(errno));
+            IAM_LOG("%s: readers must wait: %s", service_.Name(), strerrordesc_np(errno));
             Listen(false);
             return;
         } else if (errno != ECONNABORTED && errno != EINTR) {
@@ -198,7 +198,7 @@ void ServiceThread::Admit(UniqueFd socket)
         status = added != nullptr ? service_.Add(std::move(reader)) : Status{ENOMEM, "out of memory"};
     }
     if (status.Failed()) {
-        Log("%s: a connection of process %d was refused: %s", service_.Name(), pid, status.cause);
+        IAM_LOG("%s: a connection of process %d was refused: %s", service_.Name(), pid, status.cause);
         return;
     }
     ++handshakes_;
@@ -298,7 +298,7 @@ void ServiceThread::Close(Reader& reader, const char* cause)
     const std::unique_ptr<Reader> gone = service_.Remove(reader);
     cause = gone->cutOffCause != nullptr ? gone->cutOffCause.load() : cause;
     if (cause != nullptr) {
-        Log("%s: the connection of process %d was closed: %s", service_.Name(), gone->pid, cause);
+        IAM_LOG("%s: the connection of process %d was closed: %s", service_.Name(), gone->pid, cause);
     }
     // Said explicitly: a child of fork that has not called exec yet holds the same socket. After the removal, which
     // tells a reader that loses its blocks by more than the hang-up.
