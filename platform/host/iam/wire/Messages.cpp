@@ -9,28 +9,25 @@
 namespace host_platform::iam {
 namespace {
 
-constexpr size_t MOST_DESCRIPTORS = 4;  // more than any sound message has, so that extra ones are noticed and closed
+constexpr size_t MOST_DESCRIPTORS = 2;  // the kernel closes what is more, and says so
 
 union ControlBuffer {
     cmsghdr header;
     char bytes[CMSG_SPACE(MOST_DESCRIPTORS * sizeof(int))];
 };
 
-// Takes every descriptor out of the control data; returns how many there were. Those that find no place are closed.
-size_t TakeDescriptors(msghdr& header, std::array<UniqueFd, 2>& descriptors)
+// Takes every descriptor out of the control data; returns how many there were.
+size_t TakeDescriptors(msghdr& header, std::array<UniqueFd, MOST_DESCRIPTORS>& descriptors)
 {
-    size_t count = 0;
-    for (cmsghdr* control = CMSG_FIRSTHDR(&header); control != nullptr; control = CMSG_NXTHDR(&header, control)) {
-        const bool rights = control->cmsg_level == SOL_SOCKET && control->cmsg_type == SCM_RIGHTS;
-        const size_t here = rights ? (control->cmsg_len - CMSG_LEN(0)) / sizeof(int) : 0;
-        for (size_t i = 0; i < here; ++i, ++count) {
-            int fd = -1;
-            memcpy(&fd, CMSG_DATA(control) + i * sizeof fd, sizeof fd);
-            UniqueFd owned = AboveStandard(fd);
-            if (count < descriptors.size()) {
-                descriptors[count] = std::move(owned);
-            }
-        }
+    const cmsghdr* const control = CMSG_FIRSTHDR(&header);
+    if (control == nullptr || control->cmsg_level != SOL_SOCKET || control->cmsg_type != SCM_RIGHTS) {
+        return 0;
+    }
+    const size_t count = (control->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+    for (size_t i = 0; i < count; ++i) {
+        int fd = -1;
+        memcpy(&fd, CMSG_DATA(control) + i * sizeof fd, sizeof fd);
+        descriptors[i] = AboveStandard(fd);
     }
     return count;
 }
