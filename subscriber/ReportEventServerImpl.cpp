@@ -26,6 +26,13 @@
 #include "report_event/ResultCodes.h"
 #include "slog.h"
 
+// Weak, so that a process without the fault-reporting library loads this one and lives: it publishes, receives raw
+// events, and meets a failure where the library would have to be called (CallFaultReporting).
+#pragma weak FTEDeSerialize
+#pragma weak FTERegisterCallback
+#pragma weak FTEUnregisterCallback
+#pragma weak MidFTEReport
+
 // ---------------------------------------------------------------------------------------------------------------------
 // Logging. Macros, so that a message carries the line of its own statement. Every message asks for its level itself,
 // right before it is written; the event log is never filtered by level.
@@ -124,6 +131,14 @@ SourceMap::iterator FindEntry(SourceMap& table, const std::string& name)
 const char* TableName(EventType type)
 {
     return type == SECURITY_EVENT ? "secEvtSrcMap_" : "faultEvtSrcMap_";
+}
+
+// Calls a function of the fault-reporting library. A null one is absent from the process, which is a failure like any
+// other.
+template <typename... Parameters, typename... Arguments>
+int CallFaultReporting(int (*function)(Parameters...), Arguments&&... arguments)
+{
+    return function == nullptr ? -1 : function(std::forward<Arguments>(arguments)...);
 }
 
 }  // namespace
@@ -609,7 +624,7 @@ bool DeSerializeFteEventAndCallback(const unsigned char* payload, unsigned int p
                                     std::function<void(const EventInfo&, const UDSInfoForCpp&)> callback)
 {
     FteOutput decoded;
-    int ret = FTEDeSerialize(payload, payloadLen, &decoded.info, &decoded.uds);
+    int ret = CallFaultReporting(FTEDeSerialize, payload, payloadLen, &decoded.info, &decoded.uds);
     if (ret != 0) {
         LOG(LEVEL_ERROR, "FTEDeSerialize err ret=%d", ret);
         return false;
@@ -682,7 +697,7 @@ void ReportEventServerImpl::InitPmFaultReport()
 {
     const std::function<int(const unsigned char*, unsigned int)> callback =
         [this](const unsigned char* data, unsigned int len) { return FaultReportCallback(data, len); };
-    const int ret = FTERegisterCallback(callback);
+    const int ret = CallFaultReporting(FTERegisterCallback, callback);
     if (ret != 0) {
         LOG(LEVEL_ERROR, "FTERegister pm fault report Callback failed, ret=0x%X", static_cast<unsigned int>(ret));
     }
@@ -690,7 +705,7 @@ void ReportEventServerImpl::InitPmFaultReport()
 
 void ReportEventServerImpl::FinishPmFaultReport()
 {
-    const int ret = FTEUnregisterCallback();
+    const int ret = CallFaultReporting(FTEUnregisterCallback);
     LOG(LEVEL_LIFECYCLE, "FTEUnregisterCallback ret=0x%X", static_cast<unsigned int>(ret));
 }
 
@@ -725,7 +740,7 @@ void ReportEventServerImpl::ReportPmEvent(const std::string& resFile) const
     LOG(LEVEL_ERROR, "FTEReport begin, eventId=0x%X, severity=%u, assertion=%u, deviceId=%u, procName=%s",
         report.eventId, static_cast<unsigned int>(report.severity), static_cast<unsigned int>(report.assertion),
         static_cast<unsigned int>(report.deviceId), procName.c_str());
-    const int res = MidFTEReport(&report);
+    const int res = CallFaultReporting(MidFTEReport, &report);
     if (res != 0) {
         LOG(LEVEL_ERROR,
             "PROCMGR FTEReport err res=0x%X, eventId=0x%X, severity=%u, assertion=%u, deviceId=%u, procName=%s",

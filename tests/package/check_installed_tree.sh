@@ -22,7 +22,7 @@ await() {
 }
 serving() { [ -n "$(find "$IAM_RUNTIME_DIR" -type s)" ]; }
 
-# talk DIRECTORY: its publisher's events reach its client, which leaves in order.
+# talk DIRECTORY: its publisher's events reach its client, which has the fault-reporting library and leaves in order.
 talk() {
   IAM_RUNTIME_DIR=$(mktemp -d -p "$work")
   export IAM_RUNTIME_DIR
@@ -33,6 +33,7 @@ talk() {
   "${emulator[@]}" "$1/client" >"$work/client.out" 2>&1 &
   pids+=($!)
   await "an event arrives" grep -Eq '^device 0x1001: fan [0-9]+ stopped$' "$work/client.out"
+  if grep FTERegister "$work/client.out" >&2; then exit 1; fi
   kill -TERM "${pids[1]}"
   wait "${pids[1]}"
   kill -KILL "${pids[0]}"
@@ -49,8 +50,10 @@ mv "$work/first" "$prefix"
 
 mkdir "$work/source" "$work/by_hand"
 cp "$root"/examples/{client,publisher}.cpp "$root/tests/package/consumer/CMakeLists.txt" "$work/source"
-options=(-DCMAKE_CXX_COMPILER="$compiler")
-[ -z "$toolchain" ] || options=(-DCMAKE_TOOLCHAIN_FILE="$toolchain")
+# The linker keeps only what it is told to keep, as some distributions have it.
+as_needed=-Wl,--as-needed
+options=(-DCMAKE_EXE_LINKER_FLAGS="$as_needed" -DCMAKE_CXX_COMPILER="$compiler")
+[ -z "$toolchain" ] || options+=(-DCMAKE_TOOLCHAIN_FILE="$toolchain")
 {
   "$cmake" -S "$work/source" -B "$work/by_cmake" -DCMAKE_PREFIX_PATH="$prefix" "${options[@]}"
   "$cmake" --build "$work/by_cmake"
@@ -63,6 +66,7 @@ export PKG_CONFIG_LIBDIR
 read -ra library < <(pkg-config --cflags --libs report_event)
 read -ra platform < <(pkg-config --libs report_event_host_platform)
 rpath=-Wl,-rpath,$(pkg-config --variable=libdir report_event)
-"$compiler" -std=c++17 -o "$work/by_hand/client" "$work/source/client.cpp" "${library[@]}" "${platform[@]}" "$rpath"
-"$compiler" -std=c++17 -o "$work/by_hand/publisher" "$work/source/publisher.cpp" "${library[@]}" "$rpath"
+compile=("$compiler" -std=c++17 "$as_needed" "$rpath")
+"${compile[@]}" -o "$work/by_hand/client" "$work/source/client.cpp" "${library[@]}" "${platform[@]}"
+"${compile[@]}" -o "$work/by_hand/publisher" "$work/source/publisher.cpp" "${library[@]}"
 talk "$work/by_hand"
