@@ -270,14 +270,14 @@ int CollectFaultFileNames(const std::vector<std::string>& groupOwnerList, std::s
 }
 
 // Ends the read thread of an entry whose running flag is clear. Closing first wakes a thread that is blocked in a read;
-// looking again after the join finds the descriptor that a reconnection stored in between. The field keeps its value.
-void JoinReadThread(const std::string& resFile, EventSourceInfo& info)
+// looking again after the join finds the descriptor that a reconnection stored in between. Returns the number that was
+// closed first.
+int CloseAndJoin(EventSourceInfo& info)
 {
     const int fd = TakeDescriptor(info);
     CloseDescriptor(fd);
     if (info.readThread.joinable()) {
         info.readThread.join();
-        LOG(LEVEL_LIFECYCLE, "JoinReadThread: join thead of resfile=%s success", resFile.c_str());
     }
     CloseDescriptor(TakeDescriptor(info));
     const std::lock_guard<std::mutex> lock(tableMutex);
@@ -286,6 +286,17 @@ void JoinReadThread(const std::string& resFile, EventSourceInfo& info)
 
 }  // namespace
 
+    return fd;
+}
+
+// The field `fd` keeps its value.
+void JoinReadThread(const std::string& resFile, EventSourceInfo& info)
+{
+    const bool hasThread = info.readThread.joinable();
+    const int fd = CloseAndJoin(info);
+    if (hasThread) {
+        LOG(LEVEL_LIFECYCLE, "JoinReadThread: join thead of resfile=%s success", resFile.c_str());
+    }
 // Closes and joins what an earlier subscription of the family left in its table, while the flag is still false: so no
 // old thread takes the close for a lost connection, and none comes back to life when the flag goes true.
 void ReportEventServerImpl::RetireLeftovers(EventType type)
@@ -363,10 +374,9 @@ int ReportEventServerImpl::StopSubscribeEvent(const std::vector<std::string>& gr
             result = RESULT_BAD_NAME;
             continue;
         }
-        EventSourceInfo& info = entry->second;
-        CloseDescriptor(TakeDescriptor(info));
-        if (info.readThread.joinable()) {
-            info.readThread.join();
+        const bool hasThread = entry->second.readThread.joinable();
+        CloseAndJoin(entry->second);
+        if (hasThread) {
             LOG(LEVEL_LIFECYCLE, "StopSubscribeEvent: join thead of resfile=%s success", name.c_str());
         }
         CloseDescriptor(TakeDescriptor(info));  // stored by a reconnection that finished after the close above
@@ -559,9 +569,9 @@ void WriteFteEventLog(const FTEInfo& info, bool forceLog)
 
 int MidFTEDeSerialize(const unsigned char* payload, unsigned int payloadLen, dsmi_event& event)
 {
-    if (payloadLen != sizeof(dsmi_event)) {
+    if (payloadLen != sizeof(event)) {
         LOG(LEVEL_ERROR, "deserialized buf size is not eqaul with size of struct dsmi_event=%u\n",
-            static_cast<unsigned int>(sizeof(dsmi_event)));
+            static_cast<unsigned int>(sizeof(event)));
         return RESULT_WRONG_SIZE;
     }
     std::memcpy(&event, payload, sizeof(event));
