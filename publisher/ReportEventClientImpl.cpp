@@ -3,6 +3,7 @@
 
 #include <syslog.h>
 
+#include "common/NoCancellation.h"
 #include "publisher/GrpOwnerLogLevel.h"
 #include "report_event/EventRecord.h"
 #include "report_event/ResultCodes.h"
@@ -45,6 +46,7 @@ ReportEventClientImpl::~ReportEventClientImpl()
 
 int ReportEventClientImpl::RegisterResService(const std::string& name)
 {
+    const NoCancellation noCancellation;
     const int result = RegisterService(name);
     return result == RESULT_OK ? RegisterPool(name) : result;
 }

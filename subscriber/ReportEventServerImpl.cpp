@@ -21,6 +21,7 @@
 
 #include "c_sec.h"
 #include "fte.h"
+#include "common/NoCancellation.h"
 #include "iam.h"
 #include "report_event/ResourceNames.h"
 #include "report_event/ResultCodes.h"
@@ -185,6 +186,7 @@ int ReportEventServerImpl::FmRegisterMidReportEventImpl(
     const std::function<void(const dsmi_event&)>& deviceCallback)
 {
     ReplaceCallback(reportEventCb, eventCallback);
+    const NoCancellation noCancellation;
     ReplaceCallback(reportEventMidCb, deviceCallback);
     if (!signalHandlerInstalled) {
         InstallSignalHandler();
@@ -200,6 +202,7 @@ int ReportEventServerImpl::FmRegisterMidReportEventImpl(
 int ReportEventServerImpl::FmUnregisterReportEventImpl(const std::vector<std::string>& groupOwnerList)
 {
     const int ret = StopSubscribeEvent(groupOwnerList, FAULT_EVENT);
+    const NoCancellation noCancellation;
     if (ret != RESULT_OK) {
         LOG(LEVEL_ERROR, "stop subscribe fault event failed, ret=0x%X\n", static_cast<unsigned int>(ret));
     }
@@ -210,6 +213,7 @@ int ReportEventServerImpl::FmUnregisterReportEventImpl(const std::vector<std::st
 int ReportEventServerImpl::RegIDSEventReportHandlerImpl(const std::function<void(const dsmi_event&)>& securityCallback)
 {
     ReplaceCallback(idsEventReportCb, securityCallback);
+    const NoCancellation noCancellation;
     if (!signalHandlerInstalled) {
         InstallSignalHandler();
     }
@@ -223,6 +227,7 @@ int ReportEventServerImpl::RegIDSEventReportHandlerImpl(const std::function<void
 int ReportEventServerImpl::UnregIDSEventReportHandlerImpl()
 {
     const int ret = StopSubscribeEvent({SEC_EVENT_RES_FILE}, SECURITY_EVENT);
+    const NoCancellation noCancellation;
     if (ret != RESULT_OK) {
         LOG(LEVEL_ERROR, "stop subscribe security event failed, ret=0x%X\n", static_cast<unsigned int>(ret));
     }

@@ -8,8 +8,9 @@
 // opened the resource most recently. Its failures are written to the system log.
 //
 // Threads. Both operations may be called from any thread; records are published one at a time, in the order in which
-// callers get in. Neither may be called from a signal handler. A process that has registered a service does not unload
-// the library, and stops publishing before it exits. A child of fork must leave by exec or _exit.
+// callers get in. Neither may be called from a signal handler. A thread that is cancelled in RegisterResService ends
+// after it; a thread must not be cancelled in ReportEvent. A process that has registered a service does not unload the
+// library, and stops publishing before it exits. A child of fork must leave by exec or _exit.
 class __attribute__((visibility("default"))) ReportEventClient {
 public:
     virtual ~ReportEventClient();

@@ -13,10 +13,10 @@
 // fault-reporting library, and security events, from "dp:/res/iam/sec_event".
 //
 // Threads. The four operations run on the client's threads, one at a time: two of them must not run at once, whatever
-// their family. Each subscribed file has one read thread of the library's, named "Rd_" and the file's name, on which it
-// delivers that file's events in the order in which they were published. The fault-reporting library delivers on a
-// thread of its own. Callbacks for different files may therefore run at the same time, even the same callback: they
-// must allow that.
+// their family. A thread that is cancelled in one of them ends after it. Each subscribed file has one read thread of
+// the library's, named "Rd_" and the file's name, on which it delivers that file's events in the order in which they
+// were published. The fault-reporting library delivers on a thread of its own. Callbacks for different files may
+// therefore run at the same time, even the same callback: they must allow that.
 //
 // Callbacks
 //   - get references that are valid only during the call;

@@ -125,6 +125,34 @@ TEST_F(Registration, TheSecurityFamilyHasOneFileAndNothingToDoWithTheFaultLibrar
     EXPECT_EQ("", Journal("fte"));
 }
 
+// A cancellation waits until the operation is over, and the thread's own setting stays as it was.
+TEST_F(Registration, NoOperationIsCancelledInTheMiddle)
+{
+    const auto cancelState = [] {
+        int state = 0;
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
+        pthread_setcancelstate(state, nullptr);
+        return state;
+    };
+    ProcMgr::ReportEventClientImpl publisher;
+    for (const char* call : {"open", "close", "join", "fte", "iam"}) {
+        Always(call, [&] { EXPECT_EQ(PTHREAD_CANCEL_DISABLE, cancelState()); });
+    }
+    for (const int before : {PTHREAD_CANCEL_ENABLE, PTHREAD_CANCEL_DISABLE}) {
+        pthread_setcancelstate(before, nullptr);
+        const Hook operations[] = {[&] { Register({PM}); }, [&] { server_->FmUnregisterReportEventImpl({PM}); },
+                                   [&] { server_->RegIDSEventReportHandlerImpl(nullptr); },
+                                   [&] { server_->UnregIDSEventReportHandlerImpl(); },
+                                   [&] { publisher.RegisterResService(PM); }};
+        for (const Hook& operation : operations) {
+            operation();
+            EXPECT_EQ(before, cancelState());
+        }
+    }
+    pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
+    Always("iam", nullptr);
+}
+
 TEST_F(Registration, FaultsFromTheFaultLibraryTakeTheSameRoad)
 {
     Register({});
