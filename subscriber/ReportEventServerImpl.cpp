@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <mutex>
@@ -20,8 +21,8 @@
 #include <utility>
 
 #include "c_sec.h"
-#include "fte.h"
 #include "common/NoCancellation.h"
+#include "fte.h"
 #include "iam.h"
 #include "report_event/ResourceNames.h"
 #include "report_event/ResultCodes.h"
@@ -185,8 +186,8 @@ int ReportEventServerImpl::FmRegisterMidReportEventImpl(
     const std::function<void(const EventInfo&, const UDSInfoForCpp&)>& eventCallback,
     const std::function<void(const dsmi_event&)>& deviceCallback)
 {
-    ReplaceCallback(reportEventCb, eventCallback);
     const NoCancellation noCancellation;
+    ReplaceCallback(reportEventCb, eventCallback);
     ReplaceCallback(reportEventMidCb, deviceCallback);
     if (!signalHandlerInstalled) {
         InstallSignalHandler();
@@ -201,8 +202,8 @@ int ReportEventServerImpl::FmRegisterMidReportEventImpl(
 
 int ReportEventServerImpl::FmUnregisterReportEventImpl(const std::vector<std::string>& groupOwnerList)
 {
-    const int ret = StopSubscribeEvent(groupOwnerList, FAULT_EVENT);
     const NoCancellation noCancellation;
+    const int ret = StopSubscribeEvent(groupOwnerList, FAULT_EVENT);
     if (ret != RESULT_OK) {
         LOG(LEVEL_ERROR, "stop subscribe fault event failed, ret=0x%X\n", static_cast<unsigned int>(ret));
     }
@@ -212,8 +213,8 @@ int ReportEventServerImpl::FmUnregisterReportEventImpl(const std::vector<std::st
 
 int ReportEventServerImpl::RegIDSEventReportHandlerImpl(const std::function<void(const dsmi_event&)>& securityCallback)
 {
-    ReplaceCallback(idsEventReportCb, securityCallback);
     const NoCancellation noCancellation;
+    ReplaceCallback(idsEventReportCb, securityCallback);
     if (!signalHandlerInstalled) {
         InstallSignalHandler();
     }
@@ -226,8 +227,8 @@ int ReportEventServerImpl::RegIDSEventReportHandlerImpl(const std::function<void
 
 int ReportEventServerImpl::UnregIDSEventReportHandlerImpl()
 {
-    const int ret = StopSubscribeEvent({SEC_EVENT_RES_FILE}, SECURITY_EVENT);
     const NoCancellation noCancellation;
+    const int ret = StopSubscribeEvent({SEC_EVENT_RES_FILE}, SECURITY_EVENT);
     if (ret != RESULT_OK) {
         LOG(LEVEL_ERROR, "stop subscribe security event failed, ret=0x%X\n", static_cast<unsigned int>(ret));
     }
@@ -285,12 +286,6 @@ int CloseAndJoin(EventSourceInfo& info)
         info.readThread.join();
     }
     CloseDescriptor(TakeDescriptor(info));
-    const std::lock_guard<std::mutex> lock(tableMutex);
-    info.fd = fd;
-}
-
-}  // namespace
-
     return fd;
 }
 
@@ -302,6 +297,12 @@ void JoinReadThread(const std::string& resFile, EventSourceInfo& info)
     if (hasThread) {
         LOG(LEVEL_LIFECYCLE, "JoinReadThread: join thead of resfile=%s success", resFile.c_str());
     }
+    const std::lock_guard<std::mutex> lock(tableMutex);
+    info.fd = fd;
+}
+
+}  // namespace
+
 // Closes and joins what an earlier subscription of the family left in its table, while the flag is still false: so no
 // old thread takes the close for a lost connection, and none comes back to life when the flag goes true.
 void ReportEventServerImpl::RetireLeftovers(EventType type)
@@ -384,7 +385,6 @@ int ReportEventServerImpl::StopSubscribeEvent(const std::vector<std::string>& gr
         if (hasThread) {
             LOG(LEVEL_LIFECYCLE, "StopSubscribeEvent: join thead of resfile=%s success", name.c_str());
         }
-        CloseDescriptor(TakeDescriptor(info));  // stored by a reconnection that finished after the close above
         const std::lock_guard<std::mutex> lock(tableMutex);
         table.erase(entry);
     }
@@ -420,6 +420,15 @@ bool IsProcessManagerFile(const std::string& name)
     return name == PM_FAULT_RES_FILE || name == SEA_PM_FAULT_RES_FILE;
 }
 
+// The system keeps 15 characters; whoever stands in for prctl sees more. Without allocation: nothing here catches
+// std::bad_alloc.
+void NameThisThread(const std::string& resFile)
+{
+    char name[64];
+    std::snprintf(name, sizeof(name), "Rd_%s", resFile.c_str());
+    prctl(PR_SET_NAME, name);
+}
+
 void ClearBuffer(unsigned char* buffer)
 {
     memset_s(buffer, READ_BUF_SIZE, 0, READ_BUF_SIZE);
@@ -429,7 +438,7 @@ void ClearBuffer(unsigned char* buffer)
 
 void ReportEventServerImpl::ReadData(int fd, const std::string& name, EventType type)
 {
-    prctl(PR_SET_NAME, ("Rd_" + name).c_str());
+    NameThisThread(name);
     const std::unique_ptr<unsigned char[]> buffer(new (std::nothrow) unsigned char[READ_BUF_SIZE]);
     if (buffer == nullptr) {
         const int error = errno;
@@ -621,6 +630,18 @@ struct FteOutput {
     }
 };
 
+// All bytes zero before the fields are set, padding included.
+int ConvertEventInfo(const FTEInfo& info, EventInfo& converted)
+{
+    std::memset(&converted, 0, sizeof(converted));
+    converted.eventId = info.eventId;
+    converted.assertion = info.assertion;
+    converted.nodeId = info.nodeId;
+    converted.deviceId = info.deviceId;
+    converted.osId = info.osId;
+    return memcpy_s(converted.eventPara.buf, sizeof(converted.eventPara.buf), info.eventName, sizeof(info.eventName));
+}
+
 UDSInfoForCpp ConvertUdsInfo(const UDSInfo& uds)
 {
     UDSInfoForCpp converted;
@@ -645,14 +666,8 @@ bool DeSerializeFteEventAndCallback(const unsigned char* payload, unsigned int p
         return false;
     }
     logFunc(decoded.info);
-    EventInfo eventInfo = {};
-    eventInfo.eventId = decoded.info.eventId;
-    eventInfo.assertion = decoded.info.assertion;
-    eventInfo.nodeId = decoded.info.nodeId;
-    eventInfo.deviceId = decoded.info.deviceId;
-    eventInfo.osId = decoded.info.osId;
-    ret = memcpy_s(eventInfo.eventPara.buf, sizeof(eventInfo.eventPara.buf), decoded.info.eventName,
-                   sizeof(decoded.info.eventName));
+    EventInfo eventInfo;
+    ret = ConvertEventInfo(decoded.info, eventInfo);
     if (ret != 0) {
         LOG(LEVEL_ERROR, "memcpy_s eventInfoTmp.eventPara.buf failed. ret=%d", ret);
         return false;

@@ -1,8 +1,8 @@
 // What the library expects of the platform's fault-reporting library (FTE).
 //
-// The four functions have C linkage and are resolved from the host process when libreport_event.so is loaded, which never
-// names the library that holds them and refers to them weakly. In a process that lacks them, each call is a failure: a
-// registration delivers nothing, a serialized event is refused, a lost process manager is not reported.
+// The four functions have C linkage and are resolved from the host process when libreport_event.so is loaded, which
+// never names the library that holds them and refers to them weakly. In a process that lacks them, each call is a
+// failure: a registration delivers nothing, a serialized event is refused, a lost process manager is not reported.
 #ifndef REPORT_EVENT_PLATFORM_FTE_H
 #define REPORT_EVENT_PLATFORM_FTE_H
 

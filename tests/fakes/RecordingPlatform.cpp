@@ -144,6 +144,7 @@ struct CountedThread : std::thread::_State {
     }
     void _M_run() override
     {
+        Platform::Get().Scripted("begin");
         body->_M_run();
         --Platform::Get().threads;
     }

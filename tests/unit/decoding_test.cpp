@@ -34,6 +34,15 @@ static int DecodeThreeDids(const unsigned char*, unsigned int, FTEInfo* info, UD
     return 0;
 }
 
+// So that what is left uninitialised below this frame is not zero by chance.
+__attribute__((noinline)) static void SoilTheStack()
+{
+    volatile unsigned char bytes[4096];
+    for (volatile unsigned char& byte : bytes) {
+        byte = 0xDD;
+    }
+}
+
 class Decoding : public LibraryTest {
 protected:
     bool Decode(Bytes record, size_t size)
@@ -116,12 +125,22 @@ TEST_F(Decoding, AFaultEventIsConvertedWholeAndItsArrayReleasedOnEveryWayOut)
     std::string received;
     Of(eventCallback) = [&](const EventInfo& event, const UDSInfoForCpp& uds) {
         const Offstage offstage;
+        EventInfo padded;
+        std::memset(&padded, 0, sizeof(padded));
+        padded.eventId = event.eventId;
+        padded.assertion = event.assertion;
+        padded.nodeId = event.nodeId;
+        padded.deviceId = event.deviceId;
+        padded.osId = event.osId;
+        padded.eventPara = event.eventPara;
+        EXPECT_EQ(0, std::memcmp(&padded, &event, sizeof(event))) << "padding included";
         received += Text(event.eventId, " ", +event.assertion, " ", event.nodeId, " ", +event.deviceId, " ", event.osId,
                          " ", std::string(event.eventPara.buf, 128), " ", uds.udsId);
         for (const DidInfoForCpp& did : uds.didInfo) {
             received += Text(" ", did.did, "=", std::string(did.data.begin(), did.data.end()));
         }
     };
+    SoilTheStack();
     check(converted, true);
     Results("memcpy_s", {34});
     check(converted + " | log 3 memcpy_s eventInfoTmp.eventPara.buf failed. ret=34", false);

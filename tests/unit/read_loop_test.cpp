@@ -147,7 +147,7 @@ TEST_F(ReadLoop, TheBufferIsZeroBeforeEveryRecordAlsoAfterOneThatFailed)
               Journal("open prctl memset_s read log deliver"));
     Stop({SEC});
     Journal();
-    Next("prctl", [] { heap.failing = 1; });
+    Next("begin", [] { heap.failing = 1; });
     server_->StartSubscribeEvent({SEC}, SECURITY_EVENT);
     AwaitThreads();
     EXPECT_EQ(Opened(SEC) + " | log 3 unique point fail, errno=12 " + SEC, Journal("open log memset_s read"));
