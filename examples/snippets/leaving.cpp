@@ -18,6 +18,7 @@ using Files = std::vector<std::string>;
 // region scope
 class FaultSubscription {
 public:
+    // `onDevice` owns what it uses: a device event that comes in on the security file may reach it even later.
     FaultSubscription(Files files, const std::function<void(const dsmi_event&)>& onDevice)
         : files_(std::move(files)),
           result_(ReportEventServer::GetInstance().FmRegisterMidReportEventImpl(files_, nullptr, onDevice))
@@ -42,11 +43,13 @@ private:
 // endregion
 
 // region let-go
-void StopAndForget(const Files& files)
+void StopAndForget(const Files& files)  // while both families run
 {
     ReportEventServer& server = ReportEventServer::GetInstance();
     server.FmRegisterMidReportEventImpl(files, nullptr, nullptr);  // while running: replaces the callables, no more
-    server.FmUnregisterReportEventImpl(files);                     // waits for the calls of the old ones in flight
+    server.RegIDSEventReportHandlerImpl(nullptr);
+    server.FmUnregisterReportEventImpl(files);  // these two wait for the calls of the old ones in flight
+    server.UnregIDSEventReportHandlerImpl();
 }
 // endregion
 
@@ -86,7 +89,6 @@ sigset_t BlockStopSignals()  // in main, before the first registration
 void Unload(void* plugin, const Files& files)
 {
     StopAndForget(files);
-    ReportEventServer::GetInstance().UnregIDSEventReportHandlerImpl();
     std::signal(SIGPIPE, SIG_IGN);  // before its handler goes away with the library
     dlclose(plugin);
 }

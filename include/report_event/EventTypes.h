@@ -10,27 +10,30 @@
 #include <type_traits>
 #include <vector>
 
-// A raw device-management event: 360 bytes, carried byte for byte from the publisher. The reserved bytes are carried
-// like the others; the library neither reads nor changes them.
+// A raw device-management event: 360 bytes, carried byte for byte from the publisher, the reserved ones like the
+// others. The library reads its fields only to write the event log, and changes none. What a value means is the
+// publisher's to say, unless the field says more.
 struct dsmi_event {
     uint8_t reserved0[8];
-    uint32_t eventId;
-    uint16_t deviceId;
+    uint32_t eventId;   // which event; PM_LOST_EVENT_ID (ResourceNames.h) for the loss of a process manager
+    uint16_t deviceId;  // the device concerned
     uint8_t reserved14;
-    uint8_t nodeId;
+    uint8_t nodeId;  // the node it belongs to
     uint8_t reserved16[2];
-    uint8_t severity;
-    uint8_t assertion;  // 0: always written to the event log; else only when the record's forceLog is set
-    int32_t eventSerialNum;
-    int32_t notifySerialNum;
+    uint8_t severity;         // on the publisher's own scale
+    uint8_t assertion;        // a fault event with 0 is always written to the event log, with any other value only when
+                              // the record's forceLog is set; a security event never is
+    int32_t eventSerialNum;   // the publisher's count of events
+    int32_t notifySerialNum;  // its count of notifications
     uint8_t reserved28[4];
     uint64_t eventArisedTime;  // carried unchanged; its unit is the publisher's
     char eventName[288];       // text; may fill the whole area without a terminator
-    uint8_t osId;
+    uint8_t osId;              // the operating system concerned
     uint8_t reserved329[31];
 };
 
-// A fault event decoded from its serialized form, without its diagnostic information.
+// A fault event decoded from its serialized form, without its diagnostic information. Its fields mean what those of the
+// same name mean above. Its padding is zero.
 struct EventInfo {
     uint16_t eventId;
     uint8_t assertion;
@@ -54,6 +57,8 @@ struct UDSInfoForCpp {
     std::vector<DidInfoForCpp> didInfo;  // in the order of the record; empty when the event carries none
 };
 
+// The library was built with containers of the usual layout. Where these fail, a program uses debug containers
+// (_GLIBCXX_DEBUG) or another standard library, and cannot exchange events with it.
 static_assert(sizeof(dsmi_event) == 360 && std::is_trivially_copyable<dsmi_event>::value, "dsmi_event size");
 static_assert(offsetof(dsmi_event, eventId) == 8 && offsetof(dsmi_event, deviceId) == 12 &&
                   offsetof(dsmi_event, nodeId) == 15 && offsetof(dsmi_event, severity) == 18 &&

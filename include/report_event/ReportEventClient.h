@@ -5,7 +5,7 @@
 #include <string>
 
 // The one publisher of a process (a process manager). It serves one resource and sends event records to the reader that
-// opened the resource most recently. Its failures are written to the system log.
+// opened the resource most recently. Its failures are written to the system log, its results stand in ResultCodes.h.
 //
 // Threads. Both operations may be called from any thread; records are published one at a time, in the order in which
 // callers get in. Neither may be called from a signal handler. A thread that is cancelled in RegisterResService ends
@@ -18,24 +18,25 @@ public:
     // Returns the process's publisher, made by the first call. Any thread.
     static ReportEventClient& GetInstance();
 
-    // Registers the resource service and the pool of shared memory under `name`. Called once. `name` is not used after
-    // the call.
-    //   0         success
-    //   0xF10207  the service could not be registered; nothing was registered
-    //   0xF10208  the pool could not be registered; the service stays registered. To try again, call again
+    // Registers the resource service and the pool of shared memory under `name`. Called once: a process serves one
+    // resource, and the platform of a development host refuses a second name. `name` is not used after the call.
+    //   RESULT_OK
+    //   RESULT_SERVICE_FAILED  the service could not be registered; nothing was registered
+    //   RESULT_POOL_FAILED     the pool could not be registered; the service stays registered. To try again, call again
+    //                          with the same name
     virtual int RegisterResService(const std::string& name) = 0;
 
     // Publishes one record of `size` bytes, at most 3960, unchanged (EventRecord.h has its format). The bytes are
     // copied before the call returns. One attempt: nothing is queued or retried here. Does not wait for the reader.
-    //   0         the record was handed to the current reader, or dropped because no reader has the resource open (in
-    //             that case neither `buf` nor `size` is looked at)
-    //   0xF10204  `buf` is null
-    //   0xF10205  `size` is above 3960
-    //   0xF10209  no block is free in the pool: the reader is slower than the publisher. Try again later; each such
-    //             attempt writes a line to the system log, so do not try in a tight loop
-    //   0xF1020A  the record could not be written into its block
-    //   0xF1020B  the record could not be enqueued; the reader may just be leaving
-    // After any code but 0 the record was not published, and the next call starts afresh.
+    //   RESULT_OK              the record was handed to the current reader, or dropped because no reader has the
+    //                          resource open (in that case neither `buf` nor `size` is looked at)
+    //   RESULT_NULL_POINTER    `buf` is null
+    //   RESULT_WRONG_SIZE      `size` is above 3960
+    //   RESULT_NO_BLOCK        no block is free in the pool: the reader is slower than the publisher. Try again later;
+    //                          each such attempt writes a line to the system log, so do not try in a tight loop
+    //   RESULT_WRITE_FAILED    the record could not be written into its block
+    //   RESULT_ENQUEUE_FAILED  the record could not be enqueued; the reader may just be leaving
+    // After any code but RESULT_OK the record was not published, and the next call starts afresh.
     virtual int ReportEvent(const char* buf, unsigned int size) = 0;
 };
 

@@ -9,14 +9,19 @@
 #include "report_event/EventTypes.h"
 
 // The one subscriber of a process. It receives two independent event families: fault events, from the resource files
-// that the client names (normally the process manager's "dp:/res/pm/fm" and "sea:/res/pm/fm") and from the platform's
-// fault-reporting library, and security events, from "dp:/res/iam/sec_event".
+// that the client names (normally PM_FAULT_RESOURCE and SEA_PM_FAULT_RESOURCE) and from the platform's fault-reporting
+// library, and security events, from SECURITY_RESOURCE (ResourceNames.h).
 //
 // Threads. The four operations run on the client's threads, one at a time: two of them must not run at once, whatever
 // their family. A thread that is cancelled in one of them ends after it. Each subscribed file has one read thread of
-// the library's, named "Rd_" and the file's name, on which it delivers that file's events in the order in which they
-// were published. The fault-reporting library delivers on a thread of its own. Callbacks for different files may
-// therefore run at the same time, even the same callback: they must allow that.
+// the library's, named "Rd_" and the file's name, with the signal mask of the thread that registered it; on it, the
+// file's events are delivered in the order in which they were published. The fault-reporting library delivers on
+// threads of its choosing. Callbacks may therefore run at the same time, even the same callback: they must allow that.
+//
+// Which callback. The header byte of a record selects it, not the file or the family that the record comes by: any
+// file, and the fault-reporting library, may bring all three kinds. So the callbacks of a family that is unregistered
+// still run for records of their kind that come in on the other family's files. What a callable refers to must live
+// until both families are unregistered, or until the callable has been replaced and is destroyed.
 //
 // Callbacks
 //   - get references that are valid only during the call;
@@ -25,31 +30,39 @@
 //     one-at-a-time rule above;
 //   - must not throw: an exception leaves the read thread and ends the process;
 //   - must not call exit: the exit handlers wait for every callback to return;
-//   - delay the file they are called for: while they run, its records wait in the publisher's pool.
-// No lock that a callback takes may be held across an unregistration, which waits for the callbacks in flight.
+//   - delay the file they are called for: while they run, its records wait in the publisher's pool;
+//   - are copied once for each record, under a lock of the library's. Captures that std::function stores inline, such
+//     as two pointers, cost no allocation; a captured string costs up to two. A copy constructor must not block, take a
+//     lock or call one of the four operations.
+// No lock that a callback takes may be held across an unregistration, which waits for the callbacks in flight, nor
+// across a registration, which waits for what an earlier unregistration did not list.
 //
 // One reader per resource. The newest process (or subscription) that opens a resource takes its stream from the one
 // before it, which stays connected and receives nothing; so does a monitor. When the newest one leaves, the publisher
 // drops records until a reader opens the resource again.
 //
-// A lost connection. A lost "dp:/res/pm/fm" or "sea:/res/pm/fm" is reported to the fault-reporting library as a fault
-// of the process manager (event 0x8C03A000) and not reopened. Any other file is reopened for up to 5 seconds; after
-// that its thread ends. Either way one lost file is renewed only by stopping and starting its whole family: an
-// unregistration and a new registration.
+// A lost connection. A lost PM_FAULT_RESOURCE or SEA_PM_FAULT_RESOURCE is reported to the fault-reporting library as a
+// fault of the process manager (PM_LOST_EVENT_ID) and not reopened. Any other file is reopened for up to 5 seconds;
+// after that its thread ends. Any other failure of a read, or no memory for the read buffer, ends that file's thread
+// with a line in the log and no other sign. Either way one lost file is renewed only by stopping and starting its whole
+// family: an unregistration and a new registration.
 //
-// Result codes, of all four operations:
-//   0         success (also when there was nothing to do)
-//   0xF10206  registration: at least one name was rejected (ResourceNames.h has the rule) or repeated; unregistration:
-//             at least one listed name is not subscribed
-//   0xF10005  registration: at least one file could not be opened (wins over 0xF10206)
-// A code other than 0 undoes nothing: the files that could be opened are subscribed, the family counts as running, and
-// a second registration then only replaces the callbacks. To try again, unregister first, then register. The operations
-// throw what allocation and thread creation throw; a thread that cannot be started ends a registration at that file,
-// and an unregistration cleans up.
+// Result codes (ResultCodes.h), of all four operations:
+//   RESULT_OK           success (also when there was nothing to do)
+//   RESULT_BAD_NAME     registration: at least one name was rejected (ResourceNames.h has the rule) or repeated;
+//                       unregistration: at least one listed name is not subscribed
+//   RESULT_OPEN_FAILED  registration: at least one file could not be opened (wins over RESULT_BAD_NAME)
+// A code other than RESULT_OK undoes nothing: the files that could be opened are subscribed, the family counts as
+// running, and a second registration then only replaces the callbacks. To try again, unregister first, then register.
+// What the fault-reporting library says to its registration is only logged. The operations throw what allocation and
+// thread creation throw; a thread that cannot be started ends a registration at that file, and an unregistration cleans
+// up.
 //
-// Process-wide effects. The first registration installs a SIGPIPE handler that logs the signal and nothing else; it
-// stays for the life of the process. A host that unloads the library sets a SIGPIPE disposition of its own afterwards,
-// because the handler goes away with the code.
+// Process-wide effects. The first registration installs a SIGPIPE handler in the place of the process's own. It logs
+// the signal and nothing else, and stays for the life of the process; it has no SA_RESTART, so a system call that it
+// interrupts may fail with EINTR. A host that unloads the library sets a SIGPIPE disposition of its own afterwards,
+// because the handler goes away with the code. Resource files are opened without O_CLOEXEC: unless the platform adds
+// it, a child that execs inherits their descriptors.
 //
 // Leaving. A client unregisters both families before the process exits or the library is unloaded: the fault-reporting
 // library must not call into a destroyed subscriber. At exit the subscriber closes what is left and waits for its read
@@ -65,8 +78,9 @@ public:
     // `eventCallback` receives decoded fault events, `deviceCallback` raw device-management events; copies are stored,
     // and stay until the next registration of this family or the end of the subscriber. An empty callable is allowed:
     // its events are logged and dropped.
-    // While the family is running, the call replaces the two callbacks, ignores the list and returns 0. A callback in
-    // flight goes on with the old callable; the old one is destroyed by this call or by the delivery that uses it last.
+    // While the family is running, the call replaces the two callbacks, ignores the list and returns RESULT_OK. A
+    // callback in flight goes on with the old callable; the old one is destroyed by this call or by the delivery that
+    // uses it last.
     // The strings and the list are not used after the call.
     virtual int FmRegisterMidReportEventImpl(
         const std::vector<std::string>& groupOwnerList,
@@ -75,9 +89,9 @@ public:
 
     // Stops the fault family: every read thread of it ends, and the listed files are closed. Waits for the callbacks in
     // flight on the read threads of the listed files. Only the listed files are quiet when it returns: a thread of a
-    // file that is not listed may deliver one record more and keeps its descriptor until the family is started again, a
-    // stop lists it, or the process exits. So list every file that was registered. Also ends the registration with the
-    // fault-reporting library. The callbacks stay stored.
+    // file that is not listed may deliver one record more, and keeps its descriptor until the family is started again
+    // or the process ends; a second unregistration finds the family stopped and does nothing about it. So list every
+    // file that was registered. Also ends the registration with the fault-reporting library. The callbacks stay stored.
     virtual int FmUnregisterReportEventImpl(const std::vector<std::string>& groupOwnerList) = 0;
 
     // Subscribes to the security-event file. Callback storage and repetition as in FmRegisterMidReportEventImpl; the

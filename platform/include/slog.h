@@ -14,6 +14,7 @@ int CheckLogLevel(int module, int level);
 
 // Writes one diagnostic message. Filtering is the caller's: this function writes whatever it is given. The arguments
 // need to live only as long as the call. A trailing line feed in the format is allowed and ends the same one line.
+// Raises no SIGPIPE, whose handler would call it again without end.
 void DlogInner(int module, int level, const char* format, ...) __attribute__((format(printf, 3, 4)));
 
 // Writes one event-log entry, never filtered. The module is 0x1000036: module 54 with the event-log bit (24) set.
