@@ -11,7 +11,6 @@
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
-#include <csignal>
 #include <cstring>
 #include <deque>
 #include <memory>
@@ -21,32 +20,40 @@
 
 #include "fte.h"
 #include "publisher/ReportEventClientImpl.h"
+#include "report_event/ResourceNames.h"
+#include "report_event/ResultCodes.h"
 #include "subscriber/ReportEventServerImpl.h"
 
-// What the classes keep to themselves.
+// The classes with what they keep to themselves.
 namespace ReportEvent {
-struct ServerTestAccess {
-    using Impl = ReportEventServerImpl;
-    static constexpr auto faults = &Impl::faultEvtSrcMap_, securities = &Impl::secEvtSrcMap_;
-    static constexpr auto faultRunning = &Impl::faultEvtRunning_, securityRunning = &Impl::secEvtRunning_;
-    static constexpr auto eventCallback = &Impl::reportEventCb;
-    static constexpr auto deviceCallback = &Impl::reportEventMidCb, securityCallback = &Impl::idsEventReportCb;
+struct ServerTestAccess : ReportEventServerImpl {
+    using ReportEventServerImpl::faultEvtRunning_;
+    using ReportEventServerImpl::faultEvtSrcMap_;
+    using ReportEventServerImpl::idsEventReportCb;
+    using ReportEventServerImpl::reportEventCb;
+    using ReportEventServerImpl::reportEventMidCb;
+    using ReportEventServerImpl::secEvtRunning_;
+    using ReportEventServerImpl::secEvtSrcMap_;
 };
 }  // namespace ReportEvent
 
 namespace ProcMgr {
-struct ClientTestAccess {
-    using Impl = ReportEventClientImpl;
-    static constexpr auto& package = Impl::dataPakg_;
-    static constexpr auto& block = Impl::blockHdl_;
-    static constexpr auto& pool = Impl::poolHandle_;
-    static constexpr auto& status = Impl::serverStatus_;
-    static constexpr auto& currentFile = Impl::iamRtfsFile_;
+struct ClientTestAccess : ReportEventClientImpl {
+    using ReportEventClientImpl::blockHdl_;
+    using ReportEventClientImpl::dataPakg_;
+    using ReportEventClientImpl::iamRtfsFile_;
+    using ReportEventClientImpl::poolHandle_;
+    using ReportEventClientImpl::ServerStatus;
+    using ReportEventClientImpl::serverStatus_;
 };
 }  // namespace ProcMgr
 
 namespace recording {
 
+using namespace ReportEvent;
+using Server = ServerTestAccess;
+using Client = ProcMgr::ClientTestAccess;
+using Names = std::vector<std::string>;
 using Bytes = std::vector<unsigned char>;
 using Hook = std::function<void()>;
 
@@ -79,28 +86,30 @@ private:
     const Stage saved_;
 };
 
-// A lock of the platform's own; as a temporary, one until the end of its statement.
+// Heap use of the calling thread. A test may let the failing-th allocation from now on fail.
+struct HeapUse {
+    int64_t allocations = 0;
+    int64_t live = 0;
+    int64_t failing = 0;
+};
+inline thread_local HeapUse heap;
+
+inline thread_local std::string threadName;            // what a read thread has named itself; empty for any other
+inline thread_local const void* wantedLock = nullptr;  // the lock that this thread takes
+inline thread_local std::string messageDue;            // how a line that CheckLogLevel has let through must begin
+
+// A lock of the platform's own.
 struct Locked : Offstage, std::lock_guard<std::mutex> {
     using std::lock_guard<std::mutex>::lock_guard;
 };
 
-// Heap use of the calling thread. A test may let the failing-th allocation from now on fail.
-struct HeapUse {
-    int64_t allocations = 0, live = 0, failing = 0;
-};
-inline thread_local HeapUse heap;
-
-// The name a read thread has given itself, uncut; empty for any other thread.
-inline thread_local std::string threadName;
-// The lock that this thread takes.
-inline thread_local const void* wantedLock = nullptr;
-// What CheckLogLevel has let through on this thread: its next line must begin so.
-inline thread_local std::string messageDue;
-
 // A thread of the test's own, joined at the latest by its destructor.
-struct Background {
-    explicit Background(Hook body) : thread((Offstage(), std::thread(std::move(body))))
+class Background {
+public:
+    explicit Background(Hook body)
     {
+        const Offstage offstage;
+        thread_ = std::thread(std::move(body));
     }
     ~Background()
     {
@@ -108,13 +117,17 @@ struct Background {
     }
     void Join()
     {
-        thread.joinable() ? (Offstage(), thread.join()) : void();
+        const Offstage offstage;
+        if (thread_.joinable()) {
+            thread_.join();
+        }
     }
-    std::thread thread;
+
+private:
+    std::thread thread_;
 };
 
-constexpr int FIRST_NUMBER = 1000;  // of the simulated descriptors
-constexpr size_t READ_LENGTH = 3960;
+constexpr int FIRST_NUMBER = 1000;                // of the simulated descriptors
 const std::string FOREIGN = "the process's own";  // file
 
 // One for each test. What every test of the library's objects starts from: it watches the rules, and a test finds here
@@ -147,9 +160,12 @@ public:
     // That of the running test; outside of one the library's own instances call from the exit handlers.
     static Platform& Get()
     {
-        static Platform& outside = (Offstage(), *new Platform);
+        const Offstage offstage;
+        static Platform& outside = *new Platform;
         return ofThisTest != nullptr ? *ofThisTest : outside;
     }
+
+    // ---- The journal
 
     void Record(const std::string& operation, const std::string& text)
     {
@@ -158,7 +174,6 @@ public:
             << "let through: '" << messageDue << "', written: " << text;
         messageDue.clear();
         lines.emplace_back(operation, text);
-        changed.notify_all();
     }
 
     // The lines since the last look: those of the listed operations ("open close log"), or all, one after the other.
@@ -183,12 +198,9 @@ public:
         return static_cast<size_t>(std::count_if(lines.begin(), lines.end(), holds));
     }
 
-    void Await(const std::string& part, size_t count = 1)
-    {
-        AwaitCondition(part, [&] { return Count(part) >= count; });
-    }
+    // ---- Waiting
 
-    // On the system clock: the steady one is the library's. Looks again every 5 ms at what changes without notice.
+    // On the system clock: the steady one is the library's.
     void AwaitCondition(const std::string& what, const std::function<bool()>& condition)
     {
         using Clock = std::chrono::system_clock;
@@ -199,18 +211,21 @@ public:
                 ADD_FAILURE() << "waited in vain for " << what << " after " << Journal();
                 return;
             }
-            std::unique_lock<std::mutex> lock(mutex);
-            changed.wait_until(lock, Clock::now() + std::chrono::milliseconds(5));
+            std::this_thread::sleep_for(std::chrono::microseconds(200));
         }
     }
 
-    // A read of each file waits and nothing is queued for it.
-    template <typename... Files>
-    void AwaitBlocked(const Files&... names)
+    void Await(const std::string& part, size_t count = 1)
     {
-        AwaitCondition("blocked reads", [&] {
+        AwaitCondition(part, [&] { return Count(part) >= count; });
+    }
+
+    // A read of the file waits and nothing is queued for it.
+    void AwaitBlocked(const std::string& name)
+    {
+        AwaitCondition("a blocked read", [&] {
             const Locked locked(mutex);
-            return ((blocked.count(names) != 0 && scripts[names].empty()) && ...);
+            return blocked.count(name) != 0 && scripts[name].empty();
         });
     }
 
@@ -220,11 +235,15 @@ public:
         AwaitCondition("the end of threads", [&] { return threads == count; });
     }
 
-    // Scripts the next call of an operation or read of a file, or every call from now on.
+    // ---- Scripts
+
+    // Scripts the next call of an operation or read of a file.
     void Next(const std::string& operation, Hook hook = nullptr, std::optional<int64_t> result = std::nullopt,
               const Bytes& record = {}, int error = 0)
     {
-        Locked{mutex}, scripts[operation].push_back({std::move(hook), result, record, error}), readable.notify_all();
+        const Locked locked(mutex);
+        scripts[operation].push_back({std::move(hook), result, record, error});
+        readable.notify_all();
     }
 
     void Results(const std::string& operation, const std::vector<int64_t>& results)
@@ -244,11 +263,14 @@ public:
         Next(name, std::move(hook), result, {}, error);
     }
 
+    // Scripts every call of an operation from now on that has no script of its own.
     void Always(const std::string& operation, Hook hook, std::optional<int64_t> result = std::nullopt)
     {
-        Locked{mutex}, always[operation] = {std::move(hook), result, {}, 0};
+        const Locked locked(mutex);
+        always[operation] = {std::move(hook), result, {}, 0};
     }
 
+    // Plays what is scripted for a call of the operation.
     std::optional<int64_t> Scripted(const std::string& operation)
     {
         Script script;
@@ -266,10 +288,13 @@ public:
         return script.result;
     }
 
+    // ---- Files
+
     // Opens of the file fail, or succeed again.
     void SetAbsent(const std::string& name, bool isAbsent = true)
     {
-        Locked{mutex}, absent[name] = isAbsent;
+        const Locked locked(mutex);
+        absent[name] = isAbsent;
     }
 
     // Opens a file: for the library, or FOREIGN for the process itself.
@@ -281,7 +306,7 @@ public:
             ++number;
         }
         if (number >= 0) {
-            descriptors[number].reset(new OpenFile{name});
+            descriptors[number] = std::make_shared<OpenFile>(OpenFile{name});
         }
         return number;
     }
@@ -291,7 +316,6 @@ public:
 
     static inline Platform* ofThisTest = nullptr;
     std::mutex mutex;
-    std::condition_variable changed;                         // for the test
     std::condition_variable readable;                        // for reads; no signal handler notifies it
     std::vector<std::pair<std::string, std::string>> lines;  // operation and text
     std::map<std::string, std::deque<Script>> scripts;
@@ -304,48 +328,39 @@ public:
     std::atomic<int64_t> nanoseconds{0};
 
     // What was handed over last, kept beyond the call.
-    std::string written;
     FTEReportInfo faultReport = {};
     std::function<int(const unsigned char*, unsigned int)> faultCallback;
-    std::map<uint64_t, std::vector<std::string>> enqueued;
     // The decoder, which the test supplies.
     std::function<int(const unsigned char*, unsigned int, FTEInfo*, UDSInfo*)> deserialize;
 };
 
 // Holds a thread until the test opens it.
-struct Gate {
-    static void Await(const std::atomic<bool>& flag)
-    {
-        Platform::ofThisTest->AwaitCondition("a gate", [&] { return flag.load(); });
-    }
+class Gate {
+public:
     void Hold()
     {
-        arrived = true, Await(open);
+        arrived_ = true;
+        Platform::Get().AwaitCondition("a gate", [&] { return open_.load(); });
     }
     void AwaitArrival()
     {
-        Await(arrived);
+        Platform::Get().AwaitCondition("an arrival at a gate", [&] { return arrived_.load(); });
     }
     void Open()
     {
-        open = true;
+        open_ = true;
     }
-    std::atomic<bool> arrived{false}, open{false};
+
+private:
+    std::atomic<bool> arrived_{false};
+    std::atomic<bool> open_{false};
 };
 
-using ReportEvent::FAULT_EVENT;
-using ReportEvent::SECURITY_EVENT;
-using Server = ReportEvent::ReportEventServerImpl;
-using Names = std::vector<std::string>;
-
-const std::string PM = "dp:/res/pm/fm";
-const std::string SEA = "sea:/res/pm/fm";
-const std::string SEC = "dp:/res/iam/sec_event";
+const std::string PM = PM_FAULT_RESOURCE;
+const std::string SEA = SEA_PM_FAULT_RESOURCE;
+const std::string SEC = SECURITY_RESOURCE;
 const std::string ONE = "a:/res/one";
 const std::string TWO = "b:/res/two";
-
-constexpr int BAD_NAME = 0xf10206;
-constexpr int OPEN_FAILED = 0xf10005;
 
 // A raw record whose event bears `name`; by default the event log stays silent about it.
 inline Bytes Raw(unsigned char header, const std::string& name, unsigned char forceLog = 0, unsigned char assertion = 1)
@@ -359,7 +374,7 @@ inline Bytes Raw(unsigned char header, const std::string& name, unsigned char fo
 }
 
 // The lines that the subscriber's journal is made of.
-inline std::string Opened(const std::string& name, int fd = 1000)
+inline std::string Opened(const std::string& name, int fd = FIRST_NUMBER)
 {
     return Text("open(", name, ", 2) = ", fd, " | log 2 Open file success. resFile=", name, ", fd=", fd);
 }
@@ -376,19 +391,20 @@ inline std::string GaveUp(const std::string& name, int error)
                 " failed, ret=-1 errno=", error);
 }
 
-inline std::string Joined(const std::string& name, const char* by = "JoinReadThread")
+// The join of a read thread, which writes `meanwhile` before it ends.
+inline std::string Joined(const std::string& name, const std::string& by, const std::string& meanwhile = "")
 {
-    return Text("join | log 16 ", by, ": join thead of resfile=", name, " success");
+    return Text("join", meanwhile, " | log 16 ", by, ": join thead of resfile=", name, " success");
 }
 
 // One subscriber on a fresh platform, with callbacks that write what they get into the journal.
-class LibraryTest : public testing::Test, public Platform, public ReportEvent::ServerTestAccess {
+class LibraryTest : public testing::Test, public Platform {
 protected:
     LibraryTest()
     {
         ofThisTest = this;
-        Of(deviceCallback) = Teller("device");
-        Of(securityCallback) = Teller("security");
+        server_->reportEventMidCb = Teller("device");
+        server_->idsEventReportCb = Teller("security");
     }
 
     // Runs `body` in a process of its own, which then exits, and expects its journal of that.
@@ -400,16 +416,12 @@ protected:
         const auto run = [&] {
             std::atexit([] { std::fprintf(stderr, "%s", Get().Journal(operations).c_str()); });
             body();
-            testing::Test::HasFailure() ? std::_Exit(1) : std::exit(0);
+            if (testing::Test::HasFailure()) {
+                std::_Exit(1);
+            }
+            std::exit(0);
         };
         EXPECT_EXIT(run(), testing::ExitedWithCode(0), testing::Eq(journal));
-    }
-
-    // A data member of the subscriber.
-    template <typename Type>
-    Type& Of(Type Server::*member)
-    {
-        return (*server_).*member;
     }
 
     // A callback that writes "<who> <event name>" into the journal.

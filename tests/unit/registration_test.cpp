@@ -10,8 +10,10 @@ namespace recording {
 
 // A callable for any kind of event that tells when it is copied, called and, its last copy, destroyed.
 struct Callable {
-    Hook copying, calling;
+    Hook copying;
+    Hook calling;
     std::shared_ptr<void> held;
+
     Callable(Hook onCopy, Hook onCall, Hook onEnd)
         : copying(std::move(onCopy)), calling(std::move(onCall)), held(nullptr, [onEnd](void*) { onEnd(); })
     {
@@ -38,55 +40,45 @@ protected:
 
 TEST_F(Registration, TheFirstOneInstallsTheSigpipeHandlerForTheLifeOfTheProcess)
 {
-    const std::string installed = "sigaction(flags 0, no mask, null)", opened = " | open(" + SEC + ", 2) = 1000";
-    const std::string fte = " | FTERegisterCallback", unregistered = " | FTEUnregisterCallback";
-    ExpectAtExit("sigaction open fte", installed + fte + unregistered + fte + opened + opened, [&] {
-        Register({});
-        server_->FmUnregisterReportEventImpl({});
-        Background([&] { Register({}); }).Join();
-        server_->RegIDSEventReportHandlerImpl(nullptr);
-        server_ = std::make_unique<Server>();
-        server_->RegIDSEventReportHandlerImpl(nullptr);
-        raise(SIGPIPE);
-        server_.reset();
-        EXPECT_EQ(1u, Count("log 16 server catch signal=13"));
-    });
-    ExpectAtExit("sigaction open fte", installed + opened + fte, [&] {
-        Results("sigaction", {-1});  // goes unnoticed
-        server_->RegIDSEventReportHandlerImpl(nullptr);
-        server_->UnregIDSEventReportHandlerImpl();
-        Register({});
-    });
-}
-
-TEST_F(Registration, TheInstanceOfTheProcessEndsWithIt)
-{
-    const std::string end = "log 16 ~ReportEventServerImpl... | close(1000) | " + Joined(SEC) + " | flush";
-    ExpectAtExit("open log close join flush", end, [&] {
-        ReportEventServer& instance = ReportEventServer::GetInstance();
-        EXPECT_EQ(&instance, &ReportEventServer::GetInstance());
-        instance.RegIDSEventReportHandlerImpl(nullptr);
-        AwaitBlocked(SEC);
-        Journal();
-    });
+    const auto disposition = [] {
+        struct sigaction installed = {};
+        sigaction(SIGPIPE, nullptr, &installed);
+        return installed;
+    };
+    const Hook registrations[] = {[&] { Register({}); }, [&] { server_->RegIDSEventReportHandlerImpl(nullptr); }};
+    for (const Hook& first : registrations) {
+        ExpectAtExit("none", "", [&] {
+            first();
+            Journal();
+            raise(SIGPIPE);
+            EXPECT_EQ("log 16 server catch signal=13", Journal("log"));
+            const auto installed = disposition();
+            EXPECT_EQ(0, installed.sa_flags & (SA_RESTART | SA_RESETHAND | SA_SIGINFO));
+            EXPECT_NE(0, sigisemptyset(&installed.sa_mask));
+            signal(SIGPIPE, SIG_IGN);
+            for (const Hook& later : registrations) {
+                server_ = std::make_unique<Server>();
+                later();
+            }
+            EXPECT_EQ(SIG_IGN, disposition().sa_handler);
+        });
+    }
 }
 
 TEST_F(Registration, CallbacksAreStoredFirstAndTheFaultLibraryComesLastWhateverTheOutcome)
 {
-    Of(deviceCallback) = Of(securityCallback) = nullptr;
-    Next("open", [&] { EXPECT_TRUE(Of(eventCallback) && Of(deviceCallback) && !Of(securityCallback)); });
-    EXPECT_EQ(0, Register({PM}));
+    server_->reportEventMidCb = nullptr;
+    Next("open", [&] { EXPECT_TRUE(server_->reportEventCb && server_->reportEventMidCb); });
+    EXPECT_EQ(RESULT_OK, Register({PM}));
     EXPECT_EQ(Opened(PM) + " | FTERegisterCallback", Journal("open log fte"));
-    AwaitBlocked(PM);
-    Journal();
     Results("fte", {-1, 0x2F});
-    EXPECT_EQ(0, Register({"bad", ONE}, "second")) << "running: only the callbacks are replaced";
+    EXPECT_EQ(RESULT_OK, Register({"bad", ONE}, "second")) << "running: only the callbacks are replaced";
     Deliver(PM, Raw(0x01, "alpha"));
     AwaitBlocked(PM);
-    EXPECT_EQ(BAD_NAME, server_->FmUnregisterReportEventImpl({"bad", PM}));
-    EXPECT_TRUE(Of(eventCallback) && Of(deviceCallback));
-    EXPECT_EQ(0, server_->FmUnregisterReportEventImpl({"bad"}));
-    EXPECT_EQ(BAD_NAME, Register({"bad"}));
+    EXPECT_EQ(RESULT_BAD_NAME, server_->FmUnregisterReportEventImpl({"bad", PM}));
+    EXPECT_TRUE(server_->reportEventCb && server_->reportEventMidCb);
+    EXPECT_EQ(RESULT_OK, server_->FmUnregisterReportEventImpl({"bad"}));
+    EXPECT_EQ(RESULT_BAD_NAME, Register({"bad"}));
     EXPECT_EQ(
         "FTERegisterCallback | log 3 FTERegister pm fault report Callback failed, ret=0xFFFFFFFF | second alpha | "
         "log 3 Illegal fileName=bad, cannot find resfile in faultEvtSrcMap_ | "
@@ -101,12 +93,12 @@ TEST_F(Registration, CallbacksAreStoredFirstAndTheFaultLibraryComesLastWhateverT
 
 TEST_F(Registration, TheSecurityFamilyHasOneFileAndNothingToDoWithTheFaultLibrary)
 {
-    Of(securityCallback) = nullptr;
-    EXPECT_EQ(0, server_->UnregIDSEventReportHandlerImpl());
-    SetAbsent(SEC, true);
-    Next("open", [&] { EXPECT_TRUE(Of(securityCallback)); });
-    EXPECT_EQ(OPEN_FAILED, server_->RegIDSEventReportHandlerImpl(Teller("ids")));
-    EXPECT_EQ(BAD_NAME, server_->UnregIDSEventReportHandlerImpl());
+    server_->idsEventReportCb = nullptr;
+    EXPECT_EQ(RESULT_OK, server_->UnregIDSEventReportHandlerImpl());
+    SetAbsent(SEC);
+    Next("open", [&] { EXPECT_TRUE(server_->idsEventReportCb); });
+    EXPECT_EQ(RESULT_OPEN_FAILED, server_->RegIDSEventReportHandlerImpl(Teller("ids")));
+    EXPECT_EQ(RESULT_BAD_NAME, server_->UnregIDSEventReportHandlerImpl());
     EXPECT_EQ(
         "open(dp:/res/iam/sec_event, 2) = -1 | "
         "log 3 Open file failed. resFile=dp:/res/iam/sec_event fd=-1 | "
@@ -116,41 +108,40 @@ TEST_F(Registration, TheSecurityFamilyHasOneFileAndNothingToDoWithTheFaultLibrar
         Journal("open log fte"));
     SetAbsent(SEC, false);
     for (const char* who : {"first", "second"}) {
-        EXPECT_EQ(0, server_->RegIDSEventReportHandlerImpl(Teller(who)));
+        EXPECT_EQ(RESULT_OK, server_->RegIDSEventReportHandlerImpl(Teller(who)));
         Deliver(SEC, Raw(0x11, "login"));
         Await(Text(who, " login"));
     }
-    EXPECT_EQ(0, server_->UnregIDSEventReportHandlerImpl());
-    EXPECT_TRUE(Of(securityCallback) && !Of(eventCallback));
+    EXPECT_EQ(RESULT_OK, server_->UnregIDSEventReportHandlerImpl());
+    EXPECT_TRUE(server_->idsEventReportCb);
+    EXPECT_FALSE(server_->reportEventCb);
     EXPECT_EQ("", Journal("fte"));
 }
 
 // A cancellation waits until the operation is over, and the thread's own setting stays as it was.
 TEST_F(Registration, NoOperationIsCancelledInTheMiddle)
 {
-    const auto cancelState = [] {
-        int state = 0;
-        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
-        pthread_setcancelstate(state, nullptr);
-        return state;
+    const auto expectState = [](int expected) {
+        int state = -1;
+        pthread_setcancelstate(expected, &state);
+        EXPECT_EQ(expected, state);
     };
-    ProcMgr::ReportEventClientImpl publisher;
-    for (const char* call : {"open", "close", "join", "fte", "iam"}) {
-        Always(call, [&] { EXPECT_EQ(PTHREAD_CANCEL_DISABLE, cancelState()); });
+    Client publisher;
+    const Hook operations[] = {[&] { Register({PM}); }, [&] { server_->FmUnregisterReportEventImpl({PM}); },
+                               [&] { server_->RegIDSEventReportHandlerImpl(nullptr); },
+                               [&] { server_->UnregIDSEventReportHandlerImpl(); },
+                               [&] { publisher.RegisterResService(PM); }};
+    for (const char* call : {"open", "close", "fte", "iam"}) {
+        Always(call, [&] { expectState(PTHREAD_CANCEL_DISABLE); });
     }
-    for (const int before : {PTHREAD_CANCEL_ENABLE, PTHREAD_CANCEL_DISABLE}) {
+    for (const int before : {PTHREAD_CANCEL_DISABLE, PTHREAD_CANCEL_ENABLE}) {
         pthread_setcancelstate(before, nullptr);
-        const Hook operations[] = {[&] { Register({PM}); }, [&] { server_->FmUnregisterReportEventImpl({PM}); },
-                                   [&] { server_->RegIDSEventReportHandlerImpl(nullptr); },
-                                   [&] { server_->UnregIDSEventReportHandlerImpl(); },
-                                   [&] { publisher.RegisterResService(PM); }};
         for (const Hook& operation : operations) {
             operation();
-            EXPECT_EQ(before, cancelState());
+            expectState(before);
         }
     }
-    pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
-    Always("iam", nullptr);
+    Always("iam", nullptr);  // called once more at the publisher's end
 }
 
 TEST_F(Registration, FaultsFromTheFaultLibraryTakeTheSameRoad)
@@ -171,69 +162,65 @@ TEST_F(Registration, FaultsFromTheFaultLibraryTakeTheSameRoad)
               Journal("log prctl deliver"));
 }
 
-// The read thread and the thread of the fault library run the old callable while it is replaced, which waits for the
-// copy that the latter makes. It dies with the last delivery, or else with the replacement, outside every lock: client
-// code in its destructor receives and registers, as do callables themselves.
-TEST_F(Registration, ACallbackIsReplacedWhileTwoThreadsDeliver)
+// The replacement waits for a copy that is being made for a delivery, not for the call. The old callable dies with its
+// last delivery, or else with the replacement, outside every lock: a callable and its destructor, which is client code
+// too, may receive and register.
+TEST_F(Registration, ACallbackIsReplacedWhileItRuns)
 {
     const auto use = [&](unsigned char header, const Callable& client) {
-        EXPECT_EQ(0, header == 0x11   ? server_->RegIDSEventReportHandlerImpl(client)
-                     : header == 0x01 ? server_->FmRegisterMidReportEventImpl({PM}, nullptr, client)
-                                      : server_->FmRegisterMidReportEventImpl({PM}, client, nullptr));
+        if (header == 0x11) {
+            server_->RegIDSEventReportHandlerImpl(client);
+        } else if (header == 0x01) {
+            server_->FmRegisterMidReportEventImpl({}, nullptr, client);
+        } else {
+            server_->FmRegisterMidReportEventImpl({}, client, nullptr);
+        }
     };
     const Hook nothing = [] {};
     const Callable silent(nothing, nothing, nothing);
+    const Callable next(
+        nothing, [&] { Record("deliver", "new"); }, nothing);
     deserialize = [](auto...) { return 0; };
     for (const unsigned char header : {0x00, 0x01, 0x11}) {
         SCOPED_TRACE(+header);
         const unsigned char other = header == 0x11 ? 0x01 : 0x11;
         const Bytes record = Raw(header, "");
-        Gate reading, reporting;
-        std::atomic<bool> armed{false}, replaced{false};
+        std::atomic<bool> isDelivering{false};
         std::unique_ptr<Background> replacing;
         int farewells = 0;
-        const Callable next(
-            nothing, [&] { Record("deliver", "new"); }, nothing);
-        const Hook replace = [&] { use(header, next), replaced = true; };
+        Gate calling;
         const Hook copy = [&] {
-            if (!armed.exchange(false)) {
-                return;
+            if (isDelivering.exchange(false)) {
+                replacing = std::make_unique<Background>([&] { use(header, next); });
+                Await("lock wait");
             }
-            replacing = std::make_unique<Background>(replace);
-            AwaitCondition("the lock", [&] { return replaced || Count("lock wait") > 0; });
-            EXPECT_FALSE(replaced);
         };
         const Hook call = [&] {
             Record("deliver", "old");
-            threadName.empty() ? reporting.Hold() : (use(other, silent), reading.Hold());
+            use(other, silent);
+            calling.Hold();
         };
         const Hook farewell = [&] {
             ++farewells;
-            EXPECT_TRUE(server_->DeSerializeDataAndCallback(record.data(), 362));
             use(other, silent);
+            EXPECT_TRUE(server_->DeSerializeDataAndCallback(record.data(), 362));
         };
-        use(0x00, silent);  // the family runs
         use(header, Callable(copy, call, farewell));
-        Deliver(PM, record);
-        reading.AwaitArrival();
-        Deliver(PM, record);
         Journal();
-        armed = true;
-        Background reporter([&] { EXPECT_EQ(0, faultCallback(record.data(), 362)); });
-        reporting.AwaitArrival();
-        ASSERT_NE(nullptr, replacing);
+        isDelivering = true;
+        Background delivery([&] { EXPECT_EQ(0, faultCallback(record.data(), 362)); });
+        calling.AwaitArrival();
         replacing->Join();
-        reading.Open();
-        AwaitBlocked(PM);
         EXPECT_EQ(0, farewells);
-        reporting.Open();
-        reporter.Join();
-        EXPECT_EQ("old | new | new", Journal("deliver"));
+        calling.Open();
+        delivery.Join();
+        EXPECT_EQ("old | new", Journal("deliver"));
         EXPECT_EQ(1, farewells);
         use(header, Callable(nothing, nothing, farewell));
         use(header, silent);
         EXPECT_EQ(2, farewells);
     }
+    server_->UnregIDSEventReportHandlerImpl();
 }
 
 }  // namespace recording
