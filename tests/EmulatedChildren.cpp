@@ -1,5 +1,5 @@
-// Part of GoogleTest in a cross build. An emulated process cannot start a program of its own machine: before every
-// program that a test names by a path go the emulator's words. A bare name ("sh") is a program of this machine.
+// Part of GoogleTest in a cross build. An emulated process cannot start a program of its own machine: what a test names
+// by a path is started by a shell that puts the emulator before it. A bare name ("sh") is a program of this machine.
 //
 // execv is called in a copy of a process that may have had threads: nothing here allocates.
 #include <spawn.h>
@@ -10,44 +10,30 @@
 
 namespace {
 
-struct Emulator {
-    std::array<char, 256> text{TEST_EMULATOR};
-    std::array<char, 4096> self{};
-    std::array<char*, 8> words{};
-    size_t count = 0;
+struct Command {
+    std::array<char, 4096> program{};
+    std::array<char*, 64> words{};
 
-    Emulator()
+    Command(const char* name, char* const* arguments)
     {
-        for (char* word = strtok(text.data(), " "); word != nullptr; word = strtok(nullptr, " ")) {
-            words.at(count++) = word;
+        static char shell[] = "/bin/sh";
+        static char option[] = "-c";
+        static char script[] = "exec " TEST_EMULATOR " \"$0\" \"$@\"";
+        size_t count = 0;
+        if (std::strchr(name, '/') != nullptr) {
+            std::strncpy(program.data(), name, program.size() - 1);
+            if (std::strcmp(name, "/proc/self/exe") == 0) {  // leads to the emulator for everyone but this program
+                readlink(name, program.data(), program.size() - 1);
+            }
+            words = {shell, option, script, program.data()};
+            count = 4;
+            ++arguments;
         }
-        if (readlink("/proc/self/exe", self.data(), self.size() - 1) < 0) {
-            self[0] = '\0';
+        for (; *arguments != nullptr; ++arguments) {
+            words.at(count++) = *arguments;
         }
     }
 };
-Emulator emulator;
-
-using Arguments = std::array<char*, 64>;
-
-Arguments Emulated(const char* program, char* const* arguments)
-{
-    Arguments result{};
-    size_t count = 0;
-    if (std::strchr(program, '/') != nullptr) {
-        for (; count < emulator.count; ++count) {
-            result[count] = emulator.words[count];
-        }
-        // The link leads to the emulator for everyone but the emulated program.
-        const bool itself = std::strcmp(program, "/proc/self/exe") == 0;
-        result[count++] = itself ? emulator.self.data() : const_cast<char*>(program);
-        ++arguments;
-    }
-    for (; *arguments != nullptr; ++arguments) {
-        result.at(count++) = *arguments;
-    }
-    return result;
-}
 
 }  // namespace
 
@@ -59,8 +45,8 @@ int __real_posix_spawnp(pid_t* pid, const char* program, const posix_spawn_file_
 int __wrap_posix_spawnp(pid_t* pid, const char* program, const posix_spawn_file_actions_t* actions,
                         const posix_spawnattr_t* attributes, char* const* arguments, char* const* environment)
 {
-    const Arguments emulated = Emulated(program, arguments);
-    return __real_posix_spawnp(pid, emulated[0], actions, attributes, emulated.data(), environment);
+    const Command command(program, arguments);
+    return __real_posix_spawnp(pid, command.words[0], actions, attributes, command.words.data(), environment);
 }
 
 int __wrap_posix_spawn(pid_t* pid, const char* program, const posix_spawn_file_actions_t* actions,
@@ -71,8 +57,8 @@ int __wrap_posix_spawn(pid_t* pid, const char* program, const posix_spawn_file_a
 
 int __wrap_execv(const char* program, char* const* arguments)
 {
-    const Arguments emulated = Emulated(program, arguments);
-    return execvp(emulated[0], emulated.data());
+    const Command command(program, arguments);
+    return execvp(command.words[0], command.words.data());
 }
 
 }  // extern "C"

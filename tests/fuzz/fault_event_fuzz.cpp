@@ -8,8 +8,8 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    FTEInfo info{};
-    UDSInfo uds{};
+    FTEInfo info = {};
+    UDSInfo uds = {};
     const int code = FTEDeSerialize(data, static_cast<unsigned int>(size), &info, &uds);
     const std::unique_ptr<DidInfo[]> owner(uds.didInfo);
     if (code != 0) {
