@@ -89,6 +89,16 @@ TEST_F(ReadLoop, EveryFailureIsClassedByItsErrno)
     }
 }
 
+TEST_F(ReadLoop, AReconnectionWithoutAnEntryMakesOne)
+{
+    server_->secEvtRunning_ = true;
+    int fd = TakeNumber(SEC);
+    EXPECT_TRUE(server_->TryReconnectServer(fd, SEC, SECURITY_EVENT));
+    EXPECT_EQ(fd, server_->secEvtSrcMap_.at(SEC).fd);
+    EXPECT_EQ("close(1000) | open(" + SEC + ", 0) = 1000", Journal("open close"));
+    Stop(SECURITY_FILE);
+}
+
 TEST_F(ReadLoop, TheFlagEndsTheThreadWithoutAWord)
 {
     const auto scenario = [&](const File& file, const std::string& journal) {
