@@ -4,9 +4,9 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <csignal>
 #include <filesystem>
-#include <future>
 #include <iterator>
 #include <memory>
 
@@ -36,15 +36,10 @@ void SubscribeOnce(void* library, const std::shared_ptr<int>& held)
 {
     auto& subscriber = Instance<ReportEventServer>(library, "_ZN17ReportEventServer11GetInstanceEv");
     Instance<ReportEventClient>(library, "_ZN17ReportEventClient11GetInstanceEv");
-    std::promise<void> arrived;
-    bool first = true;
-    const auto callback = [held, &arrived, &first](const auto&...) {
-        if (std::exchange(first, false)) {
-            arrived.set_value();
-        }
-    };
+    std::atomic<int> arrived{0};
+    const auto callback = [held, &arrived](const auto&...) { ++arrived; };
     ASSERT_EQ(subscriber.FmRegisterMidReportEventImpl({RESOURCE}, callback, callback), 0);
-    EXPECT_EQ(arrived.get_future().wait_for(system_test::PATIENCE), std::future_status::ready);
+    EXPECT_TRUE(system_test::Await([&] { return arrived > 0; }));
     EXPECT_EQ(subscriber.FmUnregisterReportEventImpl({RESOURCE}), 0);
 }
 

@@ -182,7 +182,7 @@ TEST_F(Publisher, ReadersComeAndGoBetweenRecordsNeverDuringOne)
 // notification takes the lock and logs: the level table must still be there.
 TEST_F(Publisher, AReaderMayCloseWhileAndAfterThePublisherEnds)
 {
-    ExpectAtExit("", "destroy(pool) | syslog 4 MyClose is called, A", [&] {
+    ExpectAtExit("destroy(pool) | syslog 4 MyClose is called, A", [&] {
         static IAMRTFSMgrFile reader = reader_;
         ReportEventClient::GetInstance().RegisterResService(PM);
         Client::MyOpen(&reader);

@@ -122,9 +122,6 @@ TEST_F(ReadLoop, TheFlagEndsTheThreadWithoutAWord)
         Deliver(file.name, file.Record("last"), clear);  // during one that succeeds: its record is delivered
         scenario(file, " | read(1000) = 362 | " + file.Told("last"));
     }
-    Fail(ONE, EPIPE, [&] { SetAbsent(ONE); });  // in the pause of a reconnection: not one attempt more
-    Next("sleep", clear);
-    scenario({ONE}, " | read(1000) = -1 | close(1000) | open(" + ONE + ", 0) = -1" + GaveUp(ONE, EPIPE));
 }
 
 TEST_F(ReadLoop, TheBufferIsZeroBeforeEveryRecordAlsoAfterOneThatFailed)
