@@ -15,7 +15,7 @@
 #include "platform/host/iam/HostService.h"
 #include "report_event/EventRecord.h"
 #include "report_event/ReportEventClient.h"
-#include "tests/system/soak/Board.h"
+#include "tests/soak/Board.h"
 
 namespace soak {
 namespace {

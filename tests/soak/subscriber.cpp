@@ -14,7 +14,7 @@
 
 #include "iam.h"
 #include "report_event/ReportEventServer.h"
-#include "tests/system/soak/Board.h"
+#include "tests/soak/Board.h"
 
 namespace soak {
 namespace {

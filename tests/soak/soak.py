@@ -24,7 +24,7 @@ import sys
 import tempfile
 import time
 
-# As in tests/system/soak/Board.h.
+# As in Board.h.
 RESOURCES = ["x:/res/soak", "dp:/res/pm/fm", "dp:/res/iam/sec_event"]
 LANES = 2
 ACCEPTED, NO_BLOCK, NOT_ENQUEUED, OTHER_CODE, SLOWEST, HISTOGRAM, BUCKETS = 0, 2, 3, 4, 5, 16, 240

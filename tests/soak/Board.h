@@ -1,7 +1,7 @@
 // What the processes of the soak tell its runner: words in memory that both map, so that a kill takes nothing away, and
-// the stamp that every record carries. scripts/soak.py knows the same layout.
-#ifndef REPORT_EVENT_TESTS_SYSTEM_SOAK_BOARD_H
-#define REPORT_EVENT_TESTS_SYSTEM_SOAK_BOARD_H
+// the stamp that every record carries. soak.py knows the same layout.
+#ifndef REPORT_EVENT_TESTS_SOAK_BOARD_H
+#define REPORT_EVENT_TESTS_SOAK_BOARD_H
 
 #include <dlfcn.h>
 #include <sys/mman.h>
@@ -96,4 +96,4 @@ inline bool Unseal(unsigned char* body, size_t size, size_t offset, Stamp& stamp
 
 }  // namespace soak
 
-#endif  // REPORT_EVENT_TESTS_SYSTEM_SOAK_BOARD_H
+#endif  // REPORT_EVENT_TESTS_SOAK_BOARD_H
