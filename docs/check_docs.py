@@ -13,7 +13,8 @@ Markers stand on the line before a block:
   <!-- run -->                             the block is run as one shell script and must succeed
   <!-- run together until: TEXT -->        its commands are started one after the other, each as soon as the one before
                                            serves; they must write TEXT, and then end on SIGINT
-  <!-- run by PATH -->                     each command stands in that file (its words in this order, on one line)
+  <!-- run by PATH -->                     each command stands in that file (its words in this order, on one line); that
+                                           scripts/check stands there is enough for every step of it
 """
 import argparse
 import functools
@@ -106,7 +107,7 @@ def check_code(block):
         return
     expected = shown_by(block.marker, block.where)
     if expected is not None and expected != block.text:
-        report(block.where, f"differs from {block.marker} (scripts/check-docs --update copies it)")
+        report(block.where, f"differs from {block.marker} (scripts/docs --update copies it)")
 
 
 def update():
@@ -131,8 +132,14 @@ def commands_of(text):
     return [command for command in commands if command]
 
 
-def stands_in(words, text):
-    for line in text.splitlines():
+def runs(path, words):
+    """Whether the file runs the command. scripts/check alone runs every step of it."""
+    if words[0] == "scripts/check":
+        steps = re.search(r"^ALL_STEPS=\((.*)\)$", read("scripts/check"), flags=re.M)[1].split()
+        if not set(words[1:]) <= set(steps):
+            return False
+        words = words[:1]
+    for line in read(path).splitlines():
         rest = iter(line.replace('"', " ").split())
         if all(word in rest for word in words):
             return True
@@ -148,7 +155,7 @@ def check_commands(block):
             report(block.where, f"there is no file {path}")
             return
         for command in commands_of(block.text):
-            if not stands_in(command, read(path)):
+            if not runs(path, command):
                 report(block.where, f"{path} does not run '{shlex.join(command)}'")
     elif block.marker != "run" and not block.marker.startswith("run together until: "):
         report(block.where, f"unknown marker '{block.marker}'")
@@ -387,7 +394,7 @@ def check():
 
 
 def main():
-    parser = argparse.ArgumentParser(prog="check-docs", description=__doc__.splitlines()[0].partition(" Usage")[0])
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0].partition(" Usage")[0])
     mode = parser.add_mutually_exclusive_group()
     mode.add_argument("--update", action="store_true", help="copy the regions of the sources into the pages")
     mode.add_argument("--run", metavar="BUILD_DIRECTORY", type=pathlib.Path, help="run the commands on this build")

@@ -2,7 +2,7 @@
 # Builds the library alone, as for a device, and judges what it asks of a process and what it offers: for this machine
 # and for AArch64, with the platform left undefined and with an SDK's libraries.
 # shellcheck source-path=SCRIPTDIR
-source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
+source "$(dirname "${BASH_SOURCE[0]}")/../../scripts/lib.sh"
 
 # make_sdk COMPILER DIRECTORY: libraries under an SDK's names that hold what platform/include declares, and nothing more.
 make_sdk() {
@@ -28,6 +28,6 @@ check_device() {
   tests/package/check_library.sh device "$build-sdk/libreport_event.so" libiam.so libslog.so libc_sec.so
 }
 
-install_missing "${BUILD_PACKAGES[@]}" "${CROSS_PACKAGES[@]}"
+need build cross
 check_device device c++
 check_device aarch64-device aarch64-linux-gnu-g++

@@ -2,9 +2,9 @@
 # Makes the Debian packages and tries them in a fresh root: they install, the monitor receives what the publisher sends,
 # and removed they leave nothing behind.
 # shellcheck source-path=SCRIPTDIR
-source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
+source "$(dirname "${BASH_SOURCE[0]}")/../../scripts/lib.sh"
 
-install_missing "${BUILD_PACKAGES[@]}" dpkg-dev file procps
+need build packages
 configure package
 build build/package
 work=$(mktemp -d)
