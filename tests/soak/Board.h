@@ -1,5 +1,5 @@
-// What the processes of the soak tell its runner: words in memory that both map, so that a kill takes nothing away, and
-// the stamp that every record carries. soak.py knows the same layout.
+// What the processes of the soak share: the stamp that every record carries, and the boards in memory that the runner
+// maps too, so that a kill takes nothing away. facts.cpp tells the runner how the boards are laid out.
 #ifndef REPORT_EVENT_TESTS_SOAK_BOARD_H
 #define REPORT_EVENT_TESTS_SOAK_BOARD_H
 
@@ -12,45 +12,78 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <iterator>
+#include <functional>
+#include <string>
+#include <string_view>
+
+#include "report_event/ResourceNames.h"
 
 namespace soak {
 
 using Word = std::atomic<uint64_t>;  // lock-free, so the runner may read it at any time
-static_assert(Word::is_always_lock_free && sizeof(Word) == 8, "shared with the runner");
+static_assert(Word::is_always_lock_free && sizeof(Word) == sizeof(uint64_t), "shared with the runner");
 
-constexpr int LANES = 2;  // publishing threads; the sequence numbers of a lane count what was accepted from it
-constexpr const char* RESOURCES[] = {"x:/res/soak", "dp:/res/pm/fm", "dp:/res/iam/sec_event"};
-constexpr uint32_t SECURITY = 2;  // of RESOURCES
-constexpr uint32_t RAW_EVENT_ID = 0x50AC;
+enum Resource : uint32_t { ORDINARY, PROCESS_MANAGER, SECURITY, RESOURCE_COUNT };
+constexpr const char* RESOURCE_NAMES[RESOURCE_COUNT] = {"x:/res/soak", ReportEvent::PM_FAULT_RESOURCE,
+                                                        ReportEvent::SECURITY_RESOURCE};
 
-// A publisher's: counters, then a histogram of the time of each call, then when each accepted call began and ended.
-enum PublisherWord { ACCEPTED = 0, NO_BLOCK = 2, NOT_ENQUEUED, OTHER_CODE, SLOWEST, HISTOGRAM = 16, TIMES = 256 };
-constexpr size_t BUCKETS = 240;                 // four to each power of two of nanoseconds
+constexpr size_t LANES = 2;                     // publishing threads; the numbers of a lane count what was accepted
 constexpr size_t TIMES_KEPT = size_t{1} << 18;  // of each lane; older ones are overwritten
-constexpr size_t PUBLISHER_WORDS = TIMES + LANES * 2 * TIMES_KEPT;
+constexpr size_t CONNECTIONS_KEPT = size_t{1} << 17;
+constexpr int THREW = -1;  // instead of a result: no memory for a thread
+constexpr uint64_t SLOW_PUBLISH = 50'000'000;
 
-// A subscriber's: counters, then an entry for each attempt to open a resource and what came over it.
-enum SubscriberWord { OPENS = 0, LOSSES, ALTERED, ENTRIES = 16 };
-enum EntryWord { RESOURCE, BEGUN, ENDED, FD, REOPENED, RUN, FIRST, NEXT = 8, GAPS = 10, EXPECTED, SEEN, ERROR, WAITED };
-constexpr size_t ENTRY_WORDS = 16;
-constexpr size_t ENTRIES_KEPT = size_t{1} << 15;
-constexpr size_t SUBSCRIBER_WORDS = ENTRIES + ENTRIES_KEPT * ENTRY_WORDS;
+// Times are in nanoseconds, on the clock that all processes share.
+struct PublisherBoard {
+    Word poolBlocks;
+    Word accepted[LANES];
+    Word calls;
+    Word slowCalls;                    // of more than SLOW_PUBLISH
+    Word slowest[LANES];               // the time of the longest call
+    Word noBlock;                      // calls that found the pool empty
+    Word otherCode;                    // the last result of another kind
+    Word begun[LANES][TIMES_KEPT];     // of accepted calls
+    Word returned[LANES][TIMES_KEPT];  // of the same
+};
+
+// An attempt to open a resource, and what came over the connection.
+struct Connection {
+    Word resource;
+    Word begun;
+    Word ended;         // the attempt; 0: it goes on
+    Word openError;     // an errno; 0: opened
+    Word reopened;      // by a read thread that had lost its connection
+    Word run;           // the publisher's; 0: nothing came
+    Word first[LANES];  // the first number that came
+    Word next[LANES];   // one past the last; 0: nothing came
+    Word gaps;          // records that were not the next ones
+    Word failures;      // of reads
+    Word error;         // the last errno of them
+    Word failed;        // the time of the last
+};
+
+struct SubscriberBoard {
+    Word opens;  // how many connections have been begun
+    Word losses;
+    Word altered;
+    Connection connections[CONNECTIONS_KEPT];
+};
 
 // The runner hands a board over as an open descriptor.
-inline Word* MapBoard(const char* number, size_t words)
+template <typename Board>
+Board* MapBoard(const char* descriptor)
 {
-    const int fd = atoi(number);
-    void* const memory = mmap(nullptr, words * sizeof(Word), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    const int fd = std::stoi(descriptor);
+    void* const memory = mmap(nullptr, sizeof(Board), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
     if (memory == MAP_FAILED) {
         abort();
     }
     close(fd);
-    return static_cast<Word*>(memory);
+    return static_cast<Board*>(memory);
 }
 
 inline uint64_t Now()
-{  // on the clock that all processes share
+{
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
     return static_cast<uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<uint64_t>(now.tv_nsec);
@@ -65,33 +98,34 @@ Function* Next(const char* name)
 
 struct Stamp {
     uint64_t checksum;  // of the whole body, this word being zero
-    uint64_t run, sequence;
-    uint32_t resource, lane;
+    uint64_t run;
+    uint64_t sequence;
+    uint32_t resource;
+    uint32_t lane;
 };
 
-inline uint64_t Checksum(const unsigned char* data, size_t size)
+inline uint64_t Checksum(const unsigned char* body, size_t size)
 {
-    uint64_t sum = 0xcbf29ce484222325;
-    for (size_t i = 0; i < size; ++i) {
-        sum = (sum ^ data[i]) * 0x100000001b3;
-    }
-    return sum;
+    return std::hash<std::string_view>()({reinterpret_cast<const char*>(body), size});
 }
 
 // Puts the stamp at `offset` of the body and the checksum into it.
 inline void Seal(unsigned char* body, size_t size, size_t offset, Stamp stamp)
 {
-    memcpy(body + offset, &stamp, sizeof stamp);
+    std::memcpy(body + offset, &stamp, sizeof(stamp));
     stamp.checksum = Checksum(body, size);
-    memcpy(body + offset, &stamp, sizeof stamp);
+    std::memcpy(body + offset, &stamp, sizeof(stamp));
 }
 
 // False when the body is not as it was sealed. Leaves it with a checksum of zero.
 inline bool Unseal(unsigned char* body, size_t size, size_t offset, Stamp& stamp)
 {
-    memcpy(&stamp, body + offset, sizeof stamp);
-    memset(body + offset, 0, sizeof stamp.checksum);
-    return stamp.checksum == Checksum(body, size) && stamp.lane < LANES && stamp.resource < std::size(RESOURCES);
+    if (size < offset + sizeof(stamp)) {
+        return false;
+    }
+    std::memcpy(&stamp, body + offset, sizeof(stamp));
+    std::memset(body + offset, 0, sizeof(stamp.checksum));
+    return stamp.checksum == Checksum(body, size) && stamp.lane < LANES;
 }
 
 }  // namespace soak

@@ -1,15 +1,15 @@
 // A subscriber of the soak: subscribes to all resources when told to, checks every record as it comes, and notes every
-// attempt to open a resource with what came over it.
-// Usage: soak_subscriber BOARD. Reads commands from standard input, answers on standard output.
+// attempt to open a resource with what came over the connection.
+// Usage: soak_subscriber BOARD SABOTAGE. Reads commands from standard input, answers each with a line of
+// JSON. A sabotage is a fault put in on purpose, which the runner must find.
 #include <pthread.h>
 #include <sys/syscall.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <exception>
 #include <iostream>
-#include <string>
+#include <nlohmann/json.hpp>
 #include <vector>
 
 #include "iam.h"
@@ -19,99 +19,99 @@
 namespace soak {
 namespace {
 
-constexpr uint32_t PROCESS_MANAGER_LOST = 0x8C03A000;
-
-Word* board;
-// The entry of each resource's open connection. Records of a resource come on one thread at a time.
-std::atomic<Word*> current[std::size(RESOURCES)];
+SubscriberBoard* board;
+bool betrayed;
+std::atomic<Connection*> current[RESOURCE_COUNT];  // the newest of each resource, whose records come on one thread
 
 template <typename Condition>
 size_t ResourceThat(Condition holds)
 {
-    return static_cast<size_t>(std::find_if(std::begin(RESOURCES), std::end(RESOURCES), holds) - RESOURCES);
-}
-
-// How long this thread has been ready to run without a processor: evidence for a time that is too long, no excuse.
-uint64_t WaitedForProcessor()
-{
-    unsigned long long waited = 0;
-    if (FILE* const file = fopen("/proc/thread-self/schedstat", "re")) {
-        waited = fscanf(file, "%*u %llu", &waited) == 1 ? waited : 0;
-        fclose(file);
-    }
-    return waited;
+    return static_cast<size_t>(std::find_if(RESOURCE_NAMES, RESOURCE_NAMES + RESOURCE_COUNT, holds) - RESOURCE_NAMES);
 }
 
 // Which resource a read thread reads, by its name.
 size_t ResourceOfThread()
 {
     char name[16] = {};
-    pthread_getname_np(pthread_self(), name, sizeof name);
+    pthread_getname_np(pthread_self(), name, sizeof(name));
     return ResourceThat([&](const char* resource) { return ("Rd_" + std::string(resource)).rfind(name, 0) == 0; });
 }
 
-void Check(std::vector<unsigned char> body, size_t offset, int eventId)
+Connection& ConnectionOfThread()
 {
     thread_local const size_t resource = ResourceOfThread();
+    return *current[resource];
+}
+
+void Note(Connection& connection, const Stamp& stamp)
+{
+    Word& next = connection.next[stamp.lane];
+    if (connection.run == 0) {
+        connection.run = stamp.run;
+    }
+    if (next == 0) {
+        connection.first[stamp.lane] = stamp.sequence;
+        next = stamp.sequence;
+    }
+    if (stamp.run != connection.run || stamp.sequence != next) {
+        ++connection.gaps;
+    }
+    next = stamp.sequence + 1;
+}
+
+void Check(std::vector<unsigned char> body, size_t offset)
+{
     Stamp stamp{};
-    if (body.size() < sizeof stamp || !Unseal(body.data(), body.size(), offset, stamp) || stamp.resource != resource ||
-        (eventId >= 0 && eventId != static_cast<uint16_t>(stamp.sequence))) {
-        ++board[ALTERED];
-        return;
+    Connection& connection = ConnectionOfThread();
+    if (Unseal(body.data(), body.size(), offset, stamp) && stamp.resource == connection.resource) {
+        Note(connection, stamp);
+    } else {
+        ++board->altered;
     }
-    Word* const entry = current[resource];
-    const bool first = entry[NEXT + stamp.lane] == 0;
-    const uint64_t expected = first ? stamp.sequence : entry[NEXT + stamp.lane].load();
-    if (entry[RUN] == 0) {
-        entry[RUN] = stamp.run;
-    }
-    if (first) {
-        entry[FIRST + stamp.lane] = stamp.sequence;
-    }
-    if ((stamp.sequence != expected || stamp.run != entry[RUN]) && entry[GAPS]++ == 0) {
-        entry[EXPECTED] = expected;
-        entry[SEEN] = stamp.sequence;
-    }
-    entry[NEXT + stamp.lane] = stamp.sequence + 1;
 }
 
 void CheckRaw(const dsmi_event& event)
 {
-    const auto* const bytes = reinterpret_cast<const unsigned char*>(&event);
-    if (event.eventId == PROCESS_MANAGER_LOST) {
-        ++board[LOSSES];
-    } else {
-        Check({bytes, bytes + sizeof event}, offsetof(dsmi_event, eventName), -1);
+    if (event.eventId == ReportEvent::PM_LOST_EVENT_ID) {
+        ++board->losses;
+        return;
     }
+    const auto* const bytes = reinterpret_cast<const unsigned char*>(&event);
+    Check({bytes, bytes + sizeof(event)}, offsetof(dsmi_event, eventName));
 }
 
-void CheckFault(const EventInfo& event, const UDSInfoForCpp& uds)
+void CheckFault(const EventInfo&, const UDSInfoForCpp& uds)
 {
-    Check(uds.didInfo.size() == 1 ? uds.didInfo[0].data : std::vector<unsigned char>(), 0, event.eventId);
+    Check(uds.didInfo.size() == 1 ? uds.didInfo[0].data : std::vector<unsigned char>(), 0);
 }
 
-// Answers with the word, then for each of the two families its result and when the call began and ended.
-void Obey()
+// The result of the call and when it began and ended.
+template <typename Function>
+nlohmann::json Timed(Function call)
+{
+    const uint64_t begun = Now();
+    int result = THREW;
+    try {
+        result = call();
+    } catch (const std::exception& error) {
+        std::cerr << error.what() << std::endl;
+    }
+    return {result, begun, Now()};
+}
+
+// Both families, one after the other.
+nlohmann::json Subscribe(bool start)
 {
     auto& server = ReportEventServer::GetInstance();
-    const std::vector<std::string> faultFiles = {RESOURCES[0], RESOURCES[1]};
-    for (std::string command; std::getline(std::cin, command) && command != "quit";) {
-        const bool start = command == "start";
-        try {
-            const uint64_t begun = Now();
-            const int fault = start ? server.FmRegisterMidReportEventImpl(faultFiles, CheckFault, CheckRaw)
-                                    : server.FmUnregisterReportEventImpl(faultFiles);
-            const uint64_t between = Now();
-            const int security =
-                start ? server.RegIDSEventReportHandlerImpl(CheckRaw) : server.UnregIDSEventReportHandlerImpl();
-            std::cout << (start ? "started " : "stopped ") << fault << ' ' << begun << ' ' << between << ' ' << security
-                      << ' ' << between << ' ' << Now() << std::endl;
-        } catch (const std::exception& error) {
-            std::cout << "threw " << error.what() << std::endl;
-        }
-    }
-    server.FmUnregisterReportEventImpl(faultFiles);
-    server.UnregIDSEventReportHandlerImpl();
+    const std::vector<std::string> files = {RESOURCE_NAMES[ORDINARY], RESOURCE_NAMES[PROCESS_MANAGER]};
+    const auto faults = Timed([&] {
+        return start ? server.FmRegisterMidReportEventImpl(files, CheckFault, CheckRaw)
+                     : server.FmUnregisterReportEventImpl(files);
+    });
+    const auto security = Timed([&] {
+        return start ? server.RegIDSEventReportHandlerImpl(CheckRaw) : server.UnregIDSEventReportHandlerImpl();
+    });
+    return {faults, security};
 }
 
 }  // namespace
@@ -122,36 +122,43 @@ extern "C" int __wrap_open(const char* name, int flags, ...)
 {
     using namespace soak;
     static const auto next = Next<int(const char*, int, ...)>("__wrap_open");
-    const uint64_t number = board[OPENS]++;
-    if (number >= ENTRIES_KEPT) {
+    const uint64_t number = board->opens++;
+    if (number >= CONNECTIONS_KEPT) {  // after hours
         abort();
-    }  // the runner starts another subscriber long before
-    Word* const entry = board + ENTRIES + number * ENTRY_WORDS;
-    const size_t resource = ResourceThat([&](const char* known) { return strcmp(known, name) == 0; });
-    entry[RESOURCE] = resource;
-    entry[REOPENED] = syscall(SYS_gettid) != getpid();
-    const uint64_t waited = WaitedForProcessor();
-    entry[BEGUN] = Now();
+    }
+    Connection& connection = board->connections[number];
+    const size_t resource = ResourceThat([&](const char* known) { return std::strcmp(known, name) == 0; });
+    connection.resource = resource;
+    connection.reopened = syscall(SYS_gettid) != getpid();
+    connection.begun = Now();
     const int fd = next(name, flags);
     const int error = errno;
     const uint64_t ended = Now();
-    entry[WAITED] = WaitedForProcessor() - waited;
-    entry[FD] = static_cast<uint64_t>(fd >= 0 ? fd : -error);
+    connection.openError = fd >= 0 ? 0 : static_cast<uint64_t>(error);
     if (fd >= 0) {
-        current[resource] = entry;
+        current[resource] = &connection;
     }
-    entry[ENDED] = ended;
+    connection.ended = ended;
     errno = error;
     return fd;
 }
 
 extern "C" int64_t IAMFastRead(int fd, void* buffer, size_t length)
 {
-    static const auto next = soak::Next<decltype(IAMFastRead)>("IAMFastRead");
-    const int64_t result = next(fd, buffer, length);
-    const int error = errno;
+    using namespace soak;
+    static const auto next = Next<decltype(IAMFastRead)>("IAMFastRead");
+    thread_local uint64_t reads = 0;
+    Connection& connection = ConnectionOfThread();
+    int64_t result = next(fd, buffer, length);
+    int error = errno;
+    if (betrayed && result >= 0 && ++reads % 256 == 0) {
+        result = -1;
+        error = EPIPE;
+    }
     if (result < 0) {
-        soak::current[soak::ResourceOfThread()].load()[soak::ERROR] = static_cast<uint64_t>(error);
+        ++connection.failures;
+        connection.failed = Now();
+        connection.error = static_cast<uint64_t>(error);
     }
     errno = error;
     return result;
@@ -159,6 +166,11 @@ extern "C" int64_t IAMFastRead(int fd, void* buffer, size_t length)
 
 int main(int, char** argv)
 {
-    soak::board = soak::MapBoard(argv[1], soak::SUBSCRIBER_WORDS);
-    soak::Obey();
+    using namespace soak;
+    board = MapBoard<SubscriberBoard>(argv[1]);
+    betrayed = argv[2] == std::string("betray");
+    for (std::string command; std::getline(std::cin, command) && command != "quit";) {
+        std::cout << Subscribe(command == "start") << std::endl;
+    }
+    Subscribe(false);
 }
