@@ -38,7 +38,7 @@ def subscriber_leaves_and_returns(soak, _, subscriber):
 
 
 def subscriber_stopped_for_a_while(soak, _, subscriber):
-    subscriber.stall()
+    subscriber.stall(asleep=True)
     time.sleep(soak.random.uniform(0, 0.6))
     subscriber.go_on()
 
@@ -72,10 +72,49 @@ def current_reader_that_reads_nothing(soak, publisher, _):
     """The pool runs empty, and nobody is cut off."""
     soak.start_again(soak.random.choice(soak.subscribers))
     for subscriber in soak.subscribers:
-        subscriber.stall()
+        subscriber.stall(asleep=True)
     soak.until_pool_is_empty(publisher)
     for subscriber in soak.subscribers:
         subscriber.go_on()
+
+
+def one_reader(soak):
+    """It, and those that have been stopped: none of them may reconnect just now and take the stream."""
+    reader, *others = soak.random.sample(soak.subscribers, len(soak.subscribers))
+    for other in others:
+        soak.stop(other)
+    soak.start_again(reader)
+    return reader, others
+
+
+def superseded_reader_that_stalls(soak, publisher, _):
+    """It is cut off when it holds the blocks of an empty pool, and must not take the stream from the newest reader."""
+    older, (newer, *others) = one_reader(soak)
+    older.stall(asleep=soak.chance(0.5))
+    if soak.chance(0.7):
+        soak.until_pool_is_empty(publisher)
+    soak.start_again(newer)
+    soak.until_stream_goes_on(publisher, newer)
+    older.go_on()
+    soak.until_stream_goes_on(publisher, newer)
+    for other in others:
+        soak.start(other)
+
+
+def superseded_reader_that_is_slow(soak, publisher, _):
+    """It holds nearly all blocks, but reads one after the other: it gets all of them."""
+    older, (newer, *others) = one_reader(soak)
+    older.stall(asleep=False)
+    soak.until_pool_is_empty(publisher)
+    older.go_on(microseconds=soak.random.randint(300, 1000))
+    accepted = list(publisher.board.accepted)
+    soak.start_again(newer)
+    soak.wait_until(lambda: all(map(int.__ge__, older.newest(publisher.resource).next, accepted)),
+                    f"{older.name}, superseded and slow, does not get what was accepted for it")
+    older.go_on()
+    soak.until_stream_goes_on(publisher, newer)
+    for other in others:
+        soak.start(other)
 
 
 def full_disk_of_the_runtime_directory(soak, publisher, _):
@@ -140,5 +179,6 @@ def service_that_never_answers(soak, _, subscriber):
 
 FAULTS = [publisher_killed_or_restarted, subscriber_killed, subscriber_leaves_and_returns,
           subscriber_stopped_for_a_while, second_service_of_a_name, storm_of_sigpipe_at_read_threads,
-          current_reader_that_reads_nothing, full_disk_of_the_runtime_directory, no_descriptors,
-          no_memory_for_threads_of_a_subscriber, stop_during_a_reconnection, service_that_never_answers]
+          current_reader_that_reads_nothing, superseded_reader_that_stalls, superseded_reader_that_is_slow,
+          full_disk_of_the_runtime_directory, no_descriptors, no_memory_for_threads_of_a_subscriber,
+          stop_during_a_reconnection, service_that_never_answers]

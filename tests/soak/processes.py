@@ -134,16 +134,29 @@ class Subscriber(Child):
             board = Board(self.board.connections[number * size:(number + 1) * size].tolist(), fields)
             yield types.SimpleNamespace(owner=self, number=number, **{name: getattr(board, name) for name in fields})
 
+    def newest(self, resource_number):
+        """The newest connection to the resource that it has made in this round."""
+        return [c for c in self.connections() if c.resource == resource_number and c.ended and not c.openError][-1]
+
+    def received(self, resource_number):
+        connection = self.newest(resource_number)
+        return sum(connection.next) - sum(connection.first)
+
     def read_threads(self):
         return [int(task.name) for task in (self.proc / "task").iterdir()
                 if (task / "comm").read_text().startswith("Rd_")]
 
-    def stall(self):
-        """Stops the whole process until it goes on."""
+    def stall(self, asleep):
+        """Until it goes on, it reads nothing: the whole process is stopped, or its callbacks do not return."""
         self.stalls.append([time.monotonic_ns(), NEVER])
-        self.process.send_signal(signal.SIGSTOP)
-        self.soak.wait_until(self.stopped, f"{self.name} is not stopped")
+        if asleep:
+            self.process.send_signal(signal.SIGSTOP)
+            self.soak.wait_until(self.stopped, f"{self.name} is not stopped")
+        else:
+            self.ask(-1)
 
-    def go_on(self):
+    def go_on(self, microseconds=0):
+        """Reads again, and spends so long in each callback."""
         self.process.send_signal(signal.SIGCONT)
-        self.stalls[-1][1] = time.monotonic_ns()
+        self.ask(microseconds)
+        self.stalls[-1][1] = min(self.stalls[-1][1], time.monotonic_ns())

@@ -67,6 +67,11 @@ class Soak:
         before = publisher.board.noBlock
         self.wait_until(lambda: publisher.board.noBlock > before, f"{publisher.name} never finds its pool empty")
 
+    def until_stream_goes_on(self, publisher, reader):
+        enough = reader.received(publisher.resource) + 2 * publisher.board.poolBlocks
+        self.wait_until(lambda: reader.received(publisher.resource) > enough,
+                        f"{reader.name}, the newest reader of {publisher.name}, gets nothing any more")
+
     def check_time(self, what, who, nanoseconds, bound):
         self.slowest[what] = max(self.slowest[what], nanoseconds)
         self.check(nanoseconds <= bound, f"{who}: {what} took {nanoseconds / 1e6:.0f} ms")
@@ -155,7 +160,7 @@ class Soak:
         """A pool that has lost no block takes as many records as it has blocks for a reader that reads nothing."""
         reader = self.random.choice(self.subscribers)
         self.start_again(reader)
-        reader.stall()
+        reader.stall(asleep=True)
         for publisher in self.publishers:
             free, blocks = publisher.ask("fill"), publisher.board.poolBlocks
             self.check(free == blocks, f"{publisher.name}: {free} of {blocks} blocks of the pool were free")

@@ -7,9 +7,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <exception>
 #include <iostream>
 #include <nlohmann/json.hpp>
+#include <thread>
 #include <vector>
 
 #include "iam.h"
@@ -19,9 +21,12 @@
 namespace soak {
 namespace {
 
+constexpr int64_t HELD = -1;
+
 SubscriberBoard* board;
 bool betrayed;
 std::atomic<Connection*> current[RESOURCE_COUNT];  // the newest of each resource, whose records come on one thread
+std::atomic<int64_t> pace{0};                      // microseconds that a callback takes; HELD: until it is changed
 
 template <typename Condition>
 size_t ResourceThat(Condition holds)
@@ -59,6 +64,14 @@ void Note(Connection& connection, const Stamp& stamp)
     next = stamp.sequence + 1;
 }
 
+void TakeTime()
+{
+    std::this_thread::sleep_for(std::chrono::microseconds(pace));
+    while (pace == HELD) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+}
+
 void Check(std::vector<unsigned char> body, size_t offset)
 {
     Stamp stamp{};
@@ -68,6 +81,7 @@ void Check(std::vector<unsigned char> body, size_t offset)
     } else {
         ++board->altered;
     }
+    TakeTime();
 }
 
 void CheckRaw(const dsmi_event& event)
@@ -112,6 +126,15 @@ nlohmann::json Subscribe(bool start)
         return start ? server.RegIDSEventReportHandlerImpl(CheckRaw) : server.UnregIDSEventReportHandlerImpl();
     });
     return {faults, security};
+}
+
+nlohmann::json Obey(const std::string& command)
+{
+    if (command == "start" || command == "stop") {
+        return Subscribe(command == "start");
+    }
+    pace = std::stoll(command);
+    return command;
 }
 
 }  // namespace
@@ -170,7 +193,7 @@ int main(int, char** argv)
     board = MapBoard<SubscriberBoard>(argv[1]);
     betrayed = argv[2] == std::string("betray");
     for (std::string command; std::getline(std::cin, command) && command != "quit";) {
-        std::cout << Subscribe(command == "start") << std::endl;
+        std::cout << Obey(command) << std::endl;
     }
     Subscribe(false);
 }
