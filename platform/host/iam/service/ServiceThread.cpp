@@ -162,7 +162,7 @@ void ServiceThread::HearOfFiles()
     const Endpoint* const endpoint = service_.CurrentEndpoint();
     if (endpoint != nullptr && endpoint->IsGone() && !std::exchange(socketGone_, true)) {
         IAM_LOG("%s: its socket %s is gone, readers do not find it any more: start it again", service_.Name(),
-            endpoint->SocketPath());
+                endpoint->SocketPath());
     }
 }
 
