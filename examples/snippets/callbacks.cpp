@@ -1,11 +1,6 @@
 // What docs/clients.md shows about callbacks.
-#include <sys/eventfd.h>
-
 #include <condition_variable>
-#include <cstdio>
-#include <cstring>
 #include <deque>
-#include <exception>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -14,23 +9,6 @@
 #include "report_event/ReportEventServer.h"
 
 namespace callbacks {
-
-// region one-lock
-class Statistics {
-public:
-    void Count(uint32_t eventId, uint8_t severity)
-    {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        lastId_ = eventId;
-        worst_ = severity > worst_ ? severity : worst_;
-    }
-
-private:
-    std::mutex mutex_;  // read threads and the fault-reporting thread get here at the same time
-    uint32_t lastId_ = 0;
-    uint8_t worst_ = 0;
-};
-// endregion
 
 // region hand-over
 struct Fault {
@@ -62,47 +40,6 @@ private:
     std::mutex mutex_;
     std::condition_variable arrived_;
     std::deque<Fault> faults_;
-};
-// endregion
-
-// region names
-std::string NameOf(const EventInfo& event)
-{
-    return {event.eventPara.buf, strnlen(event.eventPara.buf, sizeof(event.eventPara.buf))};
-}
-
-std::string NameOf(const dsmi_event& event)
-{
-    return {event.eventName, strnlen(event.eventName, sizeof(event.eventName))};
-}
-// endregion
-
-// region no-exception
-void Keep(std::vector<dsmi_event>& kept, const dsmi_event& event) noexcept
-{
-    try {
-        kept.push_back(event);
-    } catch (const std::exception& error) {
-        std::fprintf(stderr, "event 0x%X dropped: %s\n", event.eventId, error.what());
-    }
-}
-// endregion
-
-// region stop-by-flag
-class StopRequest {
-public:
-    void Raise()  // from a callback
-    {
-        eventfd_write(event_, 1);
-    }
-    void Wait() const  // on the thread that registered, which then unregisters
-    {
-        eventfd_t count = 0;
-        eventfd_read(event_, &count);
-    }
-
-private:
-    const int event_ = eventfd(0, EFD_CLOEXEC);
 };
 // endregion
 

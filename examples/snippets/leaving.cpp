@@ -1,7 +1,5 @@
-// What docs/clients.md shows about the end of a client: exit, fork, signals, unloading.
+// What docs/clients.md shows about the end of a client: exit and unloading.
 #include <dlfcn.h>
-#include <spawn.h>
-#include <unistd.h>
 
 #include <csignal>
 #include <functional>
@@ -42,8 +40,9 @@ private:
 };
 // endregion
 
-// region let-go
-void StopAndForget(const Files& files)  // while both families run
+// region unload
+// While both families run; a client of one leaves out the lines of the other.
+void StopAndForget(const Files& files)
 {
     ReportEventServer& server = ReportEventServer::GetInstance();
     server.FmRegisterMidReportEventImpl(files, nullptr, nullptr);  // while running: replaces the callables, no more
@@ -51,41 +50,7 @@ void StopAndForget(const Files& files)  // while both families run
     server.FmUnregisterReportEventImpl(files);  // these two wait for the calls of the old ones in flight
     server.UnregIDSEventReportHandlerImpl();
 }
-// endregion
 
-// region spawn
-pid_t StartHelper(const char* path, char* const arguments[])
-{
-    pid_t pid = -1;
-    return posix_spawn(&pid, path, nullptr, nullptr, arguments, environ) == 0 ? pid : -1;
-}
-// endregion
-
-// region fork
-pid_t StartShell(const char* command)
-{
-    const pid_t pid = fork();
-    if (pid == 0) {
-        execl("/bin/sh", "sh", "-c", command, nullptr);
-        _exit(127);  // not exit: its handlers would wait for read threads that this process does not have
-    }
-    return pid;
-}
-// endregion
-
-// region signals
-sigset_t BlockStopSignals()  // in main, before the first registration
-{
-    sigset_t stop;
-    sigemptyset(&stop);
-    sigaddset(&stop, SIGINT);
-    sigaddset(&stop, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &stop, nullptr);  // inherited by the read threads
-    return stop;
-}
-// endregion
-
-// region unload
 void Unload(void* plugin, const Files& files)
 {
     StopAndForget(files);
