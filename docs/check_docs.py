@@ -3,7 +3,8 @@
 Without an option, reads only:
   - every block of code shows a file, or a marked region of one, that the build compiles;
   - every block of commands is marked as run here, or by a file in which its commands stand;
-  - docs/troubleshooting.md has every message and result code of the sources, with its level, and no other;
+  - docs/troubleshooting.md has every message and result code of the library, with its level, and no other; every message
+    of the programs and every line of the host platform, and no text that their sources do not have;
   - links, and the paths that the text names, lead somewhere.
 --update copies the regions into the blocks. --run runs the blocks that are marked as run here on that build.
 
@@ -320,22 +321,44 @@ def check_messages(section, messages):
 
 def check_result_codes():
     codes = set(re.findall(r"constexpr int RESULT_\w+ = 0x(\w+);", read("include/report_event/ResultCodes.h")))
-    for document in (TROUBLESHOOTING, "README.md"):
-        rows = rows_of(document, "Result codes")
-        documented = {code.upper() for row in rows for code in re.findall(r"^0[xX](F1\w+)$", row[0])}
-        for code in sorted(codes ^ documented):
-            report(document, f"result code 0x{code} is in only one of this page and ResultCodes.h")
+    rows = rows_of(TROUBLESHOOTING, "Result codes")
+    documented = {code.upper() for row in rows for code in re.findall(r"^0[xX](F1\w+)$", row[0])}
+    for code in sorted(codes ^ documented):
+        report(TROUBLESHOOTING, f"result code 0x{code} is in only one of this page and ResultCodes.h")
 
 
-def check_host_platform():
-    """Every text of two words or more that the host platform's sources can write stands in its section."""
-    section = read(TROUBLESHOOTING).partition("\n## The host platform\n")[2]
-    for path in sorted(ROOT.glob("platform/host/**/*.cpp")):
-        source = re.sub(r"static_assert\(.*?\);", "", without_comments(path.read_text(encoding="utf-8")), flags=re.S)
-        for literals in re.findall(LITERALS, source):
-            text = joined(literals).strip()
-            if re.search(r"\w+ [\w%]+", text) and text not in section:
-                report(TROUBLESHOOTING, f"section 'The host platform' lacks `{text}` ({path.relative_to(ROOT)})")
+def calls_of(source, names):
+    """The calls of functions whose names match, each as the text of its arguments."""
+    for call in re.finditer(rf"\b(?:{names})\(", source):
+        depth, end = 1, call.end()
+        while depth:
+            skipped = re.compile(rf"{LITERAL}|'(?:\\.|[^'\\])'").match(source, end)
+            if skipped:
+                end = skipped.end()
+                continue
+            depth += {"(": 1, ")": -1}.get(source[end], 0)
+            end += 1
+        yield source[call.end() : end]
+
+
+def check_texts(section, folder, names):
+    """Every text of two words or more that these calls write stands in the section, however their parts are put together;
+    and what its tables quote in their first column, the parts between "..." each, stands in the folder's sources."""
+    page = read(TROUBLESHOOTING).partition(f"\n## {section}\n")[2].partition("\n## ")[0]
+    known = ""
+    for path in sorted(ROOT.glob(f"{folder}/**/*.[ch]*")):
+        source = without_comments(path.read_text(encoding="utf-8"))
+        known += "\0".join(joined(literals) for literals in re.findall(LITERALS, source)) + "\0"
+        for arguments in calls_of(source, names):
+            for literals in re.findall(LITERALS, arguments):
+                text = joined(literals).strip(" :;'")
+                if re.search(r"\w+ [\w%]+", text) and text not in page:
+                    report(TROUBLESHOOTING, f"section '{section}' lacks `{text}` ({path.relative_to(ROOT)})")
+    for row in rows_of(TROUBLESHOOTING, section):
+        for quoted in re.findall(r"`([^`]+)`", row[0]):
+            for part in quoted.split("..."):
+                if part.strip() not in known:
+                    report(TROUBLESHOOTING, f"section '{section}' has `{quoted}`, which no source in {folder} writes")
 
 
 # ---------------------------------------------------------------------------------------------------------------------
@@ -390,7 +413,8 @@ def check():
     check_messages("The subscription half", subscriber_messages())
     check_messages("The publishing half", publisher_messages())
     check_result_codes()
-    check_host_platform()
+    check_texts("The programs", "tools", r"Complain|Notify|throw [\w:]+")
+    check_texts("The host platform", "platform/host", r"IAM_LOG|FTE_LOG|Complain|throw [\w:]+")
 
 
 def main():
