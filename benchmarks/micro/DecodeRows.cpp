@@ -10,6 +10,7 @@
 #include "benchmarks/micro/Program.h"
 #include "platform/host/fte/FaultRecordEncoder.h"
 #include "report_event/EventRecord.h"
+#include "report_event/ResourceNames.h"
 #include "subscriber/ReportEventServerImpl.h"
 
 namespace ReportEvent {
@@ -94,7 +95,7 @@ void ZeroCopyCall(benchmark::State& state)
 Record RawRecord(ReportEvent::EventType family, bool logged)
 {
     dsmi_event event{};
-    event.eventId = 0x8C03A000;
+    event.eventId = ReportEvent::PM_LOST_EVENT_ID;
     event.assertion = 1;
     std::strcpy(event.eventName, "device event");
     const ReportEvent::RawRecord record = ReportEvent::MakeRawRecord(family, logged, event);

@@ -30,7 +30,6 @@ namespace {
 
 constexpr int EXIT_USAGE = 2;
 constexpr size_t POOL_BLOCKS = 1000;
-constexpr const char* RESOURCE = "dp:/res/pm/fm";
 constexpr const char* SENDER_FLAG = "--sender";
 constexpr uint64_t FILES_MAX = 64;
 constexpr const char* MEMORY_SIZE = "3960";
@@ -157,7 +156,7 @@ int Measure(const std::string& mode, const std::string& size, const std::string&
 
     HoldEndingSignals();
     const RuntimeDirectory directory;
-    const std::unique_ptr<SenderProcess> sender = StartSender(RESOURCE, mode, size, count);
+    const std::unique_ptr<SenderProcess> sender = StartSender(FAULT_RESOURCE, mode, size, count);
     sender->Line().Say(Word::CONNECT);
     sender->Line().Await(Word::READY);
 
@@ -171,7 +170,7 @@ int Measure(const std::string& mode, const std::string& size, const std::string&
     };
     Result result;
     {
-        const Subscription subscription({RESOURCE}, onEvent, onDevice);
+        const Subscription subscription({FAULT_RESOURCE}, onEvent, onDevice);
         result = Supervise(sender->Line(), options, arrivals);
     }
     sender->Finish();
