@@ -4,7 +4,6 @@
 #include <csignal>
 #include <functional>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "report_event/ReportEventServer.h"
@@ -12,33 +11,6 @@
 namespace leaving {
 
 using Files = std::vector<std::string>;
-
-// region scope
-class FaultSubscription {
-public:
-    // `onDevice` owns what it uses: a device event that comes in on the security file may reach it even later.
-    FaultSubscription(Files files, const std::function<void(const dsmi_event&)>& onDevice)
-        : files_(std::move(files)),
-          result_(ReportEventServer::GetInstance().FmRegisterMidReportEventImpl(files_, nullptr, onDevice))
-    {
-    }
-    ~FaultSubscription()  // also after a failure: some of the files may be subscribed
-    {
-        ReportEventServer::GetInstance().FmUnregisterReportEventImpl(files_);
-    }
-    FaultSubscription(const FaultSubscription&) = delete;
-    FaultSubscription& operator=(const FaultSubscription&) = delete;
-
-    int Result() const
-    {
-        return result_;
-    }
-
-private:
-    const Files files_;  // unregistration lists the files that registration listed: all of them
-    const int result_;
-};
-// endregion
 
 // region unload
 // While both families run; a client of one leaves out the lines of the other.
