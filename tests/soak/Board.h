@@ -56,7 +56,8 @@ struct Connection {
     Word run;           // the publisher's; 0: nothing came
     Word first[LANES];  // the first number that came
     Word next[LANES];   // one past the last; 0: nothing came
-    Word gaps;          // records that were not the next ones
+    Word missed;        // records between others that came
+    Word disorder;      // records that came late, twice or from another run
     Word failures;      // of reads
     Word error;         // the last errno of them
     Word failed;        // the time of the last

@@ -29,8 +29,9 @@ int main()
     const nlohmann::json connection = {
         FIELD(Connection, resource),  FIELD(Connection, begun),    FIELD(Connection, ended),
         FIELD(Connection, openError), FIELD(Connection, reopened), FIELD(Connection, run),
-        FIELD(Connection, first),     FIELD(Connection, next),     FIELD(Connection, gaps),
-        FIELD(Connection, failures),  FIELD(Connection, error),    FIELD(Connection, failed)};
+        FIELD(Connection, first),     FIELD(Connection, next),     FIELD(Connection, missed),
+        FIELD(Connection, disorder),  FIELD(Connection, failures), FIELD(Connection, error),
+        FIELD(Connection, failed)};
     const nlohmann::json facts = {
         {"publisher", publisher},
         {"subscriber", subscriber},

@@ -70,7 +70,7 @@ def storm_of_sigpipe_at_read_threads(soak, _, subscriber):
 
 def current_reader_that_reads_nothing(soak, publisher, _):
     """The pool runs empty, and nobody is cut off."""
-    soak.start_again(soak.random.choice(soak.subscribers))
+    soak.start_again(soak.random.choice(soak.readers()))
     for subscriber in soak.subscribers:
         subscriber.stall(asleep=True)
     soak.until_pool_is_empty(publisher)
@@ -80,7 +80,7 @@ def current_reader_that_reads_nothing(soak, publisher, _):
 
 def one_reader(soak):
     """It, and those that have been stopped: none of them may reconnect just now and take the stream."""
-    reader, *others = soak.random.sample(soak.subscribers, len(soak.subscribers))
+    reader, *others = soak.random.sample(soak.readers(), len(soak.readers()))
     for other in others:
         soak.stop(other)
     soak.start_again(reader)
@@ -113,6 +113,25 @@ def superseded_reader_that_is_slow(soak, publisher, _):
                     f"{older.name}, superseded and slow, does not get what was accepted for it")
     older.go_on()
     soak.until_stream_goes_on(publisher, newer)
+    for other in others:
+        soak.start(other)
+
+
+def observer_beside_a_reader(soak, publisher, _):
+    """It reads, then it does not for a while, and is told how many records that has cost it."""
+    reader, others = one_reader(soak)
+    observer = soak.random.choice(soak.observers())
+    publisher.ask("pause")
+    before = sum(publisher.board.accepted)
+    soak.start_again(observer)
+    publisher.ask("go")
+    soak.until_stream_goes_on(publisher, reader)
+    observer.stall(asleep=soak.chance(0.5))
+    soak.until_stream_goes_on(publisher, reader)
+    observer.go_on()
+    publisher.ask("pause")
+    soak.until_observer_knows(observer, publisher, sum(publisher.board.accepted) - before)
+    publisher.ask("go")
     for other in others:
         soak.start(other)
 
@@ -180,5 +199,5 @@ def service_that_never_answers(soak, _, subscriber):
 FAULTS = [publisher_killed_or_restarted, subscriber_killed, subscriber_leaves_and_returns,
           subscriber_stopped_for_a_while, second_service_of_a_name, storm_of_sigpipe_at_read_threads,
           current_reader_that_reads_nothing, superseded_reader_that_stalls, superseded_reader_that_is_slow,
-          full_disk_of_the_runtime_directory, no_descriptors, no_memory_for_threads_of_a_subscriber,
-          stop_during_a_reconnection, service_that_never_answers]
+          observer_beside_a_reader, full_disk_of_the_runtime_directory, no_descriptors,
+          no_memory_for_threads_of_a_subscriber, stop_during_a_reconnection, service_that_never_answers]

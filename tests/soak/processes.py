@@ -120,11 +120,11 @@ class Publisher(Child):
 class Subscriber(Child):
     kind = "subscriber"
 
-    def __init__(self, soak):
-        self.started = False
+    def __init__(self, soak, observes):
+        self.observes, self.started = observes, False
         self.seen = self.losses = self.managers_ended = 0  # in earlier rounds
         self.stalls = []  # of this round, from and to
-        super().__init__(soak, "subscriber")
+        super().__init__(soak, "subscriber", "observe" if observes else "read")
 
     def connections(self):
         """Those of this round as they are now."""
@@ -140,7 +140,7 @@ class Subscriber(Child):
 
     def received(self, resource_number):
         connection = self.newest(resource_number)
-        return sum(connection.next) - sum(connection.first)
+        return sum(connection.next) - sum(connection.first) - connection.missed
 
     def read_threads(self):
         return [int(task.name) for task in (self.proc / "task").iterdir()

@@ -1,7 +1,7 @@
 """Real publishers and subscribers under faults at random moments.
 
-Rounds: three publishers (one for each resource) and three subscribers (each of all resources, so that the newest takes
-every stream) run while faults hit them; then everything comes to rest and is settled.
+Rounds: three publishers (one for each resource), three readers (each of all resources, so that the newest takes every
+stream) and two observers run while faults hit them; then everything comes to rest and is settled.
 """
 import argparse
 import collections
@@ -21,7 +21,7 @@ from faults import FAULTS
 from processes import Gone, Publisher, Subscriber, hangs
 
 STOP_BOUND, RECONNECTING_STOP_BOUND = SECOND, 0.3 * SECOND
-SUBSCRIBERS = 3
+READERS, OBSERVERS = 3, 2
 PATIENCE, SELF_CHECK_PATIENCE = 20, 2  # seconds for what must come, for what is kept back on purpose
 VIOLATIONS_TOLD = 12
 
@@ -72,6 +72,14 @@ class Soak:
         self.wait_until(lambda: reader.received(publisher.resource) > enough,
                         f"{reader.name}, the newest reader of {publisher.name}, gets nothing any more")
 
+    def until_observer_knows(self, observer, publisher, given):
+        """Each record that readers were given has come, or it is told that it has lost it."""
+        def known():
+            return observer.received(publisher.resource), observer.ask("lost")[publisher.resource]
+        self.wait_until(lambda: sum(known()) == given,
+                        lambda: f"{observer.name}: came, lost: {known()} of {given} of {publisher.name}")
+        self.figures["records that observers lost"] += known()[1]
+
     def check_time(self, what, who, nanoseconds, bound):
         self.slowest[what] = max(self.slowest[what], nanoseconds)
         self.check(nanoseconds <= bound, f"{who}: {what} took {nanoseconds / 1e6:.0f} ms")
@@ -80,6 +88,12 @@ class Soak:
 
     def of_round(self, kind):
         return [child for child in self.retired + self.publishers + self.subscribers if isinstance(child, kind)]
+
+    def readers(self):
+        return [subscriber for subscriber in self.subscribers if not subscriber.observes]
+
+    def observers(self):
+        return [subscriber for subscriber in self.subscribers if subscriber.observes]
 
     def serve(self, number):
         publisher = self.publishers[number] = Publisher(self, number)
@@ -99,7 +113,7 @@ class Soak:
 
     def replace(self, subscriber, how):
         self.retire(subscriber, how)
-        newer = self.subscribers[self.subscribers.index(subscriber)] = Subscriber(self)
+        newer = self.subscribers[self.subscribers.index(subscriber)] = Subscriber(self, subscriber.observes)
         return newer
 
     def start(self, subscriber, **how):
@@ -157,16 +171,23 @@ class Soak:
                         lambda: f"{child.name} does not give back what it held: at first {before}, now {child.held()}")
 
     def check_pools(self):
-        """A pool that has lost no block takes as many records as it has blocks for a reader that reads nothing."""
-        reader = self.random.choice(self.subscribers)
-        self.start_again(reader)
-        reader.stall(asleep=True)
+        """A pool that has lost no block takes as many records as it has blocks for a reader that reads nothing. An
+        observer that reads nothing holds none of them."""
+        couple = self.random.choice(self.observers()), self.random.choice(self.readers())
+        for subscriber in couple:
+            self.start_again(subscriber)
+            subscriber.stall(asleep=True)
         for publisher in self.publishers:
-            free, blocks = publisher.ask("fill"), publisher.board.poolBlocks
+            readers, free, blocks = publisher.ask("readers"), publisher.ask("fill"), publisher.board.poolBlocks
+            self.check(readers == 1, f"{publisher.name}: {readers} readers, not 1 beside an observer")
             self.check(free == blocks, f"{publisher.name}: {free} of {blocks} blocks of the pool were free")
-        reader.go_on()
+        for subscriber in couple:
+            subscriber.go_on()
+        for publisher in self.publishers:
+            self.until_observer_knows(couple[0], publisher, publisher.board.poolBlocks)
         self.settle()
-        self.stop(reader)
+        for subscriber in couple:
+            self.stop(subscriber)
 
     def come_to_rest(self):
         for publisher in self.publishers:
@@ -214,7 +235,7 @@ class Soak:
             self.serve(number)
         self.reference["publisher"] = self.publishers[0].held()
         # What the first start makes for good, such as the fault-reporting thread, counts as held from the outset.
-        self.subscribers = [Subscriber(self) for _ in range(SUBSCRIBERS)]
+        self.subscribers = [Subscriber(self, observes=number >= READERS) for number in range(READERS + OBSERVERS)]
         for subscriber in self.subscribers:
             self.start_again(subscriber)
             self.stop(subscriber)

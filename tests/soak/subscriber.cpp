@@ -1,6 +1,6 @@
 // A subscriber of the soak: subscribes to all resources when told to, checks every record as it comes, and notes every
 // attempt to open a resource with what came over the connection.
-// Usage: soak_subscriber BOARD SABOTAGE. Reads commands from standard input, answers each with a line of
+// Usage: soak_subscriber BOARD read|observe SABOTAGE. Reads commands from standard input, answers each with a line of
 // JSON. A sabotage is a fault put in on purpose, which the runner must find.
 #include <pthread.h>
 #include <sys/syscall.h>
@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "iam.h"
+#include "platform/host/iam/HostService.h"
 #include "report_event/ReportEventServer.h"
 #include "tests/soak/Board.h"
 
@@ -58,9 +59,11 @@ void Note(Connection& connection, const Stamp& stamp)
         connection.first[stamp.lane] = stamp.sequence;
         next = stamp.sequence;
     }
-    if (stamp.run != connection.run || stamp.sequence != next) {
-        ++connection.gaps;
+    if (stamp.run != connection.run || stamp.sequence < next) {
+        ++connection.disorder;
+        return;
     }
+    connection.missed += stamp.sequence - next;
     next = stamp.sequence + 1;
 }
 
@@ -133,6 +136,10 @@ nlohmann::json Obey(const std::string& command)
     if (command == "start" || command == "stop") {
         return Subscribe(command == "start");
     }
+    if (command == "lost") {
+        return {IAMHostLostRecords(RESOURCE_NAMES[ORDINARY]), IAMHostLostRecords(RESOURCE_NAMES[PROCESS_MANAGER]),
+                IAMHostLostRecords(RESOURCE_NAMES[SECURITY])};
+    }
     pace = std::stoll(command);
     return command;
 }
@@ -191,7 +198,8 @@ int main(int, char** argv)
 {
     using namespace soak;
     board = MapBoard<SubscriberBoard>(argv[1]);
-    betrayed = argv[2] == std::string("betray");
+    IAMHostObserve(argv[2] == std::string("observe") ? 1 : 0);
+    betrayed = argv[3] == std::string("betray");
     for (std::string command; std::getline(std::cin, command) && command != "quit";) {
         std::cout << Obey(command) << std::endl;
     }
