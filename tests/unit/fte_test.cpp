@@ -4,15 +4,16 @@
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 
+#include <algorithm>
 #include <cstring>
 #include <future>
 #include <regex>
 #include <thread>
 
 #include "include/report_event/EventTypes.h"
-#include "platform/host/fte/FaultRecordEncoder.h"
 #include "platform/host/fte/FteCodes.h"
 #include "platform/host/slog/HostLog.h"
+#include "tests/unit/fault_support.h"
 
 // Arrays that this thread has allocated, and the number of the one that fails; negative for none.
 static thread_local int arrayCount = 0;
@@ -255,14 +256,10 @@ int Decode(const Bytes& payload, int failing = -1)
         EXPECT_EQ(arrayCount, failing + 1);
         return code;
     }
-    const std::string name(info.eventName, strnlen(info.eventName, sizeof(info.eventName)));
-    FaultEvent event{info.eventId, info.assertion, info.nodeId, info.deviceId, info.osId, name, uds.udsId, {}};
-    int expectedArrays = uds.didNum == 0 ? 0 : 1;
-    for (int i = 0; i < uds.didNum; ++i) {
-        event.dids.push_back({dids[i].did, Bytes(dids[i].data, dids[i].data + dids[i].len)});
-        expectedArrays += dids[i].len == 0 ? 0 : 1;
-    }
-    EXPECT_EQ(arrayCount, expectedArrays);
+    const FaultEvent event = AsEvent(info, uds);
+    const auto hasData = [](const FaultDid& did) { return !did.data.empty(); };
+    const auto withData = std::count_if(event.dids.begin(), event.dids.end(), hasData);
+    EXPECT_EQ(arrayCount, withData + (event.dids.empty() ? 0 : 1));
     EXPECT_EQ(EncodePayload(event), payload);
     return code;
 }
