@@ -108,8 +108,8 @@ int Service::End(uint64_t poolGeneration)
     return 0;
 }
 
-// From here on nothing is delivered any more, in this life or another. What the readers have not read stays readable,
-// and the pool is left to the kernel: another thread may be publishing still.
+// From here on nothing is delivered any more, in this life or another. What the readers have not read stays readable;
+// another thread that publishes still is refused.
 void Service::EndAtExit()
 {
     if (thread_.IsInChild()) {
@@ -158,9 +158,6 @@ void Service::FinishEnd()
         endpoint = std::move(endpoint_);
         pool = std::move(pool_);
         readersEnd_ = 0;
-        if (exiting_) {
-            static_cast<void>(pool.release());
-        }
     }
     endpoint.reset();  // before anyone is told that the name is free
     pool.reset();
