@@ -2,6 +2,7 @@
 
 A fault is told by the name of its function.
 """
+import contextlib
 import ctypes
 import resource
 import signal
@@ -68,72 +69,61 @@ def storm_of_sigpipe_at_read_threads(soak, _, subscriber):
         soak.start(subscriber)
 
 
-def current_reader_that_reads_nothing(soak, publisher, _):
-    """The pool runs empty, and nobody is cut off."""
-    soak.start_again(soak.random.choice(soak.readers()))
-    for subscriber in soak.subscribers:
-        subscriber.stall(asleep=True)
-    soak.until_pool_is_empty(publisher)
-    for subscriber in soak.subscribers:
-        subscriber.go_on()
-
-
+@contextlib.contextmanager
 def one_reader(soak):
-    """It, and those that have been stopped: none of them may reconnect just now and take the stream."""
+    """It, and one of those that are stopped meanwhile: none may reconnect just now and take the stream."""
     reader, *others = soak.random.sample(soak.readers(), len(soak.readers()))
     for other in others:
         soak.stop(other)
     soak.start_again(reader)
-    return reader, others
+    yield reader, others[0]
+    for other in others:
+        if not other.started:
+            soak.start(other)
 
 
 def superseded_reader_that_stalls(soak, publisher, _):
     """It is cut off when it holds the blocks of an empty pool, and must not take the stream from the newest reader."""
-    older, (newer, *others) = one_reader(soak)
-    older.stall(asleep=soak.chance(0.5))
-    if soak.chance(0.7):
-        soak.until_pool_is_empty(publisher)
-    soak.start_again(newer)
-    soak.until_stream_goes_on(publisher, newer)
-    older.go_on()
-    soak.until_stream_goes_on(publisher, newer)
-    for other in others:
-        soak.start(other)
+    with one_reader(soak) as (older, newer):
+        older.stall(asleep=soak.chance(0.5))
+        if soak.chance(0.7):
+            soak.until_pool_is_empty(publisher)
+        soak.start_again(newer)
+        soak.until_stream_goes_on(publisher, newer)
+        older.go_on()
+        soak.until_stream_goes_on(publisher, newer)
 
 
 def superseded_reader_that_is_slow(soak, publisher, _):
-    """It holds nearly all blocks, but reads one after the other: it gets all of them."""
-    older, (newer, *others) = one_reader(soak)
-    older.stall(asleep=False)
-    soak.until_pool_is_empty(publisher)
-    older.go_on(microseconds=soak.random.randint(300, 1000))
-    accepted = list(publisher.board.accepted)
-    soak.start_again(newer)
-    soak.wait_until(lambda: all(map(int.__ge__, older.newest(publisher.resource).next, accepted)),
-                    f"{older.name}, superseded and slow, does not get what was accepted for it")
-    older.go_on()
-    soak.until_stream_goes_on(publisher, newer)
-    for other in others:
-        soak.start(other)
+    """It holds all blocks, and is not cut off while it is the current one; then it reads one after the other, and gets
+    all of them."""
+    with one_reader(soak) as (older, newer):
+        older.stall(asleep=False)
+        soak.until_pool_is_empty(publisher)
+        older.go_on(microseconds=soak.random.randint(300, 1000))
+        accepted = list(publisher.board.accepted)
+        soak.start_again(newer)
+        soak.wait_until(lambda: all(map(int.__ge__, older.newest(publisher.resource).next, accepted)),
+                        f"{older.name}, superseded and slow, does not get what was accepted for it")
+        older.go_on()
+        soak.until_stream_goes_on(publisher, newer)
 
 
 def observer_beside_a_reader(soak, publisher, _):
     """It reads, then it does not for a while, and is told how many records that has cost it."""
-    reader, others = one_reader(soak)
     observer = soak.random.choice(soak.observers())
-    publisher.ask("pause")
-    before = sum(publisher.board.accepted)
-    soak.start_again(observer)
-    publisher.ask("go")
-    soak.until_stream_goes_on(publisher, reader)
-    observer.stall(asleep=soak.chance(0.5))
-    soak.until_stream_goes_on(publisher, reader)
-    observer.go_on()
-    publisher.ask("pause")
-    soak.until_observer_knows(observer, publisher, sum(publisher.board.accepted) - before)
-    publisher.ask("go")
-    for other in others:
-        soak.start(other)
+    with one_reader(soak) as (reader, _):
+        publisher.ask("pause")
+        before = sum(publisher.board.accepted)
+        soak.start_again(observer)
+        publisher.ask("go")
+        soak.until_stream_goes_on(publisher, reader)
+        observer.stall(asleep=soak.chance(0.5))
+        soak.until_stream_goes_on(publisher, reader)
+        observer.go_on()
+        publisher.ask("pause")
+        soak.until_observer_knows(observer, publisher, sum(publisher.board.accepted) - before)
+        publisher.ask("go")
 
 
 def full_disk_of_the_runtime_directory(soak, publisher, _):
@@ -198,6 +188,6 @@ def service_that_never_answers(soak, _, subscriber):
 
 FAULTS = [publisher_killed_or_restarted, subscriber_killed, subscriber_leaves_and_returns,
           subscriber_stopped_for_a_while, second_service_of_a_name, storm_of_sigpipe_at_read_threads,
-          current_reader_that_reads_nothing, superseded_reader_that_stalls, superseded_reader_that_is_slow,
-          observer_beside_a_reader, full_disk_of_the_runtime_directory, no_descriptors,
-          no_memory_for_threads_of_a_subscriber, stop_during_a_reconnection, service_that_never_answers]
+          superseded_reader_that_stalls, superseded_reader_that_is_slow, observer_beside_a_reader,
+          full_disk_of_the_runtime_directory, no_descriptors, no_memory_for_threads_of_a_subscriber,
+          stop_during_a_reconnection, service_that_never_answers]
