@@ -15,6 +15,8 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "report_event/ResultCodes.h"
+
 namespace tools {
 
 namespace {
@@ -25,15 +27,15 @@ struct NamedResult {
 };
 
 constexpr NamedResult RESULTS[] = {
-    {0xF10005, "resource file that cannot be opened"},
-    {0xF10204, "null pointer"},
-    {0xF10205, "wrong size"},
-    {0xF10206, "rejected, repeated or unknown resource name"},
-    {0xF10207, "service registration failed"},
-    {0xF10208, "pool registration failed"},
-    {0xF10209, "no block is free in the pool"},
-    {0xF1020A, "block write failed"},
-    {0xF1020B, "enqueue failed"},
+    {ReportEvent::RESULT_OPEN_FAILED, "resource file that cannot be opened"},
+    {ReportEvent::RESULT_NULL_POINTER, "null pointer"},
+    {ReportEvent::RESULT_WRONG_SIZE, "wrong size"},
+    {ReportEvent::RESULT_BAD_NAME, "rejected, repeated or unknown resource name"},
+    {ReportEvent::RESULT_SERVICE_FAILED, "service registration failed"},
+    {ReportEvent::RESULT_POOL_FAILED, "pool registration failed"},
+    {ReportEvent::RESULT_NO_BLOCK, "no block is free in the pool"},
+    {ReportEvent::RESULT_WRITE_FAILED, "block write failed"},
+    {ReportEvent::RESULT_ENQUEUE_FAILED, "enqueue failed"},
 };
 
 int OpenStopSignals()
