@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 
 namespace tools {
 
@@ -20,24 +19,15 @@ void EventPrinter::PrintHeader()
     Write(ColumnHeader() + '\n');
 }
 
-void EventPrinter::PrintFault(const EventInfo& event, const UDSInfoForCpp& uds)
-{
-    PrintEvent(DescribeFault(style_, std::chrono::system_clock::now(), event, uds) + '\n');
-}
-
-void EventPrinter::PrintDevice(ReportEvent::EventType family, const dsmi_event& event)
-{
-    PrintEvent(DescribeDevice(style_, std::chrono::system_clock::now(), family, event) + '\n');
-}
-
 int EventPrinter::WriteError() const
 {
     const std::lock_guard<std::mutex> lock(mutex_);
     return writeError_;
 }
 
-void EventPrinter::PrintEvent(const std::string& line)
+void EventPrinter::Print(const Event& event)
 {
+    const std::string line = Describe(style_, event) + '\n';
     const std::lock_guard<std::mutex> lock(mutex_);
     if (remaining_ == 0 || writeError_ != 0 || !Write(line)) {
         return;

@@ -6,8 +6,7 @@
 #include <mutex>
 #include <string>
 
-#include "report_event/EventRecord.h"
-#include "report_event/EventTypes.h"
+#include "tools/Event.h"
 #include "tools/EventText.h"
 #include "tools/ToolSupport.h"
 
@@ -24,8 +23,7 @@ public:
     EventPrinter(int fd, TextStyle style, uint64_t limit);
 
     void PrintHeader();
-    void PrintFault(const EventInfo& event, const UDSInfoForCpp& uds);
-    void PrintDevice(ReportEvent::EventType family, const dsmi_event& event);
+    void Print(const Event& event);
 
     // Readable once nothing more will be printed: the limit is reached or the output cannot be written.
     int EndedDescriptor() const
@@ -40,7 +38,6 @@ public:
     int WriteError() const;
 
 private:
-    void PrintEvent(const std::string& line);
     bool Write(const std::string& line);
     bool WaitUntilWritable() const;
 

@@ -1,13 +1,14 @@
 #include "tools/Records.h"
 
 #include <chrono>
-#include <cstring>
 #include <limits>
 #include <optional>
 #include <stdexcept>
 
 #include "platform/host/fte/FaultRecordEncoder.h"
 #include "report_event/EventRecord.h"
+#include "tools/Hexadecimal.h"
+#include "tools/Printable.h"
 #include "tools/ToolSupport.h"
 
 namespace tools {
@@ -46,56 +47,52 @@ constexpr NumberField FIELDS[] = {
     {"--uds-id", "Identifier of the diagnostic information (fault)", "0", MaxOf<uint16_t>(), 0},
 };
 
-constexpr size_t RAW_NAME_SIZE = sizeof(dsmi_event::eventName);
-
-int HexadecimalDigit(char c)
-{
-    if (c >= '0' && c <= '9') {
-        return c - '0';
-    }
-    if (c >= 'a' && c <= 'f') {
-        return c - 'a' + 10;
-    }
-    return c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
-}
-
 uint64_t NanosecondsSinceEpoch()
 {
     const auto now = std::chrono::system_clock::now().time_since_epoch();
     return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(now).count());
 }
 
-}  // namespace
-
-Record ParseHexadecimal(const std::string& text)
+host_platform::fte::FaultEvent ToEncoded(const StoredEvent& event)
 {
-    Record bytes;
-    for (size_t i = 0; i < text.size();) {
-        if (text[i] == ' ' || text[i] == '\t' || text[i] == '\r') {
-            ++i;
-            continue;
-        }
-        const int high = HexadecimalDigit(text[i]);
-        const int low = i + 1 < text.size() ? HexadecimalDigit(text[i + 1]) : -1;
-        if (high < 0 || low < 0) {
-            throw std::invalid_argument("not a byte of two hexadecimal digits at character " + std::to_string(i + 1));
-        }
-        bytes.push_back(static_cast<unsigned char>(high << 4 | low));
-        i += 2;
+    host_platform::fte::FaultEvent encoded;
+    encoded.eventId = event.fault.eventId;
+    encoded.assertion = event.fault.assertion;
+    encoded.nodeId = event.fault.nodeId;
+    encoded.deviceId = event.fault.deviceId;
+    encoded.osId = event.fault.osId;
+    encoded.name = event.View().NameBytes();
+    encoded.udsId = event.uds.udsId;
+    for (const DidInfoForCpp& did : event.uds.didInfo) {
+        encoded.dids.push_back({did.did, did.data});
     }
-    return bytes;
+    return encoded;
 }
 
-std::string ToHexadecimal(const Record& record)
+DidInfoForCpp ParseDid(const std::string& text)
 {
-    static constexpr char DIGITS[] = "0123456789abcdef";
-    std::string text;
-    text.reserve(2 * record.size());
-    for (const unsigned char byte : record) {
-        text += DIGITS[byte >> 4];
-        text += DIGITS[byte & 0xF];
+    const size_t equals = text.find('=');
+    const std::optional<uint64_t> id = ParseNumber(text.substr(0, equals));
+    if (equals == std::string::npos || !id || *id > MaxOf<uint16_t>()) {
+        throw CLI::ValidationError("--did", "'" + text + "' is not ID=HEXBYTES with an ID from 0 to 65535");
     }
-    return text;
+    try {
+        return {static_cast<uint16_t>(*id), ParseHexadecimal(text.substr(equals + 1))};
+    } catch (const std::invalid_argument& error) {
+        throw CLI::ValidationError("--did", "'" + text + "': " + error.what() + " after the '='");
+    }
+}
+
+}  // namespace
+
+Record MakeRecord(const StoredEvent& event, bool forceLog)
+{
+    if (event.kind == EventKind::Fault) {
+        return host_platform::fte::EncodeRecord(ToEncoded(event), forceLog);
+    }
+    const auto family = event.kind == EventKind::Security ? ReportEvent::SECURITY_EVENT : ReportEvent::FAULT_EVENT;
+    const ReportEvent::RawRecord raw = ReportEvent::MakeRawRecord(family, forceLog, event.device);
+    return Record(std::begin(raw.bytes), std::end(raw.bytes));
 }
 
 std::vector<CLI::Option*> RecordOptions::AddTo(CLI::App& app)
@@ -147,10 +144,6 @@ void RecordOptions::Check() const
     if (!IsFault() && !dids_.empty()) {
         throw CLI::ValidationError("--did", "a " + kind_ + " event has no such field");
     }
-    if (!IsFault() && name_.size() > RAW_NAME_SIZE) {
-        throw CLI::ValidationError("--name", std::to_string(name_.size()) + " bytes; at most " +
-                                                 std::to_string(RAW_NAME_SIZE) + " fit into a " + kind_ + " event");
-    }
     try {
         Make(0);
     } catch (const std::logic_error& error) {
@@ -160,62 +153,47 @@ void RecordOptions::Check() const
 
 Record RecordOptions::Make(uint64_t index) const
 {
-    return IsFault() ? MakeFault() : MakeRaw(index);
+    StoredEvent event;
+    event.kind = ParseKind(kind_).value_or(EventKind::Fault);
+    event.SetName(name_);
+    if (IsFault()) {
+        FillFault(event);
+    } else {
+        FillDevice(event, index);
+    }
+    return MakeRecord(event, forceLog_);
 }
 
 std::string RecordOptions::Description() const
 {
     char id[16];
     std::snprintf(id, sizeof(id), "0x%04X", static_cast<unsigned int>(values_[EVENT_ID]));
-    return kind_ + " event " + id + " \"" + name_ + "\"";
+    return kind_ + " event " + id + " " + Quoted(name_);
 }
 
-RecordOptions::Did RecordOptions::ParseDid(const std::string& text)
+void RecordOptions::FillFault(StoredEvent& event) const
 {
-    const size_t equals = text.find('=');
-    const std::optional<uint64_t> id = ParseNumber(text.substr(0, equals));
-    if (equals == std::string::npos || !id || *id > MaxOf<uint16_t>()) {
-        throw CLI::ValidationError("--did", "'" + text + "' is not ID=HEXBYTES with an ID from 0 to 65535");
-    }
-    try {
-        return {static_cast<uint16_t>(*id), ParseHexadecimal(text.substr(equals + 1))};
-    } catch (const std::invalid_argument& error) {
-        throw CLI::ValidationError("--did", "'" + text + "': " + error.what() + " after the '='");
-    }
+    event.fault.eventId = static_cast<uint16_t>(values_[EVENT_ID]);
+    event.fault.assertion = static_cast<uint8_t>(values_[ASSERTION]);
+    event.fault.nodeId = static_cast<uint32_t>(values_[NODE_ID]);
+    event.fault.deviceId = static_cast<uint8_t>(values_[DEVICE_ID]);
+    event.fault.osId = static_cast<uint32_t>(values_[OS_ID]);
+    event.uds.udsId = static_cast<uint16_t>(values_[UDS_ID]);
+    event.uds.didInfo = dids_;
 }
 
-Record RecordOptions::MakeFault() const
+void RecordOptions::FillDevice(StoredEvent& event, uint64_t index) const
 {
-    host_platform::fte::FaultEvent event;
-    event.eventId = static_cast<uint16_t>(values_[EVENT_ID]);
-    event.assertion = static_cast<uint8_t>(values_[ASSERTION]);
-    event.nodeId = static_cast<uint32_t>(values_[NODE_ID]);
-    event.deviceId = static_cast<uint8_t>(values_[DEVICE_ID]);
-    event.osId = static_cast<uint32_t>(values_[OS_ID]);
-    event.name = name_;
-    event.udsId = static_cast<uint16_t>(values_[UDS_ID]);
-    for (const Did& did : dids_) {
-        event.dids.push_back({did.id, did.data});
-    }
-    return host_platform::fte::EncodeRecord(event, forceLog_);
-}
-
-Record RecordOptions::MakeRaw(uint64_t index) const
-{
-    dsmi_event event{};
-    event.eventId = static_cast<uint32_t>(values_[EVENT_ID]);
-    event.deviceId = static_cast<uint16_t>(values_[DEVICE_ID]);
-    event.nodeId = static_cast<uint8_t>(values_[NODE_ID]);
-    event.severity = static_cast<uint8_t>(values_[SEVERITY]);
-    event.assertion = static_cast<uint8_t>(values_[ASSERTION]);
-    event.eventSerialNum = static_cast<int32_t>((values_[SERIAL] + index) % (MaxOf<int32_t>() + 1));
-    event.notifySerialNum = static_cast<int32_t>(values_[NOTIFY_SERIAL]);
-    event.eventArisedTime = given_[ARISED_TIME]->count() != 0 ? values_[ARISED_TIME] : NanosecondsSinceEpoch();
-    event.osId = static_cast<uint8_t>(values_[OS_ID]);
-    std::memcpy(event.eventName, name_.data(), name_.size());
-    const auto family = kind_ == "security" ? ReportEvent::SECURITY_EVENT : ReportEvent::FAULT_EVENT;
-    const ReportEvent::RawRecord raw = ReportEvent::MakeRawRecord(family, forceLog_, event);
-    return Record(std::begin(raw.bytes), std::end(raw.bytes));
+    dsmi_event& device = event.device;
+    device.eventId = static_cast<uint32_t>(values_[EVENT_ID]);
+    device.deviceId = static_cast<uint16_t>(values_[DEVICE_ID]);
+    device.nodeId = static_cast<uint8_t>(values_[NODE_ID]);
+    device.severity = static_cast<uint8_t>(values_[SEVERITY]);
+    device.assertion = static_cast<uint8_t>(values_[ASSERTION]);
+    device.eventSerialNum = static_cast<int32_t>((values_[SERIAL] + index) % (MaxOf<int32_t>() + 1));
+    device.notifySerialNum = static_cast<int32_t>(values_[NOTIFY_SERIAL]);
+    device.eventArisedTime = given_[ARISED_TIME]->count() != 0 ? values_[ARISED_TIME] : NanosecondsSinceEpoch();
+    device.osId = static_cast<uint8_t>(values_[OS_ID]);
 }
 
 }  // namespace tools

@@ -1,20 +1,21 @@
-// The records that report-event-publish sends: made from options, or read as lines of hexadecimal text.
+// The records that report-event-publish sends, made from events, and the events that its options describe.
 #ifndef REPORT_EVENT_TOOLS_RECORDS_H
 #define REPORT_EVENT_TOOLS_RECORDS_H
 
 #include <CLI/CLI.hpp>
-#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
+
+#include "tools/Event.h"
 
 namespace tools {
 
 using Record = std::vector<unsigned char>;
 
-// "00010a": two digits a byte; blanks between bytes are allowed. Throws std::invalid_argument with the cause.
-Record ParseHexadecimal(const std::string& text);
-std::string ToHexadecimal(const Record& record);
+// The record that carries `event`, which is not a pm-lost. Throws std::logic_error with the cause when there is none:
+// the event does not fit, or its name is one that a fault cannot have.
+Record MakeRecord(const StoredEvent& event, bool forceLog);
 
 // The options that describe a record.
 class RecordOptions {
@@ -47,25 +48,20 @@ private:
         UDS_ID,
         FIELD_COUNT
     };
-    struct Did {
-        uint16_t id;
-        Record data;
-    };
 
     bool IsFault() const
     {
         return kind_ == "fault";
     }
-    static Did ParseDid(const std::string& text);
-    Record MakeFault() const;
-    Record MakeRaw(uint64_t index) const;
+    void FillFault(StoredEvent& event) const;
+    void FillDevice(StoredEvent& event, uint64_t index) const;
 
     std::string kind_ = "fault";
     std::string name_ = "test event";
     bool forceLog_ = false;
     uint64_t values_[FIELD_COUNT] = {};
     CLI::Option* given_[FIELD_COUNT] = {};
-    std::vector<Did> dids_;
+    std::vector<DidInfoForCpp> dids_;
 };
 
 }  // namespace tools

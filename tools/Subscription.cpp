@@ -13,15 +13,8 @@ namespace tools {
 
 namespace {
 
-constexpr size_t THREAD_NAME_LENGTH = 15;
-
 // Between two tries to register; each that fails leaves its cause in the log.
 constexpr std::chrono::milliseconds LONGEST_PAUSE{1000};
-
-std::string ReadThreadName(const std::string& file)
-{
-    return ("Rd_" + file).substr(0, THREAD_NAME_LENGTH);
-}
 
 std::string Join(const std::vector<std::string>& names)
 {
@@ -33,6 +26,11 @@ std::string Join(const std::vector<std::string>& names)
 }
 
 }  // namespace
+
+std::string ReadThreadName(const std::string& file)
+{
+    return ("Rd_" + file).substr(0, READ_THREAD_NAME_LENGTH);
+}
 
 std::vector<std::string> FilesWithoutReadThread(const std::vector<std::string>& files)
 {

@@ -3,11 +3,16 @@
 #define REPORT_EVENT_TOOLS_SUBSCRIPTION_H
 
 #include <chrono>
+#include <cstddef>
 #include <functional>
 #include <string>
 #include <vector>
 
 namespace tools {
+
+// The library names a file's read thread after it; the system keeps that much of the name.
+constexpr size_t READ_THREAD_NAME_LENGTH = 15;
+std::string ReadThreadName(const std::string& file);
 
 // The library keeps one read thread per subscribed file and ends it when the file is lost for good; it has no call that
 // tells. Returns those of `files` that lack their thread. The system keeps 15 characters of a thread's name, so files

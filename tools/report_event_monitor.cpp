@@ -4,6 +4,7 @@
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <deque>
@@ -11,18 +12,18 @@
 #include <set>
 #include <string>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 #include "report_event/ReportEventServer.h"
+#include "report_event/ResourceNames.h"
 #include "tools/EventPrinter.h"
+#include "tools/Platform.h"
 #include "tools/Subscription.h"
 #include "tools/ToolSupport.h"
 
 namespace tools {
 namespace {
-
-constexpr const char* DEFAULT_FAULT_FILE = "dp:/res/pm/fm";
-constexpr const char* SECURITY_FILE = "dp:/res/iam/sec_event";
 
 struct Options {
     std::vector<std::string> faultFiles;
@@ -41,42 +42,55 @@ void AddOptions(CLI::App& app, Options& options)
         "It becomes the current reader of each resource it subscribes to: the newest reader takes\n"
         "the whole stream, and whoever read the resource before receives nothing more, also after\n"
         "the monitor has left.");
-    app.footer(JsonDescription() +
-               "\n"
-               "A lost process manager is printed as pm-lost; its resource stays lost unless --follow is\n"
-               "given. Any other resource is reopened for 5 seconds in any case.\n"
-               "\n"
-               "Exit status: 0 after SIGINT, SIGTERM, --count events or a closed pipe; 1 when a resource\n"
-               "cannot be subscribed or the output cannot be written; 2 for a wrong command line.\n"
-               "\n"
-               "The library logs to standard error; SLOG_LEVELS and SLOG_EVENT_FILE say what and where:\n"
-               "SLOG_LEVELS= silences it, but for event-log lines.");
+    app.footer(
+        "A lost process manager is printed as pm-lost; its resource stays lost unless --follow is\n"
+        "given. Any other resource is reopened for 5 seconds in any case.\n"
+        "\n"
+        "Exit status: 0 after SIGINT, SIGTERM, --count events or a closed pipe; 1 when a resource\n"
+        "cannot be subscribed or the output cannot be written; 2 for a wrong command line.\n"
+        "\n"
+        "The library logs to standard error; SLOG_LEVELS and SLOG_EVENT_FILE say what and where:\n"
+        "SLOG_LEVELS= silences it, but for event-log lines.");
     app.set_version_flag("--version", REPORT_EVENT_VERSION, "Print the version and exit");
     app.add_option("--fault", options.faultFiles,
                    std::string("Subscribe to the fault events of this resource; may be repeated\n"
                                "(without --fault and --security: ") +
-                       DEFAULT_FAULT_FILE + ")")
+                       ReportEvent::PM_FAULT_RESOURCE + ")")
         ->type_name("NAME")
         ->allow_extra_args(false);
-    app.add_flag("--security", options.security, std::string("Subscribe to the security events, ") + SECURITY_FILE);
-    app.add_flag("--json", options.json, "Print one JSON object per line");
+    app.add_flag("--security", options.security,
+                 std::string("Subscribe to the security events, ") + ReportEvent::SECURITY_RESOURCE);
+    app.add_flag("--json", options.json,
+                 "Print one JSON object per line, in a form that stays (docs/json.md)\n"
+                 "and that report-event-publish --from publishes again");
     AddNumber(app, "--count", options.count, 1, EventPrinter::UNLIMITED - 1, "End after N events");
     app.add_flag("--follow", options.follow,
                  "Wait for resources that are not there, and register again when one goes\n"
                  "away, until it is back");
 }
 
-// The library's rule for names, checked here so that the name at fault can be told.
+const char* Describe(ReportEvent::NameFault fault)
+{
+    switch (fault) {
+        case ReportEvent::NameFault::HAS_DOT:
+            return "it has a '.'";
+        case ReportEvent::NameFault::NO_COLON:
+            return "it has no ':'";
+        case ReportEvent::NameFault::WRONG_PREFIX:
+            return "its first ':' is not followed by \"/res/\"";
+        default:
+            return "it has a NUL character";
+    }
+}
+
+// What the library would reject, found here so that the name at fault can be told.
 void CheckFaultFiles(const std::vector<std::string>& files)
 {
     std::set<std::string> seen;
     for (const std::string& file : files) {
-        const size_t colon = file.find(':');
-        if (colon == std::string::npos || file.find('.') != std::string::npos ||
-            file.find("/res/", colon) == std::string::npos) {
-            throw CLI::ValidationError("--fault", "'" + file +
-                                                      "' is not a resource name: it must have a ':' followed by "
-                                                      "\"/res/\", and no '.'");
+        const ReportEvent::NameFault fault = ReportEvent::CheckResourceName(file);
+        if (fault != ReportEvent::NameFault::NONE) {
+            throw CLI::ValidationError("--fault", "'" + file + "' is not a resource name: " + Describe(fault));
         }
         if (!seen.insert(file).second) {
             throw CLI::ValidationError("--fault", "'" + file + "' is given twice");
@@ -94,26 +108,48 @@ TextStyle ChooseStyle(bool json)
     return colour ? TextStyle::Colour : TextStyle::Plain;
 }
 
-void AddSubscriptions(std::deque<Subscription>& subscriptions, const Options& options, EventPrinter& printer)
+// What the callbacks do. Those of either family get what comes in on the files of both.
+class Receiver {
+public:
+    Receiver(std::vector<std::string> files, EventPrinter& printer) : files_(std::move(files)), printer_(printer)
+    {
+    }
+
+    void OnFault(const EventInfo& event, const UDSInfoForCpp& uds) const
+    {
+        printer_.Print(MakeEvent(platform::SourceOfThisThread(files_), std::chrono::system_clock::now(), event, uds));
+    }
+    void OnDevice(ReportEvent::EventType family, const dsmi_event& event) const
+    {
+        printer_.Print(
+            MakeEvent(platform::SourceOfThisThread(files_), std::chrono::system_clock::now(), family, event));
+    }
+
+private:
+    const std::vector<std::string> files_;
+    EventPrinter& printer_;
+};
+
+void AddSubscriptions(std::deque<Subscription>& subscriptions, const Options& options, const Receiver& receiver)
 {
     if (!options.faultFiles.empty()) {
         const auto& files = options.faultFiles;
         subscriptions.emplace_back(
             files,
-            [&files, &printer] {
+            [&files, &receiver] {
                 return ReportEventServer::GetInstance().FmRegisterMidReportEventImpl(
                     files,
-                    [&printer](const EventInfo& event, const UDSInfoForCpp& uds) { printer.PrintFault(event, uds); },
-                    [&printer](const dsmi_event& event) { printer.PrintDevice(ReportEvent::FAULT_EVENT, event); });
+                    [&receiver](const EventInfo& event, const UDSInfoForCpp& uds) { receiver.OnFault(event, uds); },
+                    [&receiver](const dsmi_event& event) { receiver.OnDevice(ReportEvent::FAULT_EVENT, event); });
             },
             [&files] { return ReportEventServer::GetInstance().FmUnregisterReportEventImpl(files); });
     }
     if (options.security) {
         subscriptions.emplace_back(
-            std::vector<std::string>{SECURITY_FILE},
-            [&printer] {
+            std::vector<std::string>{ReportEvent::SECURITY_RESOURCE},
+            [&receiver] {
                 return ReportEventServer::GetInstance().RegIDSEventReportHandlerImpl(
-                    [&printer](const dsmi_event& event) { printer.PrintDevice(ReportEvent::SECURITY_EVENT, event); });
+                    [&receiver](const dsmi_event& event) { receiver.OnDevice(ReportEvent::SECURITY_EVENT, event); });
             },
             [] { return ReportEventServer::GetInstance().UnregIDSEventReportHandlerImpl(); });
     }
@@ -167,8 +203,13 @@ int Monitor(const Options& options)
         printer.PrintHeader();
     }
 
+    std::vector<std::string> files = options.faultFiles;
+    if (options.security) {
+        files.emplace_back(ReportEvent::SECURITY_RESOURCE);
+    }
+    const Receiver receiver(files, printer);
     std::deque<Subscription> subscriptions;
-    AddSubscriptions(subscriptions, options, printer);
+    AddSubscriptions(subscriptions, options, receiver);
     const bool started = StartAll(subscriptions, options.follow);
     const int timeout = options.follow ? static_cast<int>(Subscription::LOOK_INTERVAL.count()) : -1;
     while (started && WaitForWake(signals, printer, timeout) == Wake::Timeout) {
@@ -201,7 +242,7 @@ int main(int argc, char** argv)
             return *exitCode;
         }
         if (options.faultFiles.empty() && !options.security) {
-            options.faultFiles.emplace_back(tools::DEFAULT_FAULT_FILE);
+            options.faultFiles.emplace_back(ReportEvent::PM_FAULT_RESOURCE);
         }
         return tools::Monitor(options);
     } catch (const std::exception& error) {

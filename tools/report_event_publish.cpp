@@ -17,6 +17,7 @@
 #include "platform/host/iam/HostService.h"
 #include "report_event/EventRecord.h"
 #include "report_event/ReportEventClient.h"
+#include "tools/Hexadecimal.h"
 #include "tools/LineReader.h"
 #include "tools/Records.h"
 #include "tools/ToolSupport.h"
@@ -250,7 +251,8 @@ bool PublishFromLines(Publisher& publisher, LineReader& lines, const StopSignals
 int Print(const Options& options, StandardOutput& output)
 {
     for (uint64_t i = 0; i < options.count; ++i) {
-        output.PrintLine(ToHexadecimal(options.record.Make(i)));
+        const Record record = options.record.Make(i);
+        output.PrintLine(ToHexadecimal(record.data(), record.size()));
     }
     return EXIT_SUCCESS;
 }

@@ -156,16 +156,17 @@ TEST_F(EndToEnd, RecordsOfEveryKindAndSizeArriveWithAllTheirFields)
         line.erase(line.find("arrival") + 10, 27);
     }
     const Words expected = {
-        R"({"kind":"device","arrival":"","eventId":185207048,"eventName":")" + std::string(288, 'n') +
+        R"({"kind":"device","resource":"dp:/res/pm/fm","arrival":"","eventId":185207048,"eventName":")" +
+            std::string(288, 'n') +
             R"(","severity":18,"assertion":19,"nodeId":15,"deviceId":3340,"osId":72,"eventSerialNum":-5,)"
             R"("notifySerialNum":454695192,"eventArisedTime":2820983053732684064,"reserved":"00010203040506070e1011)"
             R"(1c1d1e1f494a4b4c4d4e4f505152535455565758595a5b5c5d5e5f6061626364656667"})",
-        R"({"kind":"fault","arrival":"","eventId":258,"eventName":")" + name +
+        R"({"kind":"fault","resource":"dp:/res/pm/fm","arrival":"","eventId":258,"eventName":")" + name +
             R"(","assertion":1,"nodeId":50595078,"deviceId":7,"osId":134810123,"udsId":3085,"dids":[)"
             R"({"did":1,"data":"01ff"},{"did":61857,"data":")" +
             Hex(fault.dids[1].data) + R"("}]})",
-        R"({"kind":"security","arrival":"","eventId":305419896,"eventName":"é","severity":2,"assertion":0,"nodeId":3,)"
-        R"("deviceId":4,"osId":5,"eventSerialNum":6,"notifySerialNum":7,"eventArisedTime":8,"reserved":")" +
+        R"({"kind":"security","resource":"dp:/res/iam/sec_event","arrival":"","eventId":305419896,"eventName":"é",)"
+        R"("severity":2,"assertion":0,"nodeId":3,"deviceId":4,"osId":5,"eventSerialNum":6,"notifySerialNum":7,"eventArisedTime":8,"reserved":")" +
             std::string(92, '0') + R"("})"};
     EXPECT_EQ(lines, expected);
     ExpectStop(*pm, SIGINT);
@@ -184,7 +185,7 @@ TEST_F(EndToEnd, AKilledProcessManagerIsReportedAndAnotherServiceIsReopened)
 
     EXPECT_EQ(pm->Stop(SIGKILL), 128 + SIGKILL);
     const std::string lost = Events(*monitor, 4)[3];
-    ExpectHolds(lost, R"({"kind":"pm-lost","arrival":")");
+    ExpectHolds(lost, R"({"kind":"pm-lost","resource":"fault-reporting","arrival":")");
     ExpectHolds(lost, R"("eventId":2349047808,"eventName":"process-manager","severity":2,"assertion":1,)");
     ExpectHolds(lost, R"("deviceId":65535,)");
     EXPECT_EQ(security->Stop(SIGKILL), 128 + SIGKILL);

@@ -1,12 +1,141 @@
-// What the programs are made of: text that is safe to show.
+// What the programs are made of: the JSON form of events, and text that is safe to show.
 #include <gtest/gtest.h>
 
+#include <cstring>
+#include <nlohmann/json.hpp>
+#include <numeric>
+#include <stdexcept>
 #include <string>
+#include <vector>
 
+#include "tools/EventJson.h"
 #include "tools/Printable.h"
+#include "tools/Records.h"
 
 namespace tools {
 namespace {
+
+constexpr const char* ARRIVAL = "2024-05-06T07:08:09.000345Z";
+
+StoredEvent Make(EventKind kind, const std::string& resource, std::string_view name)
+{
+    StoredEvent event;
+    event.kind = kind;
+    event.resource = resource;
+    event.arrival = ParseUtcTime(ARRIVAL);
+    event.SetName(name);
+    return event;
+}
+
+StoredEvent MakeFault()
+{
+    StoredEvent event = Make(EventKind::Fault, "dp:/res/pm/fm", "fan \xC3\xA9\x1B\"");
+    event.fault.eventId = 65535;
+    event.fault.assertion = 255;
+    event.fault.nodeId = 4294967295;
+    event.fault.deviceId = 7;
+    event.fault.osId = 134810123;
+    event.uds = {3085, {{1, {1, 255}}, {61857, {}}}};
+    return event;
+}
+
+// Every byte of it tells its own place. The name is no UTF-8, and goes on behind a NUL.
+StoredEvent MakeDevice()
+{
+    StoredEvent event = Make(EventKind::Device, "x:/res/y", "");
+    auto* const bytes = reinterpret_cast<unsigned char*>(&event.device);
+    std::iota(bytes, bytes + sizeof(event.device), static_cast<unsigned char>(0));
+    event.device.eventSerialNum = -5;
+    event.device.eventArisedTime = UINT64_MAX;
+    std::memset(event.device.eventName, 0, sizeof(event.device.eventName));
+    event.SetName(std::string_view("\xFF\0b", 3));
+    return event;
+}
+
+struct PinnedLine {
+    StoredEvent event;
+    std::string line;
+};
+
+std::vector<PinnedLine> PinnedLines()
+{
+    return {
+        {MakeFault(),
+         R"({"kind":"fault","resource":"dp:/res/pm/fm","arrival":"2024-05-06T07:08:09.000345Z","eventId":65535,)"
+         R"("eventName":"fan é\u001b\"","assertion":255,"nodeId":4294967295,"deviceId":7,"osId":134810123,)"
+         R"("udsId":3085,"dids":[{"did":1,"data":"01ff"},{"did":61857,"data":""}]})"},
+        {MakeDevice(),
+         R"({"kind":"device","resource":"x:/res/y","arrival":"2024-05-06T07:08:09.000345Z","eventId":185207048,)"
+         "\"eventName\":\"\xEF\xBF\xBD\","
+         R"("eventNameHex":"ff0062","severity":18,"assertion":19,"nodeId":15,"deviceId":3340,"osId":72,)"
+         R"("eventSerialNum":-5,"notifySerialNum":454695192,"eventArisedTime":18446744073709551615,)"
+         R"("reserved":"00010203040506070e10111c1d1e1f494a4b4c4d4e4f505152535455565758595a5b5c5d5e5f6061626364656667"})"},
+        {Make(EventKind::Security, "dp:/res/iam/sec_event", std::string(288, 'n')),
+         R"({"kind":"security","resource":"dp:/res/iam/sec_event","arrival":"2024-05-06T07:08:09.000345Z",)"
+         R"("eventId":0,"eventName":")" +
+             std::string(288, 'n') +
+             R"(","severity":0,"assertion":0,"nodeId":0,"deviceId":0,"osId":0,"eventSerialNum":0,)"
+             R"("notifySerialNum":0,"eventArisedTime":0,"reserved":")" +
+             std::string(92, '0') + R"("})"},
+    };
+}
+
+TEST(EventJson, TheFormOfEachKindIsPinnedAndReadsBackToTheSameRecord)
+{
+    for (const PinnedLine& pinned : PinnedLines()) {
+        EXPECT_EQ(ToLine(ToJson(pinned.event.View())), pinned.line);
+        const StoredEvent read = ParseEvent(pinned.line);
+        EXPECT_EQ(ToLine(ToJson(read.View())), pinned.line);
+        EXPECT_EQ(MakeRecord(read, true), MakeRecord(pinned.event, true)) << pinned.line;
+    }
+    dsmi_event lost{};
+    lost.eventId = 0x8C03A000;
+    EXPECT_EQ(MakeEvent(FAULT_REPORTING, {}, ReportEvent::FAULT_EVENT, lost).kind, EventKind::PmLost);
+    EXPECT_EQ(MakeEvent("x:/res/y", {}, ReportEvent::FAULT_EVENT, lost).kind, EventKind::Device);
+}
+
+TEST(EventJson, ALineIsReadWhateverElseItHoldsAndRefusedWithItsCauseWhenItDoesNotFit)
+{
+    const std::string fault = ToLine(ToJson(MakeFault().View()));
+    const std::string device = ToLine(ToJson(MakeDevice().View()));
+    const struct {
+        std::string line, part, replacement, cause;
+    } cases[] = {
+        {fault, "{\"kind", "{\"new\":[1],\"kind", ""},
+        {fault, "\"arrival\":\"2024-05-06T07:08:09.000345Z\",", "", ""},
+        {device, "\"resource\":\"x:/res/y\",", "", ""},
+        {fault, "}]}", "}]", "not a JSON object"},
+        {fault, fault, "[]", "not a JSON object"},
+        {fault, "\"fault\"", "\"panic\"", "'kind' is not fault, device, security or pm-lost"},
+        {fault, "\"kind\"", "\"kin\"", "no 'kind'"},
+        {fault, "09.000345Z", "09.000345", "'arrival' is not a time"},
+        {fault, "05-06T", "05-66T", "'arrival' is not a time"},
+        {fault, "65535", "65536", "'eventId' is not a whole number from 0 to 65535"},
+        {fault, "65535", "-1", "'eventId' is not a whole number"},
+        {fault, "65535", "1.5", "'eventId' is not a whole number"},
+        {fault, "\"udsId\":3085,", "", "no 'udsId'"},
+        {fault, "01ff", "01f", "'data': not a byte of two hexadecimal digits at character 3"},
+        {fault, "\"dids\":[", "\"dids\":7,\"x\":[", "'dids' is not an array"},
+        {fault, "fan ", std::string(125, 'n'), "a name of 129 bytes; at most 128 fit into a fault event"},
+        {device, ":-5", ":-2147483649", "'eventSerialNum' is not a whole number from -2147483648 to 2147483647"},
+        {device, "18446744073709551615", "18446744073709551616", "'eventArisedTime' is not a whole number"},
+        {device, "6667\"", "66\"", "'reserved' is not hexadecimal text of 46 bytes"},
+        {device, "ff0062", std::string(578, '0'), "a name of 289 bytes; at most 288 fit into a device event"},
+        {device, "\"ff0062\"", "5", "'eventNameHex' is not a text"},
+    };
+    for (const auto& [line, part, replacement, cause] : cases) {
+        std::string changed = line;
+        changed.replace(line.find(part), part.size(), replacement);
+        std::string message;
+        try {
+            ParseEvent(changed);
+        } catch (const std::invalid_argument& error) {
+            message = error.what();
+        }
+        EXPECT_EQ(message.substr(0, cause.size()), cause) << changed;
+        EXPECT_EQ(message.empty(), cause.empty()) << message;
+    }
+}
 
 TEST(Printable, ShowsTextAsItIsAndEscapesWhatCommandsATerminal)
 {
