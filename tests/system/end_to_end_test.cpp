@@ -8,129 +8,20 @@
 #include <ctime>
 #include <filesystem>
 #include <iterator>
-#include <memory>
-#include <numeric>
-#include <sstream>
 
 #include "platform/host/fte/FaultRecordEncoder.h"
-#include "report_event/EventRecord.h"
-#include "tests/system/Process.h"
+#include "tests/system/Programs.h"
+#include "tools/Hexadecimal.h"
 
 namespace system_test {
 namespace {
 
-using Running = std::unique_ptr<Process>;
+using EndToEnd = ProgramsTest;
 
-constexpr const char* PM = "dp:/res/pm/fm";  // what a monitor reads if it is not told otherwise
-constexpr const char* SECURITY = "dp:/res/iam/sec_event";
-
-template <typename Bytes>
-std::string Hex(const Bytes& bytes)
+std::string Hex(const std::vector<unsigned char>& bytes)
 {
-    std::string text;
-    for (const unsigned char byte : bytes) {
-        (text += "0123456789abcdef"[byte >> 4]) += "0123456789abcdef"[byte & 0xF];
-    }
-    return text;
+    return tools::ToHexadecimal(bytes.data(), bytes.size());
 }
-
-// Lines for a publisher: raw records whose events are numbered from `first` on. Every other byte tells its own place.
-std::string NumberedRecords(ReportEvent::EventType family, int first, int count)
-{
-    dsmi_event event;
-    auto* const bytes = reinterpret_cast<unsigned char*>(&event);
-    std::iota(bytes, bytes + sizeof(event), static_cast<unsigned char>(0));
-    std::fill(std::begin(event.eventName), std::end(event.eventName), 'n');  // no terminator
-    std::string lines;
-    for (event.eventSerialNum = first; event.eventSerialNum < first + count; ++event.eventSerialNum) {
-        lines += Hex(ReportEvent::MakeRawRecord(family, true, event).bytes) + "\n";
-    }
-    return lines;
-}
-
-// The lines of a monitor, once there are `count`.
-Words Events(Process& monitor, size_t count)
-{
-    EXPECT_TRUE(monitor.WaitForOutput("", count)) << monitor.Transcript();
-    Words events = monitor.Output();
-    events.resize(std::max(events.size(), count));
-    return events;
-}
-
-void ExpectHolds(const std::string& line, const std::string& text)
-{
-    EXPECT_NE(line.find(text), line.npos) << line;
-}
-
-// The events of a monitor from `from` on are numbered from `first` on.
-void ExpectNumbered(Process& monitor, size_t from, int first, size_t count)
-{
-    const Words events = Events(monitor, from + count);
-    for (size_t i = 0; i < count; ++i) {
-        ExpectHolds(events[from + i], "Num\":" + std::to_string(first++) + ",\"not");
-    }
-}
-
-void ExpectStop(Process& process, int signal)
-{
-    EXPECT_EQ(process.Stop(signal), 0) << process.Transcript();
-}
-void ExpectEnd(Process& process, int code = 0)
-{
-    EXPECT_EQ(process.Wait(), code) << process.Transcript();
-}
-
-// Starts `program` with arguments that are separated by blanks.
-Running Start(const std::string& program, const std::string& arguments = "", const std::string& input = "")
-{
-    std::istringstream words(arguments);
-    Words command = {program};
-    command.insert(command.end(), std::istream_iterator<std::string>(words), {});
-    return std::make_unique<Process>(command, input);
-}
-
-Running Shell(const std::string& script, const std::string& input = "")
-{
-    return std::make_unique<Process>(Words{"sh", "-c", script}, input);
-}
-
-// A publisher that serves `resource` already, publishes once a reader is there, and stays up.
-Running Serve(const std::string& resource, const std::string& arguments = "", const std::string& input = "")
-{
-    auto publisher = Start(PUBLISHER, "--resource " + resource + " --wait --serve " + arguments, input);
-    EXPECT_TRUE(publisher->WaitForOutput("serving " + resource)) << publisher->Transcript();
-    return publisher;
-}
-
-// One that publishes numbered events.
-Running ServeNumbered(const std::string& resource, int first, int count)
-{
-    const auto family = resource == SECURITY ? ReportEvent::SECURITY_EVENT : ReportEvent::FAULT_EVENT;
-    return Serve(resource, "--from -", NumberedRecords(family, first, count));
-}
-
-// A monitor that has opened `files` files.
-Running StartMonitor(const std::string& arguments, size_t files = 1)
-{
-    auto monitor = Start(MONITOR, "--json " + arguments);
-    EXPECT_TRUE(monitor->WaitForError("Open file success", files)) << monitor->Transcript();
-    // Registered in full: from here on a loss is delivered, too.
-    EXPECT_TRUE(files == 0 || monitor->WaitForError("receiving ")) << monitor->Transcript();
-    return monitor;
-}
-
-class EndToEnd : public testing::Test {
-protected:
-    EndToEnd()
-    {
-        setenv("SLOG_LEVELS", "2,3,16", 1);
-        // A sanitizer's exit code must not pass for one of a program's own.
-        for (const char* options : {"ASAN_OPTIONS", "TSAN_OPTIONS"}) {
-            setenv(options, "exitcode=99", 1);
-        }
-    }
-    RuntimeDirectory directory_;
-};
 
 TEST_F(EndToEnd, RecordsOfEveryKindAndSizeArriveWithAllTheirFields)
 {
