@@ -64,7 +64,9 @@ void StoredEvent::SetName(std::string_view name)
         throw std::invalid_argument("a name of " + std::to_string(name.size()) + " bytes; at most " +
                                     std::to_string(most) + " fit into a " + KindName(kind) + " event");
     }
-    std::memcpy(isFault ? fault.eventPara.buf : device.eventName, name.data(), name.size());
+    char* const area = isFault ? fault.eventPara.buf : device.eventName;
+    std::memset(area, 0, most);
+    std::memcpy(area, name.data(), name.size());
 }
 
 Event StoredEvent::View() const

@@ -21,15 +21,10 @@ public:
     // std::runtime_error when the input cannot be read or a line is too long.
     std::optional<std::string> Next(const StopSignals& signals);
 
-    // The number of the line that Next returned last, from 1.
-    size_t LineNumber() const
-    {
-        return lineNumber_;
-    }
     // "records.txt, line 3: " for messages about that line.
     std::string Position() const;
 
-    static constexpr size_t LINE_LENGTH_MAX = 16384;
+    static constexpr size_t LINE_LENGTH_MAX = 65536;  // twice what the longest event takes
 
 private:
     std::optional<std::string> TakeLine(size_t length, size_t taken);

@@ -53,6 +53,10 @@ std::optional<SystemTime> ParseUtcTime(const std::string& text)
     if (rest == nullptr || std::sscanf(rest, ".%6d%c", &fraction, &end) != 2 || end != 'Z') {
         return std::nullopt;
     }
+    constexpr int YEAR_MAX = 2261;  // the last whole year that a SystemTime can tell
+    if (fields.tm_year < 1970 - 1900 || fields.tm_year > YEAR_MAX - 1900) {
+        return std::nullopt;
+    }
     const SystemTime time{std::chrono::seconds(timegm(&fields)) + microseconds(fraction)};
     return UtcTime(time) == text ? std::optional(time) : std::nullopt;
 }

@@ -16,6 +16,7 @@
 #include <system_error>
 
 #include "report_event/ResultCodes.h"
+#include "tools/Printable.h"
 
 namespace tools {
 
@@ -48,12 +49,13 @@ int OpenStopSignals()
     return signalfd(-1, &signals, SFD_CLOEXEC);
 }
 
-bool PollReadable(int fd, int timeout)
+// A null `timeout` waits for as long as it takes.
+bool PollReadable(int fd, const timespec* timeout)
 {
     pollfd waited{fd, POLLIN, 0};
     int ready = 0;
     do {
-        ready = poll(&waited, 1, timeout);
+        ready = ppoll(&waited, 1, timeout, nullptr);
     } while (ready < 0 && errno == EINTR);
     return ready > 0;
 }
@@ -87,14 +89,16 @@ StopSignals::StopSignals() : signals_(OpenStopSignals(), "signalfd")
 }
 
 // The signal is left in the queue: that is what keeps the descriptor readable.
-bool StopSignals::WaitFor(std::chrono::milliseconds timeout) const
+bool StopSignals::WaitFor(std::chrono::nanoseconds timeout) const
 {
-    return PollReadable(signals_.Get(), static_cast<int>(timeout.count()));
+    const auto seconds = std::chrono::floor<std::chrono::seconds>(timeout);
+    const timespec limit{seconds.count(), (timeout - seconds).count()};
+    return PollReadable(signals_.Get(), &limit);
 }
 
 void StopSignals::Wait() const
 {
-    PollReadable(signals_.Get(), -1);
+    PollReadable(signals_.Get(), nullptr);
 }
 
 void PrepareStandardStreams()
@@ -158,7 +162,7 @@ std::optional<int> ParseCommandLine(CLI::App& app, int argc, char** argv)
 
 void StandardOutput::PrintLine(const std::string& line)
 {
-    if (over_ || (std::printf("%s\n", line.c_str()) >= 0 && std::fflush(stdout) == 0)) {
+    if (over_ || (std::printf("%s\n", Printable(line).c_str()) >= 0 && std::fflush(stdout) == 0)) {
         return;
     }
     over_ = true;
@@ -170,12 +174,12 @@ void StandardOutput::PrintLine(const std::string& line)
 
 void Complain(const std::string& message)
 {
-    std::fprintf(stderr, "%s: %s\n", program_invocation_short_name, message.c_str());
+    std::fprintf(stderr, "%s: %s\n", program_invocation_short_name, Printable(message).c_str());
 }
 
 void Notify(const std::string& message)
 {
-    std::fprintf(stderr, "%s\n", message.c_str());
+    std::fprintf(stderr, "%s\n", Printable(message).c_str());
 }
 
 std::string DescribeResult(int code)

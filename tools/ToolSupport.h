@@ -57,7 +57,7 @@ public:
         return signals_.Get();
     }
     // Waits for a stop signal, for at most `timeout`. Once one has arrived, every further call returns true at once.
-    bool WaitFor(std::chrono::milliseconds timeout) const;
+    bool WaitFor(std::chrono::nanoseconds timeout) const;
     // Waits for as long as it takes.
     void Wait() const;
 
@@ -80,7 +80,8 @@ std::optional<uint64_t> ParseNumber(const std::string& text);
 // after an error, which it has reported in one line.
 std::optional<int> ParseCommandLine(CLI::App& app, int argc, char** argv);
 
-// Lines on standard output, flushed one by one, so that whoever waits for a line sees it. Used by one thread.
+// Lines on standard output, flushed one by one, so that whoever waits for a line sees it. What of a line could command
+// a terminal is escaped. Used by one thread.
 class StandardOutput {
 public:
     void PrintLine(const std::string& line);
@@ -95,6 +96,8 @@ private:
     bool over_ = false;
     bool failed_ = false;
 };
+
+// These two escape what could command a terminal.
 
 // Writes one line "<program>: <message>" to standard error: something went wrong.
 void Complain(const std::string& message);

@@ -1,251 +1,156 @@
 // report-event-publish: serves a resource like a process manager and publishes records on it.
-#include <syslog.h>
-
 #include <CLI/CLI.hpp>
-#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <exception>
 #include <memory>
 #include <optional>
-#include <stdexcept>
 #include <string>
-#include <utility>
 #include <vector>
 
-#include "platform/host/iam/HostService.h"
-#include "report_event/EventRecord.h"
-#include "report_event/ReportEventClient.h"
 #include "tools/Hexadecimal.h"
-#include "tools/LineReader.h"
+#include "tools/Publisher.h"
+#include "tools/Recording.h"
 #include "tools/Records.h"
 #include "tools/ToolSupport.h"
 
 namespace tools {
 namespace {
 
-using std::chrono::milliseconds;
-
-constexpr int POOL_EMPTY = 0xF10209;
 constexpr uint64_t INTERVAL_MAX = 24UL * 3600 * 1000;  // a day
+constexpr uint64_t TIMEOUT_MAX = 1000000000;           // some thirty years
 constexpr int EXIT_INTERRUPTED = 130;
 
 struct Options {
-    std::string resource;
-    std::string from;
+    PublisherOptions publisher;
     RecordOptions record;
+    std::string from;
+    std::string only;
     uint64_t count = 1;
-    uint64_t interval = 0;
-    bool wait = false;
     bool serve = false;
     bool print = false;
-    bool quiet = false;
 };
 
-// Options that make no sense together.
-struct Exclusion {
-    const CLI::Option* option;
-    std::vector<CLI::Option*> others;
-};
+constexpr const char* DESCRIPTION =
+    "Serves a resource like a process manager and publishes event records on it. Each record\n"
+    "goes to the reader that opened the resource most recently. A record published while no\n"
+    "reader has the resource open is dropped, and its result is 0 all the same: --wait waits\n"
+    "for a reader first.";
 
-std::vector<Exclusion> AddOptions(CLI::App& app, Options& options)
+constexpr const char* FOOTER =
+    "Numbers are decimal or, after 0x, hexadecimal.\n"
+    "\n"
+    "When the pool is full because the reader is slow, the record is tried again until there\n"
+    "is room.\n"
+    "\n"
+    "Exit status: 0 when every record was published; 1 when the resource cannot be served, a\n"
+    "record cannot be read or published, or --timeout is over; 2 for a wrong command line; 130\n"
+    "when a signal came before all records were published. With --serve, SIGINT and SIGTERM are\n"
+    "the normal end.\n"
+    "\n"
+    "Example: report-event-publish --resource dp:/res/pm/fm --wait --did 0xF190=0a0b";
+
+void AddTiming(CLI::App& app, Options& options, CLI::Option* from, CLI::Option* interval)
 {
-    app.description(
-        "Serves a resource like a process manager and publishes event records on it. Each record\n"
-        "goes to the reader that opened the resource most recently. A record published while no\n"
-        "reader has the resource open is dropped, and its result is 0 all the same: --wait waits\n"
-        "for a reader first.");
-    app.footer(
-        "Numbers are decimal or, after 0x, hexadecimal.\n"
-        "\n"
-        "When the pool is full because the reader is slow, the record is tried again until there\n"
-        "is room.\n"
-        "\n"
-        "Exit status: 0 when every record was published; 1 when the resource cannot be served or a\n"
-        "record cannot be read or published; 2 for a wrong command line; 130 when a signal came\n"
-        "before all records were published. With --serve, SIGINT and SIGTERM are the normal end.\n"
-        "\n"
-        "Example: report-event-publish --resource dp:/res/pm/fm --wait --did 0xF190=0a0b");
-    app.set_version_flag("--version", REPORT_EVENT_VERSION, "Print the version and exit");
-    CLI::Option* resource = app.add_option("--resource", options.resource,
-                                           "Resource to serve: dp:/res/pm/fm for a process manager's faults,\n"
-                                           "dp:/res/iam/sec_event for security events")
-                                ->type_name("NAME");
-    CLI::Option* count = AddNumber(app, "--count", options.count, 0, UINT64_MAX, "Publish N records")->default_str("1");
-    AddNumber(app, "--interval", options.interval, 0, INTERVAL_MAX, "Milliseconds between two records")
-        ->default_str("0");
-    CLI::Option* wait = app.add_flag("--wait", options.wait, "Publish nothing before a reader has opened the resource");
-    CLI::Option* serve =
-        app.add_flag("--serve", options.serve, "Stay up after the last record, until SIGINT or SIGTERM");
-    app.add_flag("--quiet", options.quiet, "Print no line for each record published");
-    std::vector<CLI::Option*> notWithFrom = options.record.AddTo(app);
-    notWithFrom.push_back(count);
-    CLI::Option* from = app.add_option("--from", options.from,
-                                       "Publish ready-made records instead, unchanged: one per line, in\n"
-                                       "hexadecimal; blank lines and lines that begin with '#' are passed\n"
-                                       "over; - is standard input")
-                            ->type_name("FILE");
-    CLI::Option* print =
-        app.add_flag("--print", options.print, "Print the records as lines for --from; serve and publish nothing");
-    return {{from, std::move(notWithFrom)}, {print, {resource, from, wait, serve}}};
+    const auto read = [&options](const std::string& text) {
+        double speed = 1;
+        if (!text.empty() && (!CLI::detail::lexical_cast(text, speed) || !(speed >= 0.001 && speed <= 1e6))) {
+            throw CLI::ValidationError("--timing", "'" + text + "' is not a number from 0.001 to 1000000");
+        }
+        options.publisher.timing = speed;
+    };
+    app.add_option_function<std::string>("--timing", read,
+                                         "Keep the pauses between the recorded events as they were, or\n"
+                                         "SPEED times as fast")
+        ->type_name("[SPEED]")
+        ->expected(0, 1)
+        ->needs(from)
+        ->excludes(interval);
 }
 
-void CheckOptions(const Options& options, const std::vector<Exclusion>& exclusions)
+void AddRecordingOptions(CLI::App& app, Options& options, const std::vector<CLI::Option*>& recordOptions,
+                         CLI::Option* interval)
 {
-    for (const Exclusion& exclusion : exclusions) {
-        for (const CLI::Option* other : exclusion.others) {
-            if (exclusion.option->count() != 0 && other->count() != 0) {
-                throw CLI::ExcludesError(exclusion.option->get_name(), other->get_name());
-            }
+    CLI::Option* from = app.add_option("--from", options.from,
+                                       "Publish what stands in FILE instead, a record per line: in\n"
+                                       "hexadecimal, unchanged, or as report-event-monitor --json prints\n"
+                                       "it. Blank lines, comments behind '#', pm-lost and events of\n"
+                                       "other resources are passed over; - is standard input")
+                            ->type_name("FILE");
+    for (CLI::Option* option : recordOptions) {
+        from->excludes(option);
+    }
+    app.add_option("--only", options.only, "Take the events recorded of this resource (else of --resource)")
+        ->type_name("NAME")
+        ->needs(from);
+    AddTiming(app, options, from, interval);
+    app.add_flag("--print", options.print, "Print the records as lines for --from; serve and publish nothing")
+        ->excludes(from);
+}
+
+void AddOptions(CLI::App& app, Options& options)
+{
+    app.description(DESCRIPTION);
+    app.footer(FOOTER);
+    app.set_version_flag("--version", REPORT_EVENT_VERSION, "Print the version and exit");
+    app.add_option("--resource", options.publisher.resource,
+                   "Resource to serve: dp:/res/pm/fm for a process manager's faults,\n"
+                   "dp:/res/iam/sec_event for security events")
+        ->type_name("NAME");
+    CLI::Option* count = AddNumber(app, "--count", options.count, 0, UINT64_MAX, "Publish N records")->default_str("1");
+    CLI::Option* interval =
+        AddNumber(app, "--interval", options.publisher.interval, 0, INTERVAL_MAX, "Milliseconds between two records")
+            ->default_str("0");
+    CLI::Option* wait =
+        app.add_flag("--wait", options.publisher.wait, "Publish nothing before a reader has opened the resource");
+    AddNumber(app, "--timeout", options.publisher.timeout, 1, TIMEOUT_MAX, "Wait for at most N seconds")->needs(wait);
+    app.add_flag("--serve", options.serve, "Stay up after the last record, until SIGINT or SIGTERM");
+    app.add_flag("--quiet", options.publisher.quiet, "Print no line for each record published");
+    std::vector<CLI::Option*> recordOptions = options.record.AddTo(app);
+    recordOptions.push_back(count);
+    AddRecordingOptions(app, options, recordOptions, interval);
+}
+
+void CheckOptions(const CLI::App& app, const Options& options)
+{
+    for (const char* name : {"--resource", "--wait", "--serve"}) {
+        if (options.print && app.count(name) != 0) {
+            throw CLI::ExcludesError("--print", name);
         }
     }
-    if (options.resource.empty() && !options.print) {
+    if (options.publisher.resource.empty() && !options.print) {
         throw CLI::RequiredError("--resource");
     }
     options.record.Check();
 }
 
-// Publishes records one after another and counts what became of them.
-class Publisher {
-public:
-    Publisher(const Options& options, const StopSignals& signals, StandardOutput& output)
-        : options_(options), signals_(signals), output_(output)
-    {
-    }
-
-    // Serves the resource. False when that failed, which has been reported.
-    bool Serve()
-    {
-        openlog(nullptr, LOG_PID, LOG_USER);
-        const int result = ReportEventClient::GetInstance().RegisterResService(options_.resource);
-        if (result != 0) {
-            Complain(options_.resource + ": cannot serve it: " + DescribeResult(result) +
-                     "; is the name well-formed and served by no other process?");
-            return false;
-        }
-        output_.PrintLine("serving " + options_.resource);
-        return true;
-    }
-
-    // False when a stop signal came first.
-    bool WaitForReader() const
-    {
-        constexpr milliseconds LOOK_INTERVAL{10};
-        while (IAMHostReaderCount(options_.resource.c_str()) <= 0) {
-            if (signals_.WaitFor(LOOK_INTERVAL)) {
-                return false;
-            }
-        }
-        return true;
-    }
-
-    // Waits for the time between two records, then publishes. False when a stop signal came first.
-    bool Publish(const Record& record, const std::string& description)
-    {
-        const bool first = published_ + failed_ == 0;
-        if (signals_.WaitFor(milliseconds(first ? 0 : options_.interval))) {
-            return false;
-        }
-        const std::optional<int> result = PublishWhenThereIsRoom(record);
-        if (!result) {
-            return false;
-        }
-        if (*result != 0) {
-            ++failed_;
-            Complain(description + ": not published: " + DescribeResult(*result));
-            return true;
-        }
-        ++published_;
-        if (!options_.quiet) {
-            output_.PrintLine(description + ", " + std::to_string(record.size()) + " bytes: result 0");
-        }
-        return true;
-    }
-
-    // The closing line. Returns false when a record was not published.
-    bool Summarise() const
-    {
-        output_.PrintLine(options_.resource + ": " + std::to_string(published_) +
-                          " records with result 0 (handed to the reader, or dropped while there was none), " +
-                          std::to_string(failed_) + " failed; " + std::to_string(retried_) + " tries met a full pool");
-        if (published_ > 0 && IAMHostReaderCount(options_.resource.c_str()) <= 0) {
-            Notify("no reader has " + options_.resource + " open now (--wait waits for one before publishing)");
-        }
-        return failed_ == 0;
-    }
-
-private:
-    // Nothing when a stop signal came before there was room.
-    std::optional<int> PublishWhenThereIsRoom(const Record& record)
-    {
-        // Every failed attempt leaves a line in the system log.
-        constexpr milliseconds LONGEST_PAUSE{100};
-        constexpr int TRIES_BEFORE_NOTICE = 10;
-        milliseconds pause{1};
-        for (int tries = 1;; ++tries) {
-            const int result = ReportEventClient::GetInstance().ReportEvent(
-                reinterpret_cast<const char*>(record.data()), static_cast<unsigned int>(record.size()));
-            if (result != POOL_EMPTY) {
-                return result;
-            }
-            ++retried_;
-            if (tries == TRIES_BEFORE_NOTICE) {
-                Notify(DescribeResult(result) + "; waiting for the reader");
-            }
-            if (signals_.WaitFor(pause)) {
-                return std::nullopt;
-            }
-            pause = std::min(2 * pause, LONGEST_PAUSE);
-        }
-    }
-
-    const Options& options_;
-    const StopSignals& signals_;
-    StandardOutput& output_;
-    uint64_t published_ = 0;
-    uint64_t failed_ = 0;
-    uint64_t retried_ = 0;
-};
-
 // False when a stop signal came before the last record.
 bool PublishFromOptions(Publisher& publisher, const Options& options)
 {
     for (uint64_t i = 0; i < options.count; ++i) {
+        if (!publisher.WaitForTurn(std::nullopt)) {
+            return false;
+        }
+        // Made no sooner: it bears the time at which it is sent.
+        const Record record = options.record.Make(i);
         const std::string number = std::to_string(i + 1) + "/" + std::to_string(options.count) + " ";
-        if (!publisher.Publish(options.record.Make(i), number + options.record.Description())) {
+        if (!publisher.Publish(record, number + options.record.Description())) {
             return false;
         }
     }
     return true;
 }
 
-Record ParseLine(const std::string& line, const std::string& position)
+bool PublishFromRecording(Publisher& publisher, Recording& recording, const StopSignals& signals)
 {
-    try {
-        Record record = ParseHexadecimal(line);
-        if (record.size() > ReportEvent::RECORD_SIZE_MAX) {
-            throw std::invalid_argument("a record of " + std::to_string(record.size()) + " bytes; at most " +
-                                        std::to_string(ReportEvent::RECORD_SIZE_MAX) + " can be published");
-        }
-        return record;
-    } catch (const std::invalid_argument& error) {
-        throw std::runtime_error(position + error.what());
-    }
-}
-
-bool PublishFromLines(Publisher& publisher, LineReader& lines, const StopSignals& signals)
-{
-    while (const std::optional<std::string> line = lines.Next(signals)) {
-        if (line->find_first_not_of(" \t\r") == std::string::npos || line->front() == '#') {
-            continue;
-        }
-        const Record record = ParseLine(*line, lines.Position());
-        if (!publisher.Publish(record, lines.Position() + "record")) {
+    while (const std::optional<RecordedRecord> recorded = recording.Next(signals)) {
+        if (!publisher.WaitForTurn(recorded->arrival) ||
+            !publisher.Publish(recorded->record, recording.Position() + "record")) {
             return false;
         }
     }
-    return !signals.WaitFor(milliseconds(0));
+    return !signals.WaitFor(std::chrono::nanoseconds(0));
 }
 
 int Print(const Options& options, StandardOutput& output)
@@ -257,29 +162,42 @@ int Print(const Options& options, StandardOutput& output)
     return EXIT_SUCCESS;
 }
 
+std::string Remark(const Recording* recording)
+{
+    if (recording == nullptr || recording->PassedOver() == 0) {
+        return "";
+    }
+    return "; " + std::to_string(recording->PassedOver()) + " events of other resources passed over";
+}
+
 int Serve(const Options& options, StandardOutput& output)
 {
     const StopSignals signals;
-    std::unique_ptr<LineReader> lines;
+    std::unique_ptr<Recording> recording;
     if (!options.from.empty()) {
-        lines = std::make_unique<LineReader>(options.from);
+        recording =
+            std::make_unique<Recording>(options.from, options.only.empty() ? options.publisher.resource : options.only);
     }
-    Publisher publisher(options, signals, output);
+    Publisher publisher(options.publisher, signals, output);
     if (!publisher.Serve()) {
         return EXIT_RUNTIME_FAILURE;
     }
     std::exception_ptr failure;
     bool complete = false;
     try {
-        complete = (!options.wait || publisher.WaitForReader()) &&
-                   (lines ? PublishFromLines(publisher, *lines, signals) : PublishFromOptions(publisher, options));
+        const Publisher::Wait wait = publisher.WaitForReader();
+        if (wait == Publisher::Wait::Timeout) {
+            return EXIT_RUNTIME_FAILURE;
+        }
+        complete = wait == Publisher::Wait::Over && (recording ? PublishFromRecording(publisher, *recording, signals)
+                                                               : PublishFromOptions(publisher, options));
     } catch (const std::exception& error) {
         failure = std::current_exception();
     }
     if (complete && options.serve) {
         signals.Wait();
     }
-    const bool allPublished = publisher.Summarise();
+    const bool allPublished = publisher.Summarise(Remark(recording.get()));
     if (failure) {
         std::rethrow_exception(failure);
     }
@@ -305,8 +223,8 @@ int main(int argc, char** argv)
     try {
         tools::Options options;
         CLI::App app("", "report-event-publish");
-        const auto exclusions = tools::AddOptions(app, options);
-        app.callback([&] { tools::CheckOptions(options, exclusions); });
+        tools::AddOptions(app, options);
+        app.callback([&] { tools::CheckOptions(app, options); });
         if (const auto exitCode = tools::ParseCommandLine(app, argc, argv)) {
             return *exitCode;
         }

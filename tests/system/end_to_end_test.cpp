@@ -257,7 +257,7 @@ TEST_F(EndToEnd, WrongUseEndsWithOneLineThatNamesTheCause)
         {PUBLISHER, "--resource x:/res/y --from -", 1, "3961 bytes", std::string(7922, '0')},
         {PUBLISHER, "--resource x:/res/y --from -", 1, "line 1: line too long", std::string(1000000, ' ')},
         {PUBLISHER, "--resource x:/res/y --from /no/file", 1, "/no/file: No such file"},
-        {PUBLISHER, "--print --from -", 2, "--print excludes --from"},
+        {PUBLISHER, "--print --from -", 2, "--from excludes --print"},
         {PUBLISHER, "--print --event-id 65536", 2, "65535, the largest for a fault event"},
         {PUBLISHER, "--print --severity 1", 2, "--severity: a fault event has no such field"},
         {PUBLISHER, "--print --kind device --did 1=00", 2, "--did: a device event has no such field"},
