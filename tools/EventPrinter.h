@@ -8,6 +8,7 @@
 
 #include "tools/Event.h"
 #include "tools/EventText.h"
+#include "tools/Output.h"
 #include "tools/ToolSupport.h"
 
 namespace tools {
@@ -19,10 +20,9 @@ class EventPrinter {
 public:
     static constexpr uint64_t UNLIMITED = UINT64_MAX;
 
-    // Ends after `limit` events.
-    EventPrinter(int fd, TextStyle style, uint64_t limit);
+    // Ends after `limit` events. With `header`, the columns' heads stand before the first.
+    EventPrinter(int fd, TextStyle style, bool header, uint64_t limit);
 
-    void PrintHeader();
     void Print(const Event& event);
 
     // Readable once nothing more will be printed: the limit is reached or the output cannot be written.
@@ -34,20 +34,17 @@ public:
     {
         stopped_.Raise();
     }
-    // The errno of the write that failed, 0 when none has. A closed pipe is EPIPE.
+    // The errno of the write that failed, 0 when none has.
     int WriteError() const;
 
 private:
-    bool Write(const std::string& line);
-    bool WaitUntilWritable() const;
-
-    const int fd_;
     const TextStyle style_;
     Flag ended_;
     Flag stopped_;
     mutable std::mutex mutex_;  // guards what follows
+    Output output_;
+    bool headerIsDue_;
     uint64_t remaining_;
-    int writeError_ = 0;
 };
 
 }  // namespace tools

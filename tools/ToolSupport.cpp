@@ -39,6 +39,15 @@ constexpr NamedResult RESULTS[] = {
     {ReportEvent::RESULT_ENQUEUE_FAILED, "enqueue failed"},
 };
 
+int stopDescriptor = -1;  // set once, before any other thread is started
+
+// Not through stdio, which is stuck when standard error is.
+void WriteError(const std::string& line)
+{
+    static Output standardError(STDERR_FILENO);
+    standardError.Write(Printable(line) + '\n', stopDescriptor);
+}
+
 int OpenStopSignals()
 {
     sigset_t signals;
@@ -62,18 +71,6 @@ bool PollReadable(int fd, const timespec* timeout)
 
 }  // namespace
 
-FileDescriptor::FileDescriptor(int fd, const char* what) : fd_(fd)
-{
-    if (fd_ < 0) {
-        throw std::system_error(errno, std::generic_category(), what);
-    }
-}
-
-FileDescriptor::~FileDescriptor()
-{
-    close(fd_);
-}
-
 Flag::Flag() : event_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "eventfd")
 {
 }
@@ -84,8 +81,12 @@ void Flag::Raise()
     (void)eventfd_write(event_.Get(), 1);
 }
 
-StopSignals::StopSignals() : signals_(OpenStopSignals(), "signalfd")
+StopSignals::StopSignals() : signals_(OpenStopSignals())
 {
+    if (signals_ < 0) {
+        throw std::system_error(errno, std::generic_category(), "signalfd");
+    }
+    stopDescriptor = signals_;
 }
 
 // The signal is left in the queue: that is what keeps the descriptor readable.
@@ -93,26 +94,27 @@ bool StopSignals::WaitFor(std::chrono::nanoseconds timeout) const
 {
     const auto seconds = std::chrono::floor<std::chrono::seconds>(timeout);
     const timespec limit{seconds.count(), (timeout - seconds).count()};
-    return PollReadable(signals_.Get(), &limit);
+    return PollReadable(signals_, &limit);
 }
 
 void StopSignals::Wait() const
 {
-    PollReadable(signals_.Get(), nullptr);
+    PollReadable(signals_, nullptr);
 }
 
 void PrepareStandardStreams()
 {
-    if (fcntl(STDOUT_FILENO, F_GETFD) < 0) {
-        throw std::runtime_error("standard output is closed");
-    }
-    for (int stream : {STDIN_FILENO, STDERR_FILENO}) {
+    const bool outputIsClosed = fcntl(STDOUT_FILENO, F_GETFD) < 0;
+    for (int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
         // The lowest free number is taken: `stream`, as those below it are open.
         if (fcntl(stream, F_GETFD) < 0 && open("/dev/null", O_RDWR) < 0) {
             throw std::system_error(errno, std::generic_category(), "/dev/null");
         }
     }
     std::signal(SIGPIPE, SIG_IGN);
+    if (outputIsClosed) {
+        throw std::runtime_error("standard output is closed");
+    }
 }
 
 std::optional<uint64_t> ParseNumber(const std::string& text)
@@ -162,24 +164,26 @@ std::optional<int> ParseCommandLine(CLI::App& app, int argc, char** argv)
 
 void StandardOutput::PrintLine(const std::string& line)
 {
-    if (over_ || (std::printf("%s\n", Printable(line).c_str()) >= 0 && std::fflush(stdout) == 0)) {
-        return;
+    output_.Write(Printable(line) + '\n', giveUp_);
+}
+
+int AfterOutput(int error, int exitCode)
+{
+    if (error == 0 || error == EPIPE) {
+        return exitCode;
     }
-    over_ = true;
-    if (errno != EPIPE) {
-        failed_ = true;
-        Complain(std::string("writing standard output: ") + std::generic_category().message(errno));
-    }
+    Complain("writing standard output: " + std::generic_category().message(error));
+    return EXIT_RUNTIME_FAILURE;
 }
 
 void Complain(const std::string& message)
 {
-    std::fprintf(stderr, "%s: %s\n", program_invocation_short_name, Printable(message).c_str());
+    WriteError(std::string(program_invocation_short_name) + ": " + message);
 }
 
 void Notify(const std::string& message)
 {
-    std::fprintf(stderr, "%s\n", Printable(message).c_str());
+    WriteError(message);
 }
 
 std::string DescribeResult(int code)

@@ -9,28 +9,13 @@
 #include <optional>
 #include <string>
 
+#include "tools/FileDescriptor.h"
+#include "tools/Output.h"
+
 namespace tools {
 
 constexpr int EXIT_RUNTIME_FAILURE = 1;
 constexpr int EXIT_USAGE = 2;
-
-// Owns one descriptor and closes it.
-class FileDescriptor {
-public:
-    // Takes ownership of `fd`. Throws std::system_error with errno and `what` when it is negative.
-    FileDescriptor(int fd, const char* what);
-    ~FileDescriptor();
-    FileDescriptor(const FileDescriptor&) = delete;
-    FileDescriptor& operator=(const FileDescriptor&) = delete;
-
-    int Get() const
-    {
-        return fd_;
-    }
-
-private:
-    int fd_;
-};
 
 // Once raised, stays raised; its descriptor is readable from then on. Any thread.
 class Flag {
@@ -47,14 +32,15 @@ private:
 };
 
 // SIGINT and SIGTERM as a descriptor. The constructor blocks both for the calling thread, so it runs before any other
-// thread is started: those inherit the mask, and no callback is ever interrupted.
+// thread is started: those inherit the mask, and no callback is ever interrupted. From then on they are the way to end
+// the process, and a message on standard error waits for room no longer than until one arrives. One for a process.
 class StopSignals {
 public:
     StopSignals();
 
     int Descriptor() const
     {
-        return signals_.Get();
+        return signals_;
     }
     // Waits for a stop signal, for at most `timeout`. Once one has arrived, every further call returns true at once.
     bool WaitFor(std::chrono::nanoseconds timeout) const;
@@ -62,11 +48,12 @@ public:
     void Wait() const;
 
 private:
-    FileDescriptor signals_;
+    const int signals_;  // open to the end of the process: there may be something to say on the way out
 };
 
-// Makes sure that no descriptor opened later becomes a standard stream. Throws std::runtime_error when standard output
-// is closed. Also ignores SIGPIPE, so that a closed pipe is an error of the write that meets it.
+// To be called first of all. Makes sure that no descriptor opened later becomes a standard stream. Throws
+// std::runtime_error when standard output is closed. Also ignores SIGPIPE, so that a closed pipe is an error of the
+// write that meets it.
 void PrepareStandardStreams();
 
 // Adds an option that takes a whole number in decimal or, after 0x, in hexadecimal, from `least` to `most`.
@@ -80,22 +67,29 @@ std::optional<uint64_t> ParseNumber(const std::string& text);
 // after an error, which it has reported in one line.
 std::optional<int> ParseCommandLine(CLI::App& app, int argc, char** argv);
 
-// Lines on standard output, flushed one by one, so that whoever waits for a line sees it. What of a line could command
-// a terminal is escaped. Used by one thread.
+// Lines on standard output, one by one, so that whoever waits for a line sees it. What of a line could command a
+// terminal is escaped. Used by one thread.
 class StandardOutput {
 public:
-    void PrintLine(const std::string& line);
-    // Whether a line could not be written, which has been reported. Lines that nobody reads any more, because the pipe
-    // was closed, are no failure.
-    bool Failed() const
+    // Waits for room until `giveUp` is readable (-1: for as long as it takes).
+    explicit StandardOutput(int giveUp = -1) : output_(STDOUT_FILENO), giveUp_(giveUp)
     {
-        return failed_;
+    }
+    void PrintLine(const std::string& line);
+    // The errno of the write that failed, 0 when none has.
+    int Error() const
+    {
+        return output_.Error();
     }
 
 private:
-    bool over_ = false;
-    bool failed_ = false;
+    Output output_;
+    const int giveUp_;
 };
+
+// The exit code of a program that would end with `exitCode`, but for the error of its standard output, which this
+// reports. That nobody reads any more is none.
+int AfterOutput(int error, int exitCode);
 
 // These two escape what could command a terminal.
 

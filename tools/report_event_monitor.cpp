@@ -11,7 +11,6 @@
 #include <exception>
 #include <set>
 #include <string>
-#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -195,13 +194,10 @@ bool StartAll(std::deque<Subscription>& subscriptions, bool follow)
 
 int Monitor(const Options& options)
 {
-    PrepareStandardStreams();
     const StopSignals signals;
     const TextStyle style = ChooseStyle(options.json);
-    EventPrinter printer(STDOUT_FILENO, style, options.count);
-    if (style != TextStyle::Json && isatty(STDOUT_FILENO)) {
-        printer.PrintHeader();
-    }
+    const bool header = style != TextStyle::Json && isatty(STDOUT_FILENO) == 1;
+    EventPrinter printer(STDOUT_FILENO, style, header, options.count);
 
     std::vector<std::string> files = options.faultFiles;
     if (options.security) {
@@ -220,12 +216,7 @@ int Monitor(const Options& options)
 
     printer.Stop();
     subscriptions.clear();
-    const int error = printer.WriteError();
-    if (error != 0 && error != EPIPE) {
-        Complain(std::string("writing standard output: ") + std::generic_category().message(error));
-        return EXIT_RUNTIME_FAILURE;
-    }
-    return started ? EXIT_SUCCESS : EXIT_RUNTIME_FAILURE;
+    return AfterOutput(printer.WriteError(), started ? EXIT_SUCCESS : EXIT_RUNTIME_FAILURE);
 }
 
 }  // namespace
@@ -234,6 +225,7 @@ int Monitor(const Options& options)
 int main(int argc, char** argv)
 {
     try {
+        tools::PrepareStandardStreams();
         tools::Options options;
         CLI::App app("", "report-event-monitor");
         tools::AddOptions(app, options);

@@ -153,13 +153,14 @@ bool PublishFromRecording(Publisher& publisher, Recording& recording, const Stop
     return !signals.WaitFor(std::chrono::nanoseconds(0));
 }
 
-int Print(const Options& options, StandardOutput& output)
+int Print(const Options& options)
 {
+    StandardOutput output;
     for (uint64_t i = 0; i < options.count; ++i) {
         const Record record = options.record.Make(i);
         output.PrintLine(ToHexadecimal(record.data(), record.size()));
     }
-    return EXIT_SUCCESS;
+    return AfterOutput(output.Error(), EXIT_SUCCESS);
 }
 
 std::string Remark(const Recording* recording)
@@ -170,9 +171,8 @@ std::string Remark(const Recording* recording)
     return "; " + std::to_string(recording->PassedOver()) + " events of other resources passed over";
 }
 
-int Serve(const Options& options, StandardOutput& output)
+int Serve(const Options& options, const StopSignals& signals, StandardOutput& output)
 {
-    const StopSignals signals;
     std::unique_ptr<Recording> recording;
     if (!options.from.empty()) {
         recording =
@@ -209,10 +209,13 @@ int Serve(const Options& options, StandardOutput& output)
 
 int Run(const Options& options)
 {
-    PrepareStandardStreams();
-    StandardOutput output;
-    const int exitCode = options.print ? Print(options, output) : Serve(options, output);
-    return output.Failed() ? EXIT_RUNTIME_FAILURE : exitCode;
+    if (options.print) {
+        return Print(options);
+    }
+    const StopSignals signals;
+    StandardOutput output(signals.Descriptor());
+    const int exitCode = Serve(options, signals, output);
+    return AfterOutput(output.Error(), exitCode);
 }
 
 }  // namespace
@@ -221,6 +224,7 @@ int Run(const Options& options)
 int main(int argc, char** argv)
 {
     try {
+        tools::PrepareStandardStreams();
         tools::Options options;
         CLI::App app("", "report-event-publish");
         tools::AddOptions(app, options);

@@ -53,7 +53,8 @@ RuntimeDirectory::~RuntimeDirectory()
     std::filesystem::remove_all(path_, ignored);
 }
 
-Process::Process(const Words& command, const std::string& input) : output_(MakeFile()), errors_(MakeFile())
+Process::Process(const Words& command, const std::string& input, Streams streams)
+    : output_(MakeFile()), errors_(MakeFile())
 {
     std::vector<char*> arguments;
     for (const std::string& word : command) {
@@ -64,7 +65,8 @@ Process::Process(const Words& command, const std::string& input) : output_(MakeF
     Require(pwrite(in, input.data(), input.size(), 0) == static_cast<ssize_t>(input.size()), "memfd_create");
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    const int files[] = {in, output_, errors_};
+    const int files[] = {in, streams.output < 0 ? output_ : streams.output,
+                         streams.errors < 0 ? errors_ : streams.errors};
     for (const int stream : {0, 1, 2}) {
         posix_spawn_file_actions_adddup2(&actions, files[stream], stream);
     }

@@ -31,10 +31,16 @@ private:
     std::string path_;
 };
 
+// Descriptors that take the place of a process's output and error output; -1 for neither.
+struct Streams {
+    int output = -1;
+    int errors = -1;
+};
+
 class Process {
 public:
     // Starts `command`, which reads `input`.
-    explicit Process(const Words& command, const std::string& input = "");
+    explicit Process(const Words& command, const std::string& input = "", Streams streams = {});
     Process(Process&&) = delete;
     ~Process();
 
@@ -59,6 +65,10 @@ public:
         return WaitFor(errors_, text, count);
     }
 
+    pid_t Id() const
+    {
+        return pid_;
+    }
     void Signal(int signal)
     {
         kill(pid_, signal);

@@ -45,21 +45,22 @@ void ExpectNumbered(Process& monitor, size_t from, int first, size_t count)
     }
 }
 
-void ExpectStop(Process& process, int signal)
+void ExpectStop(Process& process, int signal, int code)
 {
-    EXPECT_EQ(process.Stop(signal), 0) << process.Transcript();
+    EXPECT_EQ(process.Stop(signal), code) << process.Transcript();
 }
+
 void ExpectEnd(Process& process, int code)
 {
     EXPECT_EQ(process.Wait(), code) << process.Transcript();
 }
 
-Running Start(const std::string& program, const std::string& arguments, const std::string& input)
+Running Start(const std::string& program, const std::string& arguments, const std::string& input, Streams streams)
 {
     std::istringstream words(arguments);
     Words command = {program};
     command.insert(command.end(), std::istream_iterator<std::string>(words), {});
-    return std::make_unique<Process>(command, input);
+    return std::make_unique<Process>(command, input, streams);
 }
 
 Running Shell(const std::string& script, const std::string& input)

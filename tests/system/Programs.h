@@ -19,7 +19,8 @@ constexpr const char* PM = "dp:/res/pm/fm";  // what a monitor reads if it is no
 constexpr const char* SECURITY = "dp:/res/iam/sec_event";
 
 // Starts `program` with arguments that are separated by blanks.
-Running Start(const std::string& program, const std::string& arguments = "", const std::string& input = "");
+Running Start(const std::string& program, const std::string& arguments = "", const std::string& input = "",
+              Streams streams = {});
 Running Shell(const std::string& script, const std::string& input = "");
 
 // A publisher that serves `resource` already, publishes once a reader is there, and stays up.
@@ -40,7 +41,7 @@ Words Events(Process& monitor, size_t count);
 void ExpectNumbered(Process& monitor, size_t from, int first, size_t count);
 
 void ExpectHolds(const std::string& line, const std::string& text);
-void ExpectStop(Process& process, int signal);
+void ExpectStop(Process& process, int signal, int code = 0);
 void ExpectEnd(Process& process, int code = 0);
 
 // Each test has a runtime directory of its own.
