@@ -1,25 +1,24 @@
 #include "tools/EventPrinter.h"
 
+#include <nlohmann/json.hpp>
 #include <utility>
+
+#include "tools/EventJson.h"
 
 namespace tools {
 
-EventPrinter::EventPrinter(int fd, TextStyle style, bool header, uint64_t limit)
-    : style_(style), output_(fd), headerIsDue_(header), remaining_(limit)
+EventPrinter::EventPrinter(int fd, const Format& format, uint64_t limit)
+    : format_(format), output_(fd), remaining_(limit)
 {
 }
 
 void EventPrinter::Print(const Event& event)
 {
-    std::string line = Describe(style_, event) + '\n';
     const std::lock_guard<std::mutex> lock(mutex_);
     if (remaining_ == 0) {
         return;
     }
-    if (std::exchange(headerIsDue_, false)) {
-        line.insert(0, ColumnHeader() + '\n');
-    }
-    if (!output_.Write(line, stopped_.Descriptor())) {
+    if (!output_.Write(Describe(event), stopped_.Descriptor())) {
         ended_.Raise();
         return;
     }
@@ -32,6 +31,23 @@ int EventPrinter::WriteError() const
 {
     const std::lock_guard<std::mutex> lock(mutex_);
     return output_.Error();
+}
+
+// With the header in front where one is due, and all line feeds.
+std::string EventPrinter::Describe(const Event& event)
+{
+    if (format_.json) {
+        return ToLine(ToJson(event)) + '\n';
+    }
+    std::string text;
+    if (format_.header) {
+        const std::string day = format_.rows.delta ? "any" : DateText(event.arrival, format_.rows.utc);
+        if (day != day_) {
+            day_ = day;
+            text = HeaderRow(format_.rows, event.arrival) + '\n';
+        }
+    }
+    return text + ToRow(format_.rows, event, std::exchange(lastArrival_, event.arrival)) + '\n';
 }
 
 }  // namespace tools

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <mutex>
+#include <optional>
 #include <string>
 
 #include "tools/Event.h"
@@ -20,8 +21,14 @@ class EventPrinter {
 public:
     static constexpr uint64_t UNLIMITED = UINT64_MAX;
 
-    // Ends after `limit` events. With `header`, the columns' heads stand before the first.
-    EventPrinter(int fd, TextStyle style, bool header, uint64_t limit);
+    struct Format {
+        bool json = false;    // else rows
+        bool header = false;  // above the rows of each day
+        RowStyle rows;
+    };
+
+    // Ends after `limit` events.
+    EventPrinter(int fd, const Format& format, uint64_t limit);
 
     void Print(const Event& event);
 
@@ -38,12 +45,15 @@ public:
     int WriteError() const;
 
 private:
-    const TextStyle style_;
+    std::string Describe(const Event& event);
+
+    const Format format_;
     Flag ended_;
     Flag stopped_;
     mutable std::mutex mutex_;  // guards what follows
     Output output_;
-    bool headerIsDue_;
+    std::optional<SystemTime> lastArrival_;
+    std::string day_;  // of the last header
     uint64_t remaining_;
 };
 

@@ -2,7 +2,6 @@
 
 #include <cstdint>
 #include <cstdio>
-#include <nlohmann/json.hpp>
 
 #include "tools/EventJson.h"
 #include "tools/Hexadecimal.h"
@@ -56,58 +55,107 @@ const char* ColourOf(const Event& event, const Numbers& numbers)
     return BY_SEVERITY[numbers.severity < 3 ? numbers.severity : 2];
 }
 
-std::string FaultDetails(const Event& event)
+// "2024-05-06T07:08:09.012345", in UTC with a Z.
+std::string FullTime(const RowStyle& style, SystemTime time)
 {
-    std::string details = " uds=" + Hex(event.uds->udsId);
-    for (const DidInfoForCpp& did : event.uds->didInfo) {
-        details += " did:" + Hex(did.did) + "=" + ToHexadecimal(did.data.data(), did.data.size());
-    }
-    return details;
+    return style.utc ? UtcTime(time) : DateText(time, false) + "T" + TimeOfDayText(time, false);
 }
 
-std::string DeviceDetails(const Event& event)
+std::string FirstColumn(const RowStyle& style, SystemTime arrival, std::optional<SystemTime> before)
 {
-    const dsmi_event& device = *event.device;
-    std::string details = " serial=" + std::to_string(device.eventSerialNum) +
-                          " notify=" + std::to_string(device.notifySerialNum) +
-                          " arised=" + std::to_string(device.eventArisedTime);
-    const std::string reserved = ReservedBytes(device);
+    if (style.delta) {
+        char text[64];
+        const std::chrono::duration<double> delta = arrival - before.value_or(arrival);
+        std::snprintf(text, sizeof(text), "%15.6f", delta.count());
+        return text;
+    }
+    return style.shortTimes ? TimeOfDayText(arrival, style.utc) : FullTime(style, arrival);
+}
+
+// When the event arose, if its publisher counts nanoseconds since 1970, as this project's do; whatever else it says
+// stands as it is. In short without its date if that is the day of arrival, and in milliseconds.
+std::string ArisedTime(const RowStyle& style, const Event& event)
+{
+    constexpr uint64_t EARLIEST = 1000000000ULL * 1000000000;  // in 2001
+    constexpr size_t MILLISECONDS = sizeof("07:08:09.012") - 1;
+    if (event.device == nullptr) {
+        return "-";
+    }
+    const uint64_t arised = event.device->eventArisedTime;
+    if (arised < EARLIEST || arised > static_cast<uint64_t>(std::chrono::nanoseconds::max().count())) {
+        return std::to_string(arised);
+    }
+    const SystemTime time{std::chrono::nanoseconds(arised)};
+    if (style.shortTimes && DateText(time, style.utc) == DateText(event.arrival, style.utc)) {
+        return TimeOfDayText(time, style.utc).substr(0, MILLISECONDS);
+    }
+    return FullTime(style, time);
+}
+
+// What only some kinds of events have.
+std::string Details(const Event& event)
+{
+    std::string details;
+    if (event.device == nullptr) {
+        details += " uds=" + Hex(event.uds->udsId);
+        for (const DidInfoForCpp& did : event.uds->didInfo) {
+            details += " did:" + Hex(did.did) + "=" + ToHexadecimal(did.data.data(), did.data.size());
+        }
+        return details;
+    }
+    if (event.device->notifySerialNum != 0) {
+        details += " notify=" + std::to_string(event.device->notifySerialNum);
+    }
+    const std::string reserved = ReservedBytes(*event.device);
     if (reserved.find_first_not_of('0') != std::string::npos) {
         details += " reserved=" + reserved;
     }
-    if (event.kind == EventKind::PmLost) {
-        details += " (this process manager is gone)";
-    }
-    return details;
+    return event.kind == EventKind::PmLost ? details + " (this process manager is gone)" : details;
 }
 
-std::string ToColumns(const Event& event, bool colour)
+// The columns of a row or of the header. What is too wide for its column moves the others.
+struct Columns {
+    std::string time, arised, kind, id, severity, assertion, place, serial, resource;
+};
+
+std::string Align(const RowStyle& style, const Columns& columns)
 {
-    const Numbers numbers = NumbersOf(event);
-    const std::string arrival = DateText(event.arrival, false) + " " + TimeOfDayText(event.arrival, false);
-    char columns[160];
-    std::snprintf(columns, sizeof(columns), "%s  %-8s  %-10s  %3s  %3u  %5u  %6u  %3u  ", arrival.c_str(),
-                  KindName(event.kind), Hex(event.Id()).c_str(),
-                  numbers.severity < 0 ? "-" : std::to_string(numbers.severity).c_str(), numbers.assertion,
-                  numbers.nodeId, numbers.deviceId, numbers.osId);
-    const std::string details = event.device == nullptr ? FaultDetails(event) : DeviceDetails(event);
-    const std::string line = columns + Quoted(event.Name()) + details;
-    return colour ? ColourOf(event, numbers) + line + RESET : line;
+    const int timeWidth = style.shortTimes || style.delta ? 15 : (style.utc ? 27 : 26);
+    const int arisedWidth = style.shortTimes ? 12 : (style.utc ? 27 : 26);
+    char text[1024];
+    std::snprintf(text, sizeof(text), "%-*s %-*s %-8s %-10s %3s %3s %9s %6s %-*s ", timeWidth, columns.time.c_str(),
+                  arisedWidth, columns.arised.c_str(), columns.kind.c_str(), columns.id.c_str(),
+                  columns.severity.c_str(), columns.assertion.c_str(), columns.place.c_str(), columns.serial.c_str(),
+                  static_cast<int>(style.resourceWidth), columns.resource.c_str());
+    return text;
 }
 
 }  // namespace
 
-std::string ColumnHeader()
+std::string HeaderRow(const RowStyle& style, SystemTime day)
 {
-    char columns[160];
-    std::snprintf(columns, sizeof(columns), "%-26s  %-8s  %-10s  %3s  %3s  %5s  %6s  %3s  %s", "ARRIVED", "KIND",
-                  "EVENT", "SEV", "ASS", "NODE", "DEVICE", "OS", "NAME AND THE REST");
-    return columns;
+    std::string time = "ARRIVED";
+    if (style.delta) {
+        time = "AFTER (S)";
+    } else if (style.shortTimes) {
+        time = DateText(day, style.utc) + (style.utc ? " UTC" : "");
+    }
+    return Align(style, {time, "ARISED", "KIND", "EVENT", "SEV", "ASS", "NODE/D/OS", "SERIAL", "RESOURCE"}) + "NAME ...";
 }
 
-std::string Describe(TextStyle style, const Event& event)
+std::string ToRow(const RowStyle& style, const Event& event, std::optional<SystemTime> before)
 {
-    return style == TextStyle::Json ? ToLine(ToJson(event)) : ToColumns(event, style == TextStyle::Colour);
+    const Numbers numbers = NumbersOf(event);
+    const std::string place =
+        std::to_string(numbers.nodeId) + "/" + std::to_string(numbers.deviceId) + "/" + std::to_string(numbers.osId);
+    const std::string row =
+        Align(
+            style,
+            {FirstColumn(style, event.arrival, before), ArisedTime(style, event), KindName(event.kind), Hex(event.Id()),
+             numbers.severity < 0 ? "-" : std::to_string(numbers.severity), std::to_string(numbers.assertion), place,
+             event.device == nullptr ? "-" : std::to_string(event.device->eventSerialNum), Printable(event.resource)}) +
+        Quoted(event.Name()) + Details(event);
+    return style.colour ? ColourOf(event, numbers) + row + RESET : row;
 }
 
 }  // namespace tools

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
@@ -28,8 +29,19 @@ struct Options {
     std::vector<std::string> faultFiles;
     bool security = false;
     bool json = false;
+    bool utc = false;
+    bool delta = false;
     bool follow = false;
     uint64_t count = EventPrinter::UNLIMITED;
+
+    std::vector<std::string> AllFiles() const
+    {
+        std::vector<std::string> files = faultFiles;
+        if (security) {
+            files.emplace_back(ReportEvent::SECURITY_RESOURCE);
+        }
+        return files;
+    }
 };
 
 void AddOptions(CLI::App& app, Options& options)
@@ -62,6 +74,9 @@ void AddOptions(CLI::App& app, Options& options)
     app.add_flag("--json", options.json,
                  "Print one JSON object per line, in a form that stays (docs/json.md)\n"
                  "and that report-event-publish --from publishes again");
+    app.add_flag("--utc", options.utc, "Show times in UTC, not in local time");
+    app.add_flag("--delta", options.delta,
+                 "Show, in the place of the time of arrival, the seconds since the row before");
     AddNumber(app, "--count", options.count, 1, EventPrinter::UNLIMITED - 1, "End after N events");
     app.add_flag("--follow", options.follow,
                  "Wait for resources that are not there, and register again when one goes\n"
@@ -97,14 +112,21 @@ void CheckFaultFiles(const std::vector<std::string>& files)
     }
 }
 
-TextStyle ChooseStyle(bool json)
+EventPrinter::Format ChooseFormat(const Options& options)
 {
-    if (json) {
-        return TextStyle::Json;
-    }
     const char* noColour = std::getenv("NO_COLOR");  // NOLINT(concurrency-mt-unsafe): before any thread is started
-    const bool colour = isatty(STDOUT_FILENO) && (noColour == nullptr || *noColour == '\0');
-    return colour ? TextStyle::Colour : TextStyle::Plain;
+    const bool isTerminal = isatty(STDOUT_FILENO) == 1;
+    EventPrinter::Format format;
+    format.json = options.json;
+    format.header = isTerminal;
+    format.rows.colour = isTerminal && (noColour == nullptr || *noColour == '\0');
+    format.rows.shortTimes = isTerminal;
+    format.rows.utc = options.utc;
+    format.rows.delta = options.delta;
+    for (const std::string& file : options.AllFiles()) {
+        format.rows.resourceWidth = std::max(format.rows.resourceWidth, file.size());
+    }
+    return format;
 }
 
 // What the callbacks do. Those of either family get what comes in on the files of both.
@@ -195,15 +217,9 @@ bool StartAll(std::deque<Subscription>& subscriptions, bool follow)
 int Monitor(const Options& options)
 {
     const StopSignals signals;
-    const TextStyle style = ChooseStyle(options.json);
-    const bool header = style != TextStyle::Json && isatty(STDOUT_FILENO) == 1;
-    EventPrinter printer(STDOUT_FILENO, style, header, options.count);
+    EventPrinter printer(STDOUT_FILENO, ChooseFormat(options), options.count);
 
-    std::vector<std::string> files = options.faultFiles;
-    if (options.security) {
-        files.emplace_back(ReportEvent::SECURITY_RESOURCE);
-    }
-    const Receiver receiver(files, printer);
+    const Receiver receiver(options.AllFiles(), printer);
     std::deque<Subscription> subscriptions;
     AddSubscriptions(subscriptions, options, receiver);
     const bool started = StartAll(subscriptions, options.follow);

@@ -1,7 +1,10 @@
-// What the programs are made of: the JSON form of events, and text that is safe to show.
+// What the programs are made of: the JSON form of events, rows for people, and text that is safe to show.
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <nlohmann/json.hpp>
 #include <numeric>
 #include <stdexcept>
@@ -9,6 +12,7 @@
 #include <vector>
 
 #include "tools/EventJson.h"
+#include "tools/EventText.h"
 #include "tools/Printable.h"
 #include "tools/Records.h"
 
@@ -134,6 +138,115 @@ TEST(EventJson, ALineIsReadWhateverElseItHoldsAndRefusedWithItsCauseWhenItDoesNo
         }
         EXPECT_EQ(message.substr(0, cause.size()), cause) << changed;
         EXPECT_EQ(message.empty(), cause.empty()) << message;
+    }
+}
+
+// Local time is five hours ahead of UTC while this lives.
+class LocalTime {
+public:
+    LocalTime()
+    {
+        setenv("TZ", "XYZ-5", 1);
+        tzset();
+    }
+    ~LocalTime()
+    {
+        unsetenv("TZ");
+        tzset();
+    }
+};
+
+TEST(EventText, ARowOfEachKindStandsUnderItsHeaderWithinAHundredColumns)
+{
+    const LocalTime fiveHoursAhead;
+    RowStyle style;
+    style.shortTimes = true;
+    StoredEvent device = Make(EventKind::Device, "dp:/res/pm/fm", "test event");
+    device.device.eventId = 0x80E01801;
+    device.device.severity = 3;
+    device.device.assertion = 1;
+    device.device.nodeId = 1;
+    device.device.deviceId = 22;
+    device.device.osId = 3;
+    device.device.eventSerialNum = -42;
+    device.device.eventArisedTime = 1714979289000999999;
+    StoredEvent earlier = device;
+    earlier.device.eventArisedTime -= 86400 * 1000000000ULL;
+    StoredEvent odd = device;
+    odd.device.eventArisedTime = 9;
+    odd.device.notifySerialNum = 7;
+    odd.device.reserved14 = 0xAB;
+    StoredEvent lost = device;
+    lost.kind = EventKind::PmLost;
+    lost.resource = "fault-reporting";
+    lost.device.deviceId = 65535;
+    lost.SetName("pm");
+    const struct {
+        StoredEvent event;
+        std::string row;
+    } cases[] = {
+        {device,
+         "12:08:09.000345 12:08:09.000 device   0x80E01801   3   1    1/22/3    -42 dp:/res/pm/fm \"test event\""},
+        {earlier,
+         "12:08:09.000345 2024-05-05T12:08:09.000999 device   0x80E01801   3   1    1/22/3    -42 dp:/res/pm/fm "
+         "\"test event\""},
+        {odd,
+         "12:08:09.000345 9            device   0x80E01801   3   1    1/22/3    -42 dp:/res/pm/fm \"test event\" "
+         "notify=7 reserved=0000000000000000ab" +
+             std::string(74, '0')},
+        {lost,
+         "12:08:09.000345 12:08:09.000 pm-lost  0x80E01801   3   1 1/65535/3    -42 fault-reporting \"pm\" (this "
+         "process manager is gone)"},
+        {MakeFault(),
+         "12:08:09.000345 -            fault    0xFFFF       - 255 4294967295/7/134810123      - dp:/res/pm/fm "
+         "\"fan \xC3\xA9\\u001b\\\"\" uds=0x0C0D did:0x0001=01ff did:0xF1A1="}};
+    for (const auto& [event, row] : cases) {
+        EXPECT_EQ(ToRow(style, event.View(), std::nullopt), row);
+    }
+    EXPECT_EQ(HeaderRow(style, *device.arrival),
+              "2024-05-06      ARISED       KIND     EVENT      SEV ASS NODE/D/OS SERIAL RESOURCE      NAME ...");
+    EXPECT_EQ(cases[0].row.size(), 100U);
+}
+
+TEST(EventText, TimesAndColoursAreThoseAskedFor)
+{
+    const LocalTime fiveHoursAhead;
+    StoredEvent device = Make(EventKind::Device, "x:/res/y", "");
+    device.device.eventArisedTime = 1714979289000999999;
+    const auto row = [&](const RowStyle& style) {
+        return ToRow(style, device.View(), *device.arrival - std::chrono::microseconds(1500000));
+    };
+    const std::string rest = " device   0x0000       0   0     0/0/0      0 x:/res/y      \"\"";
+    RowStyle style;
+    EXPECT_EQ(row(style), "2024-05-06T12:08:09.000345 2024-05-06T12:08:09.000999" + rest);
+    style.utc = true;
+    EXPECT_EQ(row(style), "2024-05-06T07:08:09.000345Z 2024-05-06T07:08:09.000999Z" + rest);
+    style.delta = true;
+    EXPECT_EQ(row(style), "       1.500000 2024-05-06T07:08:09.000999Z" + rest);
+    style.shortTimes = true;
+    EXPECT_EQ(row(style), "       1.500000 07:08:09.000" + rest);
+    EXPECT_EQ(HeaderRow(style, {}).substr(0, 22), "AFTER (S)       ARISED");
+    style.delta = false;
+    EXPECT_EQ(HeaderRow(style, {}).substr(0, 22), "1970-01-01 UTC  ARISED");
+
+    // The warmer, the more severe; green is over, and a fault, which has no severity, stands between.
+    style.colour = true;
+    const struct {
+        EventKind kind;
+        uint8_t severity, assertion;
+        const char* colour;
+    } cases[] = {{EventKind::Device, 0, 1, "\x1B[36m"}, {EventKind::Security, 1, 1, "\x1B[33m"},
+                 {EventKind::Device, 2, 1, "\x1B[31m"}, {EventKind::Device, 255, 1, "\x1B[31m"},
+                 {EventKind::Device, 2, 0, "\x1B[32m"}, {EventKind::PmLost, 0, 0, "\x1B[1;31m"},
+                 {EventKind::Fault, 0, 1, "\x1B[33m"},  {EventKind::Fault, 0, 0, "\x1B[32m"}};
+    for (const auto& [kind, severity, assertion, colour] : cases) {
+        StoredEvent event = Make(kind, "x:/res/y", "");
+        event.device.severity = severity;
+        event.device.assertion = assertion;
+        event.fault.assertion = assertion;
+        const std::string text = ToRow(style, event.View(), std::nullopt);
+        EXPECT_EQ(text.substr(0, strlen(colour)), colour) << KindName(kind) << int{severity};
+        EXPECT_EQ(text.substr(text.size() - 4), "\x1B[0m");
     }
 }
 
