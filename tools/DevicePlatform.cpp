@@ -1,10 +1,27 @@
 #include <sys/prctl.h>
 
+#include <cerrno>
+
 #include "tools/Event.h"
 #include "tools/Platform.h"
 #include "tools/Subscription.h"
 
 namespace tools::platform {
+
+int List(std::vector<Resource>& /*resources*/)
+{
+    return -ENOSYS;
+}
+
+std::string RuntimeDirectory()
+{
+    return "";
+}
+
+bool HasLostPlace(const std::string& /*resource*/)
+{
+    return false;
+}
 
 // A read thread bears its file's name, cut off. Where that fits several files, the name is told as it is.
 std::string SourceOfThisThread(const std::vector<std::string>& files)

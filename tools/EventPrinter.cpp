@@ -14,6 +14,7 @@ EventPrinter::EventPrinter(int fd, const Format& format, uint64_t limit)
 
 void EventPrinter::Print(const Event& event)
 {
+    lastEvent_ = Clock::now();
     const std::lock_guard<std::mutex> lock(mutex_);
     if (remaining_ == 0) {
         return;
@@ -22,7 +23,7 @@ void EventPrinter::Print(const Event& event)
         ended_.Raise();
         return;
     }
-    if (remaining_ != UNLIMITED && --remaining_ == 0) {
+    if (remaining_ != UNLIMITED && event.kind != EventKind::PmLost && --remaining_ == 0) {
         ended_.Raise();
     }
 }

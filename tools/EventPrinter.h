@@ -2,6 +2,8 @@
 #ifndef REPORT_EVENT_TOOLS_EVENT_PRINTER_H
 #define REPORT_EVENT_TOOLS_EVENT_PRINTER_H
 
+#include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <mutex>
 #include <optional>
@@ -19,6 +21,7 @@ namespace tools {
 // every print in progress give up: whoever unregisters calls it first and then waits for no reader.
 class EventPrinter {
 public:
+    using Clock = std::chrono::steady_clock;
     static constexpr uint64_t UNLIMITED = UINT64_MAX;
 
     struct Format {
@@ -27,7 +30,7 @@ public:
         RowStyle rows;
     };
 
-    // Ends after `limit` events.
+    // Ends after `limit` events, the losses of process managers not counted.
     EventPrinter(int fd, const Format& format, uint64_t limit);
 
     void Print(const Event& event);
@@ -41,6 +44,11 @@ public:
     {
         stopped_.Raise();
     }
+    // When the last event came; the clock's epoch when none has. Any thread.
+    Clock::time_point LastEvent() const
+    {
+        return lastEvent_;
+    }
     // The errno of the write that failed, 0 when none has.
     int WriteError() const;
 
@@ -50,6 +58,8 @@ private:
     const Format format_;
     Flag ended_;
     Flag stopped_;
+    std::atomic<Clock::time_point>
+        lastEvent_{};           // not under the lock, which may be held for as long as the output likes
     mutable std::mutex mutex_;  // guards what follows
     Output output_;
     std::optional<SystemTime> lastArrival_;

@@ -140,7 +140,8 @@ std::string HeaderRow(const RowStyle& style, SystemTime day)
     } else if (style.shortTimes) {
         time = DateText(day, style.utc) + (style.utc ? " UTC" : "");
     }
-    return Align(style, {time, "ARISED", "KIND", "EVENT", "SEV", "ASS", "NODE/D/OS", "SERIAL", "RESOURCE"}) + "NAME ...";
+    return Align(style, {time, "ARISED", "KIND", "EVENT", "SEV", "ASS", "NODE/D/OS", "SERIAL", "RESOURCE"}) +
+           "NAME ...";
 }
 
 std::string ToRow(const RowStyle& style, const Event& event, std::optional<SystemTime> before)

@@ -1,4 +1,5 @@
-// What the programs ask of the platform beyond the library's interface. Any thread.
+// What the programs ask of the platform beyond the library's interface. On a development host libiam and libslog
+// answer; a device has nothing of it, and the functions say so. Any thread.
 #ifndef REPORT_EVENT_TOOLS_PLATFORM_H
 #define REPORT_EVENT_TOOLS_PLATFORM_H
 
@@ -6,6 +7,29 @@
 #include <vector>
 
 namespace tools::platform {
+
+struct Reader {
+    int pid;
+    bool isCurrent;   // the stream is this reader's
+    bool isObserver;  // it watches, and is never the current reader
+};
+
+struct Resource {
+    std::string name;
+    int pid;       // of the process that serves it
+    bool answers;  // it has told its readers
+    std::vector<Reader> readers;
+};
+
+// The resources that are served in the runtime directory. Returns 0, the negative errno with which the directory could
+// not be read, or -ENOSYS on a device. May take half a second.
+int List(std::vector<Resource>& resources);
+
+// The directory in which resources are looked for; empty when there is none.
+std::string RuntimeDirectory();
+
+// Whether a file of this process on that resource was cut off in favour of another reader, while its publisher lives.
+bool HasLostPlace(const std::string& resource);
 
 // The resource that the calling read thread delivers from: one of `files`, which are those subscribed to.
 // FAULT_REPORTING on any other thread.

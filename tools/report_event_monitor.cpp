@@ -8,40 +8,26 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
-#include <deque>
 #include <exception>
-#include <set>
 #include <string>
-#include <utility>
 #include <vector>
 
-#include "report_event/ReportEventServer.h"
-#include "report_event/ResourceNames.h"
 #include "tools/EventPrinter.h"
-#include "tools/Platform.h"
 #include "tools/Subscription.h"
 #include "tools/ToolSupport.h"
 
 namespace tools {
 namespace {
 
+constexpr uint64_t TIMEOUT_MAX = 1000000000;  // some thirty years
+
 struct Options {
-    std::vector<std::string> faultFiles;
-    bool security = false;
+    SubscriptionOptions subscription;
     bool json = false;
     bool utc = false;
     bool delta = false;
-    bool follow = false;
     uint64_t count = EventPrinter::UNLIMITED;
-
-    std::vector<std::string> AllFiles() const
-    {
-        std::vector<std::string> files = faultFiles;
-        if (security) {
-            files.emplace_back(ReportEvent::SECURITY_RESOURCE);
-        }
-        return files;
-    }
+    uint64_t timeout = 0;  // 0: none
 };
 
 void AddOptions(CLI::App& app, Options& options)
@@ -63,53 +49,15 @@ void AddOptions(CLI::App& app, Options& options)
         "The library logs to standard error; SLOG_LEVELS and SLOG_EVENT_FILE say what and where:\n"
         "SLOG_LEVELS= silences it, but for event-log lines.");
     app.set_version_flag("--version", REPORT_EVENT_VERSION, "Print the version and exit");
-    app.add_option("--fault", options.faultFiles,
-                   std::string("Subscribe to the fault events of this resource; may be repeated\n"
-                               "(without --fault and --security: ") +
-                       ReportEvent::PM_FAULT_RESOURCE + ")")
-        ->type_name("NAME")
-        ->allow_extra_args(false);
-    app.add_flag("--security", options.security,
-                 std::string("Subscribe to the security events, ") + ReportEvent::SECURITY_RESOURCE);
+    options.subscription.AddTo(app);
     app.add_flag("--json", options.json,
                  "Print one JSON object per line, in a form that stays (docs/json.md)\n"
                  "and that report-event-publish --from publishes again");
     app.add_flag("--utc", options.utc, "Show times in UTC, not in local time");
     app.add_flag("--delta", options.delta,
                  "Show, in the place of the time of arrival, the seconds since the row before");
-    AddNumber(app, "--count", options.count, 1, EventPrinter::UNLIMITED - 1, "End after N events");
-    app.add_flag("--follow", options.follow,
-                 "Wait for resources that are not there, and register again when one goes\n"
-                 "away, until it is back");
-}
-
-const char* Describe(ReportEvent::NameFault fault)
-{
-    switch (fault) {
-        case ReportEvent::NameFault::HAS_DOT:
-            return "it has a '.'";
-        case ReportEvent::NameFault::NO_COLON:
-            return "it has no ':'";
-        case ReportEvent::NameFault::WRONG_PREFIX:
-            return "its first ':' is not followed by \"/res/\"";
-        default:
-            return "it has a NUL character";
-    }
-}
-
-// What the library would reject, found here so that the name at fault can be told.
-void CheckFaultFiles(const std::vector<std::string>& files)
-{
-    std::set<std::string> seen;
-    for (const std::string& file : files) {
-        const ReportEvent::NameFault fault = ReportEvent::CheckResourceName(file);
-        if (fault != ReportEvent::NameFault::NONE) {
-            throw CLI::ValidationError("--fault", "'" + file + "' is not a resource name: " + Describe(fault));
-        }
-        if (!seen.insert(file).second) {
-            throw CLI::ValidationError("--fault", "'" + file + "' is given twice");
-        }
-    }
+    AddNumber(app, "--count", options.count, 1, EventPrinter::UNLIMITED - 1, "End after N events; pm-lost is none");
+    AddNumber(app, "--timeout", options.timeout, 1, TIMEOUT_MAX, "End when there was no event for N seconds");
 }
 
 EventPrinter::Format ChooseFormat(const Options& options)
@@ -123,69 +71,23 @@ EventPrinter::Format ChooseFormat(const Options& options)
     format.rows.shortTimes = isTerminal;
     format.rows.utc = options.utc;
     format.rows.delta = options.delta;
-    for (const std::string& file : options.AllFiles()) {
+    for (const std::string& file : options.subscription.AllFiles()) {
         format.rows.resourceWidth = std::max(format.rows.resourceWidth, file.size());
     }
     return format;
 }
 
-// What the callbacks do. Those of either family get what comes in on the files of both.
-class Receiver {
-public:
-    Receiver(std::vector<std::string> files, EventPrinter& printer) : files_(std::move(files)), printer_(printer)
-    {
-    }
-
-    void OnFault(const EventInfo& event, const UDSInfoForCpp& uds) const
-    {
-        printer_.Print(MakeEvent(platform::SourceOfThisThread(files_), std::chrono::system_clock::now(), event, uds));
-    }
-    void OnDevice(ReportEvent::EventType family, const dsmi_event& event) const
-    {
-        printer_.Print(
-            MakeEvent(platform::SourceOfThisThread(files_), std::chrono::system_clock::now(), family, event));
-    }
-
-private:
-    const std::vector<std::string> files_;
-    EventPrinter& printer_;
-};
-
-void AddSubscriptions(std::deque<Subscription>& subscriptions, const Options& options, const Receiver& receiver)
-{
-    if (!options.faultFiles.empty()) {
-        const auto& files = options.faultFiles;
-        subscriptions.emplace_back(
-            files,
-            [&files, &receiver] {
-                return ReportEventServer::GetInstance().FmRegisterMidReportEventImpl(
-                    files,
-                    [&receiver](const EventInfo& event, const UDSInfoForCpp& uds) { receiver.OnFault(event, uds); },
-                    [&receiver](const dsmi_event& event) { receiver.OnDevice(ReportEvent::FAULT_EVENT, event); });
-            },
-            [&files] { return ReportEventServer::GetInstance().FmUnregisterReportEventImpl(files); });
-    }
-    if (options.security) {
-        subscriptions.emplace_back(
-            std::vector<std::string>{ReportEvent::SECURITY_RESOURCE},
-            [&receiver] {
-                return ReportEventServer::GetInstance().RegIDSEventReportHandlerImpl(
-                    [&receiver](const dsmi_event& event) { receiver.OnDevice(ReportEvent::SECURITY_EVENT, event); });
-            },
-            [] { return ReportEventServer::GetInstance().UnregIDSEventReportHandlerImpl(); });
-    }
-}
-
 enum class Wake { Timeout, StopSignal, PrinterEnded, OutputClosed };
 
-Wake WaitForWake(const StopSignals& signals, const EventPrinter& printer, int timeout)
+// Waits until it is time to look at the subscriptions, or until there is a reason to end.
+Wake WaitForWake(const StopSignals& signals, const EventPrinter& printer)
 {
     // Standard output with no events asked for: a pipe whose reader has left is told all the same.
     pollfd waited[] = {
         {signals.Descriptor(), POLLIN, 0}, {printer.EndedDescriptor(), POLLIN, 0}, {STDOUT_FILENO, 0, 0}};
     int ready = 0;
     do {
-        ready = poll(waited, 3, timeout);
+        ready = poll(waited, 3, static_cast<int>(Subscription::LOOK_INTERVAL.count()));
     } while (ready < 0 && errno == EINTR);
     if (ready <= 0) {
         return Wake::Timeout;
@@ -196,43 +98,38 @@ Wake WaitForWake(const StopSignals& signals, const EventPrinter& printer, int ti
     return waited[1].revents != 0 ? Wake::PrinterEnded : Wake::OutputClosed;
 }
 
-// Returns false when a family could not be subscribed and nobody asked to wait for it.
-bool StartAll(std::deque<Subscription>& subscriptions, bool follow)
+// Prints until something ends it. Returns the exit code.
+int Watch(Subscriptions& subscriptions, const Options& options, const StopSignals& signals, const EventPrinter& printer)
 {
-    for (Subscription& subscription : subscriptions) {
-        const int result = subscription.Start();
-        if (result == 0) {
-            continue;
+    using Clock = EventPrinter::Clock;
+    const Clock::time_point start = Clock::now();
+    const std::chrono::seconds timeout(options.timeout);
+    while (WaitForWake(signals, printer) == Wake::Timeout) {
+        subscriptions.Look();
+        if (subscriptions.AreOver()) {
+            Complain("nothing can arrive any more");
+            return EXIT_RUNTIME_FAILURE;
         }
-        const std::string what = subscription.Files() + ": cannot subscribe: " + DescribeResult(result);
-        if (!follow) {
-            Complain(what + "; is its publisher running as this user?");
-            return false;
+        if (options.timeout != 0 && Clock::now() - std::max(start, printer.LastEvent()) >= timeout) {
+            Complain("no event for " + std::to_string(options.timeout) + " s");
+            return EXIT_RUNTIME_FAILURE;
         }
-        Notify(what + "; waiting for it");
     }
-    return true;
+    return EXIT_SUCCESS;
 }
 
 int Monitor(const Options& options)
 {
     const StopSignals signals;
     EventPrinter printer(STDOUT_FILENO, ChooseFormat(options), options.count);
-
-    const Receiver receiver(options.AllFiles(), printer);
-    std::deque<Subscription> subscriptions;
-    AddSubscriptions(subscriptions, options, receiver);
-    const bool started = StartAll(subscriptions, options.follow);
-    const int timeout = options.follow ? static_cast<int>(Subscription::LOOK_INTERVAL.count()) : -1;
-    while (started && WaitForWake(signals, printer, timeout) == Wake::Timeout) {
-        for (Subscription& subscription : subscriptions) {
-            subscription.Renew();
-        }
+    Subscriptions subscriptions(options.subscription, [&printer](const Event& event) { printer.Print(event); });
+    int exitCode = EXIT_RUNTIME_FAILURE;
+    if (subscriptions.Start()) {
+        exitCode = Watch(subscriptions, options, signals, printer);
     }
-
     printer.Stop();
-    subscriptions.clear();
-    return AfterOutput(printer.WriteError(), started ? EXIT_SUCCESS : EXIT_RUNTIME_FAILURE);
+    subscriptions.Stop();
+    return AfterOutput(printer.WriteError(), exitCode);
 }
 
 }  // namespace
@@ -245,12 +142,9 @@ int main(int argc, char** argv)
         tools::Options options;
         CLI::App app("", "report-event-monitor");
         tools::AddOptions(app, options);
-        app.callback([&options] { tools::CheckFaultFiles(options.faultFiles); });
+        app.callback([&options] { options.subscription.Complete(); });
         if (const auto exitCode = tools::ParseCommandLine(app, argc, argv)) {
             return *exitCode;
-        }
-        if (options.faultFiles.empty() && !options.security) {
-            options.faultFiles.emplace_back(ReportEvent::PM_FAULT_RESOURCE);
         }
         return tools::Monitor(options);
     } catch (const std::exception& error) {

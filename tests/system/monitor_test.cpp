@@ -1,0 +1,45 @@
+// What report-event-monitor does beyond the plain road: when it ends, and what it says on the way.
+#include <gtest/gtest.h>
+
+#include "tests/system/Programs.h"
+
+namespace system_test {
+namespace {
+
+using Monitor = ProgramsTest;
+
+TEST_F(Monitor, EndsOnceNothingCanArriveAnyMoreAndNoSooner)
+{
+    const auto other = ServeNumbered("x:/res/other", 0, 1);
+    const auto pm = ServeNumbered(PM, 0, 1);
+    // A loss is no event to count.
+    const auto both = StartMonitor("--fault dp:/res/pm/fm --fault x:/res/other --count 4", 2);
+    Events(*both, 2);
+    const auto alone = StartMonitor("--count 2");
+    pm->Stop(SIGKILL);
+    ExpectEnd(*alone, 1);
+    ExpectHolds(Events(*alone, 1)[0], "pm-lost");
+    EXPECT_TRUE(alone->WaitForError("lost dp:/res/pm/fm")) << alone->Transcript();
+    EXPECT_TRUE(alone->WaitForError("report-event-monitor: nothing can arrive any more")) << alone->Transcript();
+
+    EXPECT_TRUE(both->WaitForError("lost dp:/res/pm/fm")) << both->Transcript();
+    ExpectHolds(Events(*both, 3)[2], "pm-lost");
+    ExpectStop(*both, SIGTERM);
+}
+
+TEST_F(Monitor, EndsWhenNoEventHasComeForAWhile)
+{
+    const auto idle = Serve("x:/res/idle", "--count 0");
+    const auto waiting = Start(MONITOR, "--fault x:/res/idle --timeout 1");
+    ExpectEnd(*waiting, 1);
+    EXPECT_TRUE(waiting->WaitForError("report-event-monitor: no event for 1 s")) << waiting->Transcript();
+
+    // Together longer than the time, but with no pause that is.
+    const auto busy = Serve(PM, "--kind device --interval 450 --count 6");
+    const auto receiving = StartMonitor("--timeout 2");
+    ExpectEnd(*receiving, 1);
+    EXPECT_EQ(receiving->Output().size(), 6U);
+}
+
+}  // namespace
+}  // namespace system_test
