@@ -7,14 +7,18 @@
 
 namespace tools {
 
-EventPrinter::EventPrinter(int fd, const Format& format, uint64_t limit)
-    : format_(format), output_(fd), remaining_(limit)
+EventPrinter::EventPrinter(int fd, const Format& format, const EventFilter& filter, uint64_t limit)
+    : format_(format), filter_(filter), output_(fd), remaining_(limit)
 {
 }
 
 void EventPrinter::Print(const Event& event)
 {
-    lastEvent_ = Clock::now();
+    if (!filter_.Passes(event)) {
+        return;
+    }
+    const Clock::time_point now = Clock::now();
+    lastEvent_ = now;
     const std::lock_guard<std::mutex> lock(mutex_);
     if (remaining_ == 0) {
         return;
@@ -23,9 +27,16 @@ void EventPrinter::Print(const Event& event)
         ended_.Raise();
         return;
     }
+    statistics_.Add(event, now);
     if (remaining_ != UNLIMITED && event.kind != EventKind::PmLost && --remaining_ == 0) {
         ended_.Raise();
     }
+}
+
+std::vector<std::string> EventPrinter::Summary() const
+{
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return statistics_.Summary(Clock::now());
 }
 
 int EventPrinter::WriteError() const

@@ -8,10 +8,13 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "tools/Event.h"
+#include "tools/EventFilter.h"
 #include "tools/EventText.h"
 #include "tools/Output.h"
+#include "tools/Statistics.h"
 #include "tools/ToolSupport.h"
 
 namespace tools {
@@ -30,8 +33,9 @@ public:
         RowStyle rows;
     };
 
-    // Ends after `limit` events, the losses of process managers not counted.
-    EventPrinter(int fd, const Format& format, uint64_t limit);
+    // Prints what passes `filter`, which outlives it, and ends after `limit` such events, the losses of process
+    // managers not counted.
+    EventPrinter(int fd, const Format& format, const EventFilter& filter, uint64_t limit);
 
     void Print(const Event& event);
 
@@ -44,11 +48,13 @@ public:
     {
         stopped_.Raise();
     }
-    // When the last event came; the clock's epoch when none has. Any thread.
+    // When the last event came that passed the filter; before the first one, when this was made. Any thread.
     Clock::time_point LastEvent() const
     {
         return lastEvent_;
     }
+    // What was printed, in closing lines.
+    std::vector<std::string> Summary() const;
     // The errno of the write that failed, 0 when none has.
     int WriteError() const;
 
@@ -56,6 +62,7 @@ private:
     std::string Describe(const Event& event);
 
     const Format format_;
+    const EventFilter& filter_;
     Flag ended_;
     Flag stopped_;
     std::atomic<Clock::time_point>
@@ -65,6 +72,7 @@ private:
     std::optional<SystemTime> lastArrival_;
     std::string day_;  // of the last header
     uint64_t remaining_;
+    Statistics statistics_{Clock::now()};
 };
 
 }  // namespace tools

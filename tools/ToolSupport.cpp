@@ -102,6 +102,12 @@ void StopSignals::Wait() const
     PollReadable(signals_, nullptr);
 }
 
+bool StopSignals::AreInterrupt() const
+{
+    sigset_t pending;
+    return sigpending(&pending) == 0 && sigismember(&pending, SIGINT) == 1;
+}
+
 void PrepareStandardStreams()
 {
     const bool outputIsClosed = fcntl(STDOUT_FILENO, F_GETFD) < 0;

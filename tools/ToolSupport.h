@@ -46,6 +46,8 @@ public:
     bool WaitFor(std::chrono::nanoseconds timeout) const;
     // Waits for as long as it takes.
     void Wait() const;
+    // Whether a SIGINT has arrived, as by Ctrl-C.
+    bool AreInterrupt() const;
 
 private:
     const int signals_;  // open to the end of the process: there may be something to say on the way out

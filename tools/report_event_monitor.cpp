@@ -23,9 +23,11 @@ constexpr uint64_t TIMEOUT_MAX = 1000000000;  // some thirty years
 
 struct Options {
     SubscriptionOptions subscription;
+    EventFilter filter;
     bool json = false;
     bool utc = false;
     bool delta = false;
+    bool stats = false;
     uint64_t count = EventPrinter::UNLIMITED;
     uint64_t timeout = 0;  // 0: none
 };
@@ -56,6 +58,10 @@ void AddOptions(CLI::App& app, Options& options)
     app.add_flag("--utc", options.utc, "Show times in UTC, not in local time");
     app.add_flag("--delta", options.delta,
                  "Show, in the place of the time of arrival, the seconds since the row before");
+    app.add_flag("--stats", options.stats,
+                 "At the end, sum up on standard error what was seen. On a terminal, Ctrl-C\n"
+                 "does that, too");
+    options.filter.AddTo(app);
     AddNumber(app, "--count", options.count, 1, EventPrinter::UNLIMITED - 1, "End after N events; pm-lost is none");
     AddNumber(app, "--timeout", options.timeout, 1, TIMEOUT_MAX, "End when there was no event for N seconds");
 }
@@ -101,8 +107,6 @@ Wake WaitForWake(const StopSignals& signals, const EventPrinter& printer)
 // Prints until something ends it. Returns the exit code.
 int Watch(Subscriptions& subscriptions, const Options& options, const StopSignals& signals, const EventPrinter& printer)
 {
-    using Clock = EventPrinter::Clock;
-    const Clock::time_point start = Clock::now();
     const std::chrono::seconds timeout(options.timeout);
     while (WaitForWake(signals, printer) == Wake::Timeout) {
         subscriptions.Look();
@@ -110,7 +114,7 @@ int Watch(Subscriptions& subscriptions, const Options& options, const StopSignal
             Complain("nothing can arrive any more");
             return EXIT_RUNTIME_FAILURE;
         }
-        if (options.timeout != 0 && Clock::now() - std::max(start, printer.LastEvent()) >= timeout) {
+        if (options.timeout != 0 && EventPrinter::Clock::now() - printer.LastEvent() >= timeout) {
             Complain("no event for " + std::to_string(options.timeout) + " s");
             return EXIT_RUNTIME_FAILURE;
         }
@@ -121,7 +125,7 @@ int Watch(Subscriptions& subscriptions, const Options& options, const StopSignal
 int Monitor(const Options& options)
 {
     const StopSignals signals;
-    EventPrinter printer(STDOUT_FILENO, ChooseFormat(options), options.count);
+    EventPrinter printer(STDOUT_FILENO, ChooseFormat(options), options.filter, options.count);
     Subscriptions subscriptions(options.subscription, [&printer](const Event& event) { printer.Print(event); });
     int exitCode = EXIT_RUNTIME_FAILURE;
     if (subscriptions.Start()) {
@@ -129,6 +133,11 @@ int Monitor(const Options& options)
     }
     printer.Stop();
     subscriptions.Stop();
+    if (options.stats || (signals.AreInterrupt() && isatty(STDOUT_FILENO) == 1)) {
+        for (const std::string& line : printer.Summary()) {
+            Notify(line);
+        }
+    }
     return AfterOutput(printer.WriteError(), exitCode);
 }
 

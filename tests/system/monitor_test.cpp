@@ -1,6 +1,7 @@
 // What report-event-monitor does beyond the plain road: when it ends, and what it says on the way.
 #include <gtest/gtest.h>
 
+#include "tests/system/Ends.h"
 #include "tests/system/Programs.h"
 
 namespace system_test {
@@ -39,6 +40,27 @@ TEST_F(Monitor, EndsWhenNoEventHasComeForAWhile)
     const auto receiving = StartMonitor("--timeout 2");
     ExpectEnd(*receiving, 1);
     EXPECT_EQ(receiving->Output().size(), 6U);
+}
+
+TEST_F(Monitor, OnlyWhatPassesTheFilterIsPrintedCountedAndSummedUp)
+{
+    const auto pm = ServeNumbered(PM, 0, 3);
+    const auto security = ServeNumbered(SECURITY, 7, 2);
+    const auto monitor = StartMonitor("--security --fault dp:/res/pm/fm --kind security --count 2 --stats", 2);
+    ExpectNumbered(*monitor, 0, 7, 2);
+    ExpectEnd(*monitor);
+    EXPECT_TRUE(monitor->WaitForError("2 events in ")) << monitor->Transcript();
+    EXPECT_TRUE(monitor->WaitForError("         2 security dp:/res/iam/sec_event")) << monitor->Transcript();
+    EXPECT_FALSE(monitor->WaitForError(" device ")) << monitor->Transcript();
+
+    // On a terminal it is Ctrl-C that asks for the summary, and nothing else.
+    for (const int signal : {SIGINT, SIGTERM}) {
+        const Terminal terminal;
+        const auto watching = Start(MONITOR, "--fault x:/res/nobody --follow", "", {terminal.writing, -1});
+        EXPECT_TRUE(watching->WaitForError("waiting for x:/res/nobody")) << watching->Transcript();
+        ExpectStop(*watching, signal);
+        EXPECT_EQ(watching->WaitForError("0 events in "), signal == SIGINT) << watching->Transcript();
+    }
 }
 
 }  // namespace

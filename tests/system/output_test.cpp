@@ -2,7 +2,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <sys/socket.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -12,6 +11,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "tests/system/Ends.h"
 #include "tests/system/Programs.h"
 
 namespace system_test {
@@ -19,48 +19,10 @@ namespace {
 
 using Output = ProgramsTest;
 
-// Two connected ends; a program writes into the second, and the test reads from the first.
-struct Ends {
-    int reading = -1;
-    int writing = -1;
-
-    Ends() = default;
-    Ends(const Ends&) = delete;
-    ~Ends()
-    {
-        close(reading);
-        close(writing);
-    }
-};
-
-struct Pipe : Ends {
-    Pipe()
-    {
-        int ends[2];
-        EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0);
-        reading = ends[0];
-        writing = ends[1];
-    }
-};
-
-struct Socket : Ends {
-    Socket()
-    {
-        int ends[2];
-        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
-        reading = ends[0];
-        writing = ends[1];
-    }
-};
-
-// A terminal that has been stopped, as by Ctrl-S.
-struct StoppedTerminal : Ends {
+// As by Ctrl-S.
+struct StoppedTerminal : Terminal {
     StoppedTerminal()
     {
-        reading = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
-        EXPECT_EQ(grantpt(reading), 0);
-        EXPECT_EQ(unlockpt(reading), 0);
-        writing = open(ptsname(reading), O_RDWR | O_NOCTTY | O_CLOEXEC);
         EXPECT_EQ(tcflow(writing, TCOOFF), 0);
     }
 };

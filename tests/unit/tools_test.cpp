@@ -1,4 +1,5 @@
-// What the programs are made of: the JSON form of events, rows for people, and text that is safe to show.
+// What the programs are made of: the JSON form of events, rows for people, filters, summaries, text that is safe to
+// show.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -11,10 +12,12 @@
 #include <string>
 #include <vector>
 
+#include "tools/EventFilter.h"
 #include "tools/EventJson.h"
 #include "tools/EventText.h"
 #include "tools/Printable.h"
 #include "tools/Records.h"
+#include "tools/Statistics.h"
 
 namespace tools {
 namespace {
@@ -248,6 +251,61 @@ TEST(EventText, TimesAndColoursAreThoseAskedFor)
         EXPECT_EQ(text.substr(0, strlen(colour)), colour) << KindName(kind) << int{severity};
         EXPECT_EQ(text.substr(text.size() - 4), "\x1B[0m");
     }
+}
+
+TEST(EventFilter, AnEventPassesWhenItFitsEachKindOfFilter)
+{
+    StoredEvent device = Make(EventKind::Device, "x:/res/y", "");
+    device.device.eventId = 0x20;
+    device.device.severity = 2;
+    StoredEvent fault = Make(EventKind::Fault, "x:/res/y", "");
+    fault.fault.eventId = 0x10;
+    const struct {
+        std::string options;
+        bool deviceToo, faultToo;
+    } cases[] = {
+        {"", true, true},
+        {"--kind device", true, false},
+        {"--kind fault --kind device", true, true},
+        {"--kind pm-lost --kind security", false, false},
+        {"--event-id 0x20", true, false},
+        {"--event-id 17-0x20", true, false},
+        {"--event-id 16-31", false, true},
+        {"--event-id 0-15 --event-id 33-4294967295", false, false},
+        {"--event-id 16 --event-id 32", true, true},
+        {"--severity 2", true, false},
+        {"--severity 3", false, false},
+        {"--severity 1 --event-id 16", false, false},
+    };
+    for (const auto& [options, deviceToo, faultToo] : cases) {
+        CLI::App app;
+        EventFilter filter;
+        filter.AddTo(app);
+        app.parse(options);
+        EXPECT_EQ(filter.Passes(device.View()), deviceToo) << options;
+        EXPECT_EQ(filter.Passes(fault.View()), faultToo) << options;
+    }
+    for (const char* const options : {"--kind x", "--event-id 2-1", "--event-id 1-", "--event-id -1", "--event-id x",
+                                      "--event-id 4294967296", "--severity 256"}) {
+        CLI::App app;
+        EventFilter filter;
+        filter.AddTo(app);
+        EXPECT_THROW(app.parse(options), CLI::ParseError) << options;
+    }
+}
+
+TEST(Statistics, TheSummaryTellsHowManyOfWhatHowOftenAndTheLongestGap)
+{
+    const Statistics::Clock::time_point start;
+    Statistics statistics(start);
+    const StoredEvent device = Make(EventKind::Device, "x:/res/y", "");
+    const StoredEvent fault = Make(EventKind::Fault, "dp:/res/pm/fm", "");
+    statistics.Add(device.View(), start + std::chrono::milliseconds(7000));
+    statistics.Add(fault.View(), start + std::chrono::milliseconds(8000));
+    statistics.Add(device.View(), start + std::chrono::milliseconds(10500));
+    const std::vector<std::string> expected = {"3 events in 12.0 s: 0.2 per second, longest gap 2.5 s",
+                                               "         1 fault    dp:/res/pm/fm", "         2 device   x:/res/y"};
+    EXPECT_EQ(statistics.Summary(start + std::chrono::seconds(12)), expected);
 }
 
 TEST(Printable, ShowsTextAsItIsAndEscapesWhatCommandsATerminal)
