@@ -38,7 +38,7 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 # Debian packages, by what needs them. A new one goes here and nowhere else.
 declare -A PACKAGES=(
-  [build]="cmake ninja-build g++ libcli11-dev nlohmann-json3-dev help2man"
+  [build]="cmake ninja-build g++ libcli11-dev nlohmann-json3-dev libutfcpp-dev help2man"
   [test]="libgtest-dev gdb make python3 pkg-config"
   [cross]="g++-aarch64-linux-gnu qemu-user"
   [check]="clang clang-format clang-tidy shellcheck"

@@ -2,15 +2,15 @@
 
 #include <cerrno>
 
-#include "tools/Event.h"
+#include "tools/EventJson.h"
 #include "tools/Platform.h"
 #include "tools/Subscription.h"
 
 namespace tools::platform {
 
-int List(std::vector<Resource>& /*resources*/)
+Listing List()
 {
-    return -ENOSYS;
+    return {ENOSYS, {}};
 }
 
 std::string RuntimeDirectory()
@@ -23,22 +23,17 @@ bool HasLostPlace(const std::string& /*resource*/)
     return false;
 }
 
-// A read thread bears its file's name, cut off. Where that fits several files, the name is told as it is.
+// A read thread bears its file's name, cut off: of files that agree in that much, the first is taken.
 std::string SourceOfThisThread(const std::vector<std::string>& files)
 {
     char name[READ_THREAD_NAME_LENGTH + 1] = {};
     prctl(PR_GET_NAME, name);
-    const std::string* source = nullptr;
     for (const std::string& file : files) {
-        if (ReadThreadName(file) != name) {
-            continue;
+        if (ReadThreadName(file) == name) {
+            return file;
         }
-        if (source != nullptr) {
-            return name;
-        }
-        source = &file;
     }
-    return source == nullptr ? std::string(FAULT_REPORTING) : *source;
+    return std::string(FAULT_REPORTING);
 }
 
 }  // namespace tools::platform

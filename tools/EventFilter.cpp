@@ -8,43 +8,9 @@
 
 namespace tools {
 
-void EventFilter::AddTo(CLI::App& app)
-{
-    app.add_option("--kind", kinds_, "Show only events of this kind; may be repeated")
-        ->check(CLI::IsMember({"fault", "device", "security", "pm-lost"}))
-        ->type_name("KIND")
-        ->allow_extra_args(false)
-        ->group("Filters");
-    app.add_option_function<std::vector<std::string>>(
-           "--event-id",
-           [this](const std::vector<std::string>& texts) {
-               for (const std::string& text : texts) {
-                   ids_.push_back(ParseRange(text));
-               }
-           },
-           "Show only events with this identifier, or from the first to the\n"
-           "second; may be repeated")
-        ->type_name("N[-N]")
-        ->allow_extra_args(false)
-        ->group("Filters");
-    AddNumber(app, "--severity", severity_, 0, std::numeric_limits<uint8_t>::max(),
-              "Show only events of at least this severity; a fault has none")
-        ->group("Filters");
-}
+namespace {
 
-bool EventFilter::Passes(const Event& event) const
-{
-    if (!kinds_.empty() && std::find(kinds_.begin(), kinds_.end(), KindName(event.kind)) == kinds_.end()) {
-        return false;
-    }
-    const auto holdsId = [&event](const Range& range) { return event.Id() >= range.first && event.Id() <= range.last; };
-    if (!ids_.empty() && std::none_of(ids_.begin(), ids_.end(), holdsId)) {
-        return false;
-    }
-    return severity_ == 0 || (event.device != nullptr && event.device->severity >= severity_);
-}
-
-EventFilter::Range EventFilter::ParseRange(const std::string& text)
+std::pair<uint64_t, uint64_t> ParseRange(const std::string& text)
 {
     const size_t dash = text.find('-');
     const std::optional<uint64_t> first = ParseNumber(text.substr(0, dash));
@@ -53,6 +19,31 @@ EventFilter::Range EventFilter::ParseRange(const std::string& text)
         throw CLI::ValidationError("--event-id", "'" + text + "' is neither a number nor a range such as 0x10-0x1F");
     }
     return {*first, *last};
+}
+
+}  // namespace
+
+void EventFilter::AddTo(CLI::App& app)
+{
+    const auto addRanges = [this](const std::vector<std::string>& texts) {
+        for (const std::string& text : texts) {
+            ids_.push_back(ParseRange(text));
+        }
+    };
+    app.add_option("--kind", kinds_)
+        ->check(CLI::IsMember({"fault", "device", "security", PM_LOST}))
+        ->allow_extra_args(false);
+    app.add_option_function<std::vector<std::string>>("--event-id", addRanges)->allow_extra_args(false);
+    AddNumber(app, "--severity", severity_, 0, std::numeric_limits<uint8_t>::max());
+}
+
+bool EventFilter::Passes(const Json& event) const
+{
+    const uint64_t id = event["eventId"].get<uint64_t>();
+    const auto holdsId = [id](const auto& range) { return id >= range.first && id <= range.second; };
+    return (kinds_.empty() || std::count(kinds_.begin(), kinds_.end(), event["kind"]) != 0) &&
+           (ids_.empty() || std::any_of(ids_.begin(), ids_.end(), holdsId)) &&
+           (severity_ == 0 || event.value("severity", uint64_t{0}) >= severity_);
 }
 
 }  // namespace tools

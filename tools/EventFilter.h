@@ -5,9 +5,10 @@
 #include <CLI/CLI.hpp>
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
-#include "tools/Event.h"
+#include "tools/EventJson.h"
 
 namespace tools {
 
@@ -17,18 +18,11 @@ public:
     // The values stay in this object, which outlives `app`.
     void AddTo(CLI::App& app);
 
-    bool Passes(const Event& event) const;
+    bool Passes(const Json& event) const;
 
 private:
-    struct Range {
-        uint64_t first;
-        uint64_t last;
-    };
-
-    static Range ParseRange(const std::string& text);
-
-    std::vector<std::string> kinds_;  // empty: all
-    std::vector<Range> ids_;          // empty: all
+    std::vector<std::string> kinds_;                  // empty: all
+    std::vector<std::pair<uint64_t, uint64_t>> ids_;  // from the first to the second; empty: all
     uint64_t severity_ = 0;
 };
 

@@ -1,30 +1,34 @@
-// The JSON form of events, which recordings are made of, written and read. It is a stable format: docs/json.md
-// describes it and says what may change. Pure functions, any thread.
+// Events in the form in which the programs carry, print, record and replay them: JSON objects. It is a stable format;
+// docs/json.md describes it and says what may change. Pure functions, any thread.
 #ifndef REPORT_EVENT_TOOLS_EVENT_JSON_H
 #define REPORT_EVENT_TOOLS_EVENT_JSON_H
 
-#include <nlohmann/json_fwd.hpp>
+#include <nlohmann/json.hpp>
 #include <string>
+#include <string_view>
 
-#include "tools/Event.h"
+#include "report_event/EventRecord.h"
+#include "report_event/EventTypes.h"
+#include "tools/Text.h"
 
 namespace tools {
 
-using Json = nlohmann::ordered_json;
+using Json = nlohmann::ordered_json;  // its keys keep their order
 
-// The object of an event, its keys in the order of the format. Further keys may be added behind them.
-Json ToJson(const Event& event);
+// The resource of events that come from the fault-reporting library.
+constexpr std::string_view FAULT_REPORTING = "fault-reporting";
 
-// On one line, without a line feed: valid UTF-8 without control characters, whatever bytes the texts hold.
+// The kind of event that tells the loss of a process manager. It is one only if the fault-reporting library tells it.
+constexpr const char* PM_LOST = "pm-lost";
+
+// The object of an event that came from `resource`. A program may add keys of its own behind those of the format.
+Json ToJson(std::string_view resource, SystemTime arrival, const EventInfo& fault, const UDSInfoForCpp& uds);
+Json ToJson(std::string_view resource, SystemTime arrival, ReportEvent::EventType family, const dsmi_event& device);
+
+bool IsPmLost(const Json& event);
+
+// On one line, without a line feed: valid UTF-8 without control characters, whatever bytes its texts hold.
 std::string ToLine(const Json& object);
-
-// The bytes of a device event that have no field of their own, in the order of their offsets.
-std::string ReservedBytes(const dsmi_event& event);
-
-// Reads what ToLine has written for an event. Keys that the format does not know are passed over; a key that is missing
-// or does not hold what it should is an error, as is a value that does not fit. Throws std::invalid_argument with the
-// cause.
-StoredEvent ParseEvent(const std::string& line);
 
 }  // namespace tools
 

@@ -1,20 +1,41 @@
 #include "tools/EventPrinter.h"
 
-#include <nlohmann/json.hpp>
+#include <algorithm>
+#include <cstdio>
 #include <utility>
-
-#include "tools/EventJson.h"
 
 namespace tools {
 
-EventPrinter::EventPrinter(int fd, const Format& format, const EventFilter& filter, uint64_t limit)
-    : format_(format), filter_(filter), output_(fd), remaining_(limit)
+void Statistics::Add(const Json& event, Clock::time_point now)
+{
+    ++total_;
+    ++counts_[event["kind"].get<std::string>() + " from " + event["resource"].get<std::string>()];
+    longestGap_ = std::max(longestGap_, now - last_.value_or(now));
+    last_ = now;
+}
+
+std::vector<std::string> Statistics::Summary(Clock::time_point now) const
+{
+    const std::chrono::duration<double> time = now - start_;
+    const std::chrono::duration<double> gap = longestGap_;
+    char text[128];
+    std::snprintf(text, sizeof(text), " events in %.1f s: %.1f per second, longest gap %.1f s", time.count(),
+                  static_cast<double>(total_) / std::max(time.count(), 1e-6), gap.count());
+    std::vector<std::string> lines = {std::to_string(total_) + text};
+    for (const auto& [source, count] : counts_) {
+        lines.push_back("  " + std::to_string(count) + " " + source);
+    }
+    return lines;
+}
+
+EventPrinter::EventPrinter(int fd, const PrinterOptions& options)
+    : options_(options), output_(fd), remaining_(options.count)
 {
 }
 
-void EventPrinter::Print(const Event& event)
+void EventPrinter::Print(const Json& event, SystemTime arrival)
 {
-    if (!filter_.Passes(event)) {
+    if (!options_.filter.Passes(event)) {
         return;
     }
     const Clock::time_point now = Clock::now();
@@ -23,12 +44,12 @@ void EventPrinter::Print(const Event& event)
     if (remaining_ == 0) {
         return;
     }
-    if (!output_.Write(Describe(event), stopped_.Descriptor())) {
+    if (!output_.Write(Describe(event, arrival), ended_.Descriptor())) {
         ended_.Raise();
         return;
     }
     statistics_.Add(event, now);
-    if (remaining_ != UNLIMITED && event.kind != EventKind::PmLost && --remaining_ == 0) {
+    if (!IsPmLost(event) && --remaining_ == 0) {
         ended_.Raise();
     }
 }
@@ -46,20 +67,19 @@ int EventPrinter::WriteError() const
 }
 
 // With the header in front where one is due, and all line feeds.
-std::string EventPrinter::Describe(const Event& event)
+std::string EventPrinter::Describe(const Json& event, SystemTime arrival)
 {
-    if (format_.json) {
-        return ToLine(ToJson(event)) + '\n';
+    if (options_.json) {
+        return ToLine(event) + '\n';
     }
     std::string text;
-    if (format_.header) {
-        const std::string day = format_.rows.delta ? "any" : DateText(event.arrival, format_.rows.utc);
-        if (day != day_) {
-            day_ = day;
-            text = HeaderRow(format_.rows, event.arrival) + '\n';
+    if (options_.header) {
+        text = HeaderRow(options_.rows, arrival) + '\n';
+        if (std::exchange(header_, text) == text) {
+            text.clear();
         }
     }
-    return text + ToRow(format_.rows, event, std::exchange(lastArrival_, event.arrival)) + '\n';
+    return text + ToRow(options_.rows, event, arrival, std::exchange(lastArrival_, arrival)) + '\n';
 }
 
 }  // namespace tools

@@ -1,54 +1,73 @@
-// Prints events, a line each, from the threads that deliver them.
+// Prints events, a line each, from the threads that deliver them, and sums them up.
 #ifndef REPORT_EVENT_TOOLS_EVENT_PRINTER_H
 #define REPORT_EVENT_TOOLS_EVENT_PRINTER_H
 
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "tools/Event.h"
 #include "tools/EventFilter.h"
 #include "tools/EventText.h"
 #include "tools/Output.h"
-#include "tools/Statistics.h"
 #include "tools/ToolSupport.h"
 
 namespace tools {
+
+// What was seen, for closing lines. Used by one thread at a time.
+class Statistics {
+public:
+    using Clock = std::chrono::steady_clock;
+
+    explicit Statistics(Clock::time_point start) : start_(start)
+    {
+    }
+    void Add(const Json& event, Clock::time_point now);
+    // A line about all events, then one for each kind and resource.
+    std::vector<std::string> Summary(Clock::time_point now) const;
+
+private:
+    const Clock::time_point start_;
+    std::map<std::string, uint64_t> counts_;
+    uint64_t total_ = 0;
+    std::optional<Clock::time_point> last_;
+    Clock::duration longestGap_{0};  // between two events
+};
+
+struct PrinterOptions {
+    bool json = false;    // else rows
+    bool header = false;  // above the rows of each day
+    RowStyle rows;
+    EventFilter filter;           // what does not pass is not there
+    uint64_t count = UINT64_MAX;  // ends after so many events, the losses of process managers not counted
+};
 
 // Every line has been handed to the system when the call that prints it returns. The lock is held while a line is
 // written, and a slow reader of the output makes that long; so Stop, which any thread may call without the lock, makes
 // every print in progress give up: whoever unregisters calls it first and then waits for no reader.
 class EventPrinter {
 public:
-    using Clock = std::chrono::steady_clock;
-    static constexpr uint64_t UNLIMITED = UINT64_MAX;
+    using Clock = Statistics::Clock;
 
-    struct Format {
-        bool json = false;    // else rows
-        bool header = false;  // above the rows of each day
-        RowStyle rows;
-    };
+    // `options` outlive it.
+    EventPrinter(int fd, const PrinterOptions& options);
 
-    // Prints what passes `filter`, which outlives it, and ends after `limit` such events, the losses of process
-    // managers not counted.
-    EventPrinter(int fd, const Format& format, const EventFilter& filter, uint64_t limit);
+    void Print(const Json& event, SystemTime arrival);
 
-    void Print(const Event& event);
-
-    // Readable once nothing more will be printed: the limit is reached or the output cannot be written.
+    // Readable once nothing more will be printed: it was stopped, enough was printed, or the output cannot be written.
     int EndedDescriptor() const
     {
         return ended_.Descriptor();
     }
     void Stop()
     {
-        stopped_.Raise();
+        ended_.Raise();
     }
-    // When the last event came that passed the filter; before the first one, when this was made. Any thread.
+    // When the last event came; before the first one, when this was made. Any thread.
     Clock::time_point LastEvent() const
     {
         return lastEvent_;
@@ -59,18 +78,15 @@ public:
     int WriteError() const;
 
 private:
-    std::string Describe(const Event& event);
+    std::string Describe(const Json& event, SystemTime arrival);
 
-    const Format format_;
-    const EventFilter& filter_;
+    const PrinterOptions& options_;
     Flag ended_;
-    Flag stopped_;
-    std::atomic<Clock::time_point>
-        lastEvent_{};           // not under the lock, which may be held for as long as the output likes
-    mutable std::mutex mutex_;  // guards what follows
+    std::atomic<Clock::time_point> lastEvent_{Clock::now()};  // not under the lock, which the output may hold up
+    mutable std::mutex mutex_;                                // guards what follows
     Output output_;
     std::optional<SystemTime> lastArrival_;
-    std::string day_;  // of the last header
+    std::string header_;  // that was printed last
     uint64_t remaining_;
     Statistics statistics_{Clock::now()};
 };

@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-#include "tools/Event.h"
+#include "tools/EventJson.h"
 
 namespace tools {
 
@@ -23,7 +23,7 @@ std::string HeaderRow(const RowStyle& style, SystemTime day);
 
 // One event, without a line feed. Whatever bytes its name holds, the row is valid UTF-8 without control characters (but
 // for the colours). `before` is when the event before arrived, if there was one.
-std::string ToRow(const RowStyle& style, const Event& event, std::optional<SystemTime> before);
+std::string ToRow(const RowStyle& style, const Json& event, SystemTime arrival, std::optional<SystemTime> before);
 
 }  // namespace tools
 

@@ -1,15 +1,42 @@
-// Text to one descriptor, without ever being stuck in it: a terminal may have been stopped by Ctrl-S, and a pipe may be
-// full, for as long as they like.
+// An owned descriptor, and text to one without ever being stuck in it: a terminal may have been stopped by Ctrl-S, and
+// a pipe may be full, for as long as they like.
 #ifndef REPORT_EVENT_TOOLS_OUTPUT_H
 #define REPORT_EVENT_TOOLS_OUTPUT_H
 
 #include <sys/types.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <string_view>
-
-#include "tools/FileDescriptor.h"
+#include <system_error>
 
 namespace tools {
+
+// Owns one descriptor and closes it.
+class FileDescriptor {
+public:
+    // Takes ownership of `fd`. Throws std::system_error with errno and `what` when it is negative.
+    FileDescriptor(int fd, const char* what) : fd_(fd)
+    {
+        if (fd_ < 0) {
+            throw std::system_error(errno, std::generic_category(), what);
+        }
+    }
+    ~FileDescriptor()
+    {
+        close(fd_);
+    }
+    FileDescriptor(const FileDescriptor&) = delete;
+    FileDescriptor& operator=(const FileDescriptor&) = delete;
+
+    int Get() const
+    {
+        return fd_;
+    }
+
+private:
+    int fd_;
+};
 
 // Used by one thread at a time. Pipes and terminals are written to through an open file description of its own, because
 // not to block is a flag of the description, and the one that the program was given belongs to others, too.

@@ -3,6 +3,7 @@
 #ifndef REPORT_EVENT_TOOLS_PLATFORM_H
 #define REPORT_EVENT_TOOLS_PLATFORM_H
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -15,15 +16,18 @@ struct Reader {
 };
 
 struct Resource {
-    std::string name;
     int pid;       // of the process that serves it
     bool answers;  // it has told its readers
     std::vector<Reader> readers;
 };
 
-// The resources that are served in the runtime directory. Returns 0, the negative errno with which the directory could
-// not be read, or -ENOSYS on a device. May take half a second.
-int List(std::vector<Resource>& resources);
+struct Listing {
+    int error = 0;  // with which the runtime directory could not be read; ENOSYS: nobody can tell, as on a device
+    std::map<std::string, Resource> resources;
+};
+
+// The resources that are served in the runtime directory. May take half a second.
+Listing List();
 
 // The directory in which resources are looked for; empty when there is none.
 std::string RuntimeDirectory();

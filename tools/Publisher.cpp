@@ -22,7 +22,7 @@ bool HasReader(const std::string& resource)
 
 }  // namespace
 
-Publisher::Publisher(const PublisherOptions& options, const StopSignals& signals, StandardOutput& output)
+Publisher::Publisher(const PublisherOptions& options, const StopSignals& signals, Output& output)
     : options_(options), signals_(signals), output_(output)
 {
 }
@@ -36,7 +36,7 @@ bool Publisher::Serve()
                  "; is the name well-formed and served by no other process?");
         return false;
     }
-    output_.PrintLine("serving " + options_.resource);
+    Say("serving " + options_.resource);
     return true;
 }
 
@@ -68,6 +68,11 @@ bool Publisher::WaitForTurn(std::optional<SystemTime> arrival)
     return !signals_.WaitFor(std::chrono::ceil<std::chrono::nanoseconds>(pause));
 }
 
+void Publisher::Say(const std::string& line)
+{
+    output_.Write(Printable(line) + '\n', signals_.Descriptor());
+}
+
 // Counted from the first record, so that what single records cost does not add up. A clock that was set back while the
 // recording was made costs no time, nor does a record that tells no arrival.
 Publisher::Seconds Publisher::PauseByTiming(std::optional<SystemTime> arrival)
@@ -96,16 +101,15 @@ bool Publisher::Publish(const Record& record, const std::string& description)
     ++published_;
     unread_ += hadReader ? 0 : 1;
     if (!options_.quiet) {
-        output_.PrintLine(description + ", " + std::to_string(record.size()) + " bytes: result 0");
+        Say(description + ", " + std::to_string(record.size()) + " bytes: result 0");
     }
     return true;
 }
 
-bool Publisher::Summarise(const std::string& remark) const
+bool Publisher::Summarise(const std::string& remark)
 {
-    output_.PrintLine(options_.resource + ": " + std::to_string(published_) + " records with result 0, " +
-                      std::to_string(failed_) + " failed; " + std::to_string(retried_) + " tries met a full pool" +
-                      remark);
+    Say(options_.resource + ": " + std::to_string(published_) + " records with result 0, " + std::to_string(failed_) +
+        " failed; " + std::to_string(retried_) + " tries met a full pool" + remark);
     if (unread_ > 0 && !options_.wait) {
         Notify(std::to_string(unread_) + " of them found no reader of " + options_.resource +
                " and were dropped (--wait waits for one)");

@@ -7,8 +7,8 @@
 #include <optional>
 #include <string>
 
+#include "tools/Output.h"
 #include "tools/Records.h"
-#include "tools/Times.h"
 #include "tools/ToolSupport.h"
 
 namespace tools {
@@ -25,7 +25,7 @@ struct PublisherOptions {
 // Used by one thread. What it refers to outlives it.
 class Publisher {
 public:
-    Publisher(const PublisherOptions& options, const StopSignals& signals, StandardOutput& output);
+    Publisher(const PublisherOptions& options, const StopSignals& signals, Output& output);
 
     // Serves the resource. False when that failed, which has been reported.
     bool Serve();
@@ -41,18 +41,19 @@ public:
     bool Publish(const Record& record, const std::string& description);
 
     // The closing line; `remark` is added to it. Returns false when a record was not published.
-    bool Summarise(const std::string& remark) const;
+    bool Summarise(const std::string& remark);
 
 private:
     using Clock = std::chrono::steady_clock;
     using Seconds = std::chrono::duration<double>;
 
+    void Say(const std::string& line);
     Seconds PauseByTiming(std::optional<SystemTime> arrival);
     std::optional<int> PublishWhenThereIsRoom(const Record& record);
 
     const PublisherOptions& options_;
     const StopSignals& signals_;
-    StandardOutput& output_;
+    Output& output_;
     bool first_ = true;        // nothing was due yet
     Clock::time_point start_;  // when the first record was due
     Seconds due_{0};           // after the start: the record that is due

@@ -1,21 +1,38 @@
 #include "tools/Recording.h"
 
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <stdexcept>
+#include <system_error>
 #include <utility>
 
 #include "report_event/EventRecord.h"
-#include "tools/EventJson.h"
-#include "tools/Hexadecimal.h"
 
 namespace tools {
 
-Recording::Recording(const std::string& path, std::string only) : lines_(path), only_(std::move(only))
+namespace {
+
+int OpenInput(const std::string& path)
+{
+    if (path == "-") {
+        return fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0);
+    }
+    return open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+}
+
+}  // namespace
+
+Recording::Recording(const std::string& path, std::string only)
+    : name_(path == "-" ? "standard input" : path), input_(OpenInput(path), name_.c_str()), only_(std::move(only))
 {
 }
 
 std::optional<RecordedRecord> Recording::Next(const StopSignals& signals)
 {
-    while (const std::optional<std::string> line = lines_.Next(signals)) {
+    while (const std::optional<std::string> line = NextLine(signals)) {
         try {
             if (std::optional<RecordedRecord> record = Parse(*line)) {
                 return record;
@@ -25,6 +42,63 @@ std::optional<RecordedRecord> Recording::Next(const StopSignals& signals)
         }
     }
     return std::nullopt;
+}
+
+std::optional<std::string> Recording::NextLine(const StopSignals& signals)
+{
+    size_t searched = 0;
+    for (;;) {
+        const size_t end = buffer_.find('\n', searched);
+        if (end != std::string::npos) {
+            return TakeLine(end, end + 1);
+        }
+        searched = buffer_.size();
+        if (searched > LINE_LENGTH_MAX) {
+            ++lineNumber_;
+            throw std::runtime_error(Position() + "line too long");
+        }
+        if (!WaitForInput(signals)) {
+            return std::nullopt;
+        }
+        if (!ReadMore()) {
+            return buffer_.empty() ? std::nullopt : std::optional(TakeLine(searched, searched));
+        }
+    }
+}
+
+std::string Recording::Position() const
+{
+    return name_ + ", line " + std::to_string(lineNumber_) + ": ";
+}
+
+std::string Recording::TakeLine(size_t length, size_t taken)
+{
+    ++lineNumber_;
+    std::string line = buffer_.substr(0, length);
+    buffer_.erase(0, taken);
+    return line;
+}
+
+bool Recording::WaitForInput(const StopSignals& signals) const
+{
+    pollfd waited[] = {{input_.Get(), POLLIN, 0}, {signals.Descriptor(), POLLIN, 0}};
+    while (poll(waited, 2, -1) < 0 && errno == EINTR) {
+    }
+    return waited[1].revents == 0;
+}
+
+// False at the end of the input.
+bool Recording::ReadMore()
+{
+    char piece[4096];
+    const ssize_t count = read(input_.Get(), piece, sizeof(piece));
+    if (count < 0 && errno != EAGAIN && errno != EINTR) {
+        throw std::system_error(errno, std::generic_category(), name_);
+    }
+    if (count > 0) {
+        buffer_.append(piece, static_cast<size_t>(count));
+    }
+    return count != 0;
 }
 
 // Nothing when the line is to be passed over.
@@ -42,12 +116,22 @@ std::optional<RecordedRecord> Recording::Parse(const std::string& line)
         }
         return RecordedRecord{std::move(record), std::nullopt};
     }
-    const StoredEvent event = ParseEvent(line);
-    if (event.kind == EventKind::PmLost || (!event.resource.empty() && event.resource != only_)) {
+    const Json event = Json::parse(line, nullptr, false);
+    if (event.is_discarded()) {
+        throw std::invalid_argument("not a JSON object");
+    }
+    const Json resource = event.value("resource", Json(only_));
+    if (IsPmLost(event) || resource != only_) {
         ++passedOver_;
         return std::nullopt;
     }
-    return RecordedRecord{MakeRecord(event, false), event.arrival};
+    const Json arrival = event.value("arrival", Json());
+    RecordedRecord record = {MakeRecord(event, false),
+                             ParseUtcTime(arrival.is_string() ? arrival.get<std::string>() : "")};
+    if (!arrival.is_null() && !record.arrival) {
+        throw std::invalid_argument("arrival: not a time such as 2024-05-06T07:08:09.012345Z");
+    }
+    return record;
 }
 
 }  // namespace tools

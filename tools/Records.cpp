@@ -1,199 +1,265 @@
 #include "tools/Records.h"
 
-#include <chrono>
+#include <cstring>
+#include <iterator>
 #include <limits>
 #include <optional>
 #include <stdexcept>
+#include <type_traits>
+#include <utility>
 
 #include "platform/host/fte/FaultRecordEncoder.h"
 #include "report_event/EventRecord.h"
-#include "tools/Hexadecimal.h"
-#include "tools/Printable.h"
+#include "tools/EventFields.h"
 #include "tools/ToolSupport.h"
 
 namespace tools {
 
 namespace {
 
-template <typename T>
-constexpr uint64_t MaxOf()
+using host_platform::fte::FaultEvent;
+
+// ---------------------------------------------------------------------------------------------------------------------
+// Reading an object
+
+std::invalid_argument Fault(const std::string& key, const std::string& cause)
 {
-    return static_cast<uint64_t>(std::numeric_limits<T>::max());
+    return std::invalid_argument(key + ": " + cause);
 }
 
-// A number of a record: its default, and the largest value that fits into each kind, 0 where the kind has no such
-// field.
-struct NumberField {
-    const char* option;
-    const char* description;
-    const char* defaultText;
-    uint64_t faultMax;
-    uint64_t rawMax;
-};
-
-constexpr NumberField FIELDS[] = {
-    {"--event-id", "Identifier of the event", "0x1001", MaxOf<uint16_t>(), MaxOf<uint32_t>()},
-    {"--severity", "Severity (device, security)", "1", 0, MaxOf<uint8_t>()},
-    {"--assertion", "Assertion; an event with 0 always reaches the event log", "1", MaxOf<uint8_t>(), MaxOf<uint8_t>()},
-    {"--node-id", "Node", "0", MaxOf<uint32_t>(), MaxOf<uint8_t>()},
-    {"--device-id", "Device", "0", MaxOf<uint8_t>(), MaxOf<uint16_t>()},
-    {"--os-id", "Operating system", "0", MaxOf<uint32_t>(), MaxOf<uint8_t>()},
-    {"--serial", "Serial number of the first event, one more for each further one\n(device, security)", "1", 0,
-     MaxOf<int32_t>()},
-    {"--notify-serial", "Serial number of the notification (device, security)", "0", 0, MaxOf<int32_t>()},
-    {"--arised-time",
-     "Time at which the event arose (device, security); else the time of\npublishing, in nanoseconds since 1970", "", 0,
-     MaxOf<uint64_t>()},
-    {"--uds-id", "Identifier of the diagnostic information (fault)", "0", MaxOf<uint16_t>(), 0},
-};
-
-uint64_t NanosecondsSinceEpoch()
+const Json& Find(const Json& object, const char* key)
 {
-    const auto now = std::chrono::system_clock::now().time_since_epoch();
-    return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(now).count());
-}
-
-host_platform::fte::FaultEvent ToEncoded(const StoredEvent& event)
-{
-    host_platform::fte::FaultEvent encoded;
-    encoded.eventId = event.fault.eventId;
-    encoded.assertion = event.fault.assertion;
-    encoded.nodeId = event.fault.nodeId;
-    encoded.deviceId = event.fault.deviceId;
-    encoded.osId = event.fault.osId;
-    encoded.name = event.View().NameBytes();
-    encoded.udsId = event.uds.udsId;
-    for (const DidInfoForCpp& did : event.uds.didInfo) {
-        encoded.dids.push_back({did.did, did.data});
+    const auto found = object.find(key);
+    if (found == object.end()) {
+        throw Fault(key, "missing");
     }
-    return encoded;
+    return *found;
 }
 
-DidInfoForCpp ParseDid(const std::string& text)
+std::string ReadText(const Json& object, const char* key)
+{
+    const Json& value = Find(object, key);
+    if (!value.is_string()) {
+        throw Fault(key, "not a text");
+    }
+    return value.get<std::string>();
+}
+
+std::vector<unsigned char> ReadBytes(const Json& object, const char* key)
+{
+    const std::string text = ReadText(object, key);
+    try {
+        return ParseHexadecimal(text);
+    } catch (const std::invalid_argument& error) {
+        throw Fault(key, error.what());
+    }
+}
+
+// Reads the numbers that it is called for.
+struct NumberReader {
+    const Json& object;
+
+    template <typename T>
+    void operator()(const char* key, T& number) const
+    {
+        const Json& value = Find(object, key);
+        const bool isNegative = value.is_number_integer() && !value.is_number_unsigned() && value.get<int64_t>() < 0;
+        const bool fits =
+            isNegative
+                ? value.get<int64_t>() >= static_cast<int64_t>(std::numeric_limits<T>::min()) && std::is_signed_v<T>
+                : value.is_number_integer() &&
+                      value.get<uint64_t>() <= static_cast<uint64_t>(std::numeric_limits<T>::max());
+        if (fits) {
+            number = value.get<T>();
+            return;
+        }
+        throw Fault(key, value.dump() + " is not a whole number from " + std::to_string(std::numeric_limits<T>::min()) +
+                             " to " + std::to_string(std::numeric_limits<T>::max()));
+    }
+};
+
+std::string ReadName(const Json& object)
+{
+    if (!object.contains("eventNameHex")) {
+        return ReadText(object, "eventName");
+    }
+    const std::vector<unsigned char> bytes = ReadBytes(object, "eventNameHex");
+    return {bytes.begin(), bytes.end()};
+}
+
+FaultEvent ReadFault(const Json& object)
+{
+    const NumberReader read{object};
+    FaultEvent fault;
+    read("eventId", fault.eventId);
+    fault.name = ReadName(object);
+    VisitFaultNumbers(fault, fault.udsId, read);
+    const Json& dids = Find(object, "dids");
+    if (!dids.is_array()) {
+        throw Fault("dids", "not an array");
+    }
+    for (const Json& element : dids) {
+        host_platform::fte::FaultDid did;
+        NumberReader{element}("did", did.did);
+        did.data = ReadBytes(element, "data");
+        fault.dids.push_back(std::move(did));
+    }
+    return fault;
+}
+
+dsmi_event ReadDevice(const Json& object)
+{
+    const NumberReader read{object};
+    dsmi_event device{};
+    read("eventId", device.eventId);
+    VisitDeviceNumbers(device, read);
+    const std::string name = ReadName(object);
+    if (name.size() > sizeof(device.eventName)) {
+        throw Fault("eventName", std::to_string(name.size()) + " bytes; at most " +
+                                     std::to_string(sizeof(device.eventName)) + " fit");
+    }
+    std::memcpy(device.eventName, name.data(), name.size());
+    const std::vector<unsigned char> reserved = ReadBytes(object, "reserved");
+    size_t used = 0;
+    VisitReserved(device, [&](uint8_t* area, size_t size) {
+        if (used + size <= reserved.size()) {
+            std::memcpy(area, &reserved[used], size);
+        }
+        used += size;
+    });
+    if (used != reserved.size()) {
+        throw Fault("reserved", "not " + std::to_string(used) + " bytes");
+    }
+    return device;
+}
+
+// ---------------------------------------------------------------------------------------------------------------------
+// Options
+
+struct NumberOption {
+    const char* option;
+    const char* key;
+};
+
+constexpr NumberOption NUMBERS[] = {
+    {"--event-id", "eventId"},
+    {"--severity", "severity"},
+    {"--assertion", "assertion"},
+    {"--node-id", "nodeId"},
+    {"--device-id", "deviceId"},
+    {"--os-id", "osId"},
+    {"--serial", "eventSerialNum"},
+    {"--notify-serial", "notifySerialNum"},
+    {"--arised-time", "eventArisedTime"},
+    {"--uds-id", "udsId"},
+};
+
+// What an event of any kind is like if nothing else is said, as far as its kind has that.
+const Json DEFAULTS = {
+    {"eventId", 0x1001}, {"eventName", "test event"}, {"severity", 1}, {"assertion", 1}, {"eventSerialNum", 1}};
+
+Json ParseDid(const std::string& text)
 {
     const size_t equals = text.find('=');
     const std::optional<uint64_t> id = ParseNumber(text.substr(0, equals));
-    if (equals == std::string::npos || !id || *id > MaxOf<uint16_t>()) {
-        throw CLI::ValidationError("--did", "'" + text + "' is not ID=HEXBYTES with an ID from 0 to 65535");
+    if (equals == std::string::npos || !id) {
+        throw CLI::ValidationError("--did", "'" + text + "' is not ID=HEXBYTES");
     }
-    try {
-        return {static_cast<uint16_t>(*id), ParseHexadecimal(text.substr(equals + 1))};
-    } catch (const std::invalid_argument& error) {
-        throw CLI::ValidationError("--did", "'" + text + "': " + error.what() + " after the '='");
-    }
+    return {{"did", *id}, {"data", text.substr(equals + 1)}};
 }
 
 }  // namespace
 
-Record MakeRecord(const StoredEvent& event, bool forceLog)
+Record MakeRecord(const Json& event, bool forceLog)
 {
-    if (event.kind == EventKind::Fault) {
-        return host_platform::fte::EncodeRecord(ToEncoded(event), forceLog);
+    const std::string kind = ReadText(event, "kind");
+    if (kind == "fault") {
+        return host_platform::fte::EncodeRecord(ReadFault(event), forceLog);
     }
-    const auto family = event.kind == EventKind::Security ? ReportEvent::SECURITY_EVENT : ReportEvent::FAULT_EVENT;
-    const ReportEvent::RawRecord raw = ReportEvent::MakeRawRecord(family, forceLog, event.device);
+    if (kind != "device" && kind != "security") {
+        throw Fault("kind", "'" + kind + "' cannot be published");
+    }
+    const auto family = kind == "security" ? ReportEvent::SECURITY_EVENT : ReportEvent::FAULT_EVENT;
+    const ReportEvent::RawRecord raw = ReportEvent::MakeRawRecord(family, forceLog, ReadDevice(event));
     return Record(std::begin(raw.bytes), std::end(raw.bytes));
 }
 
 std::vector<CLI::Option*> RecordOptions::AddTo(CLI::App& app)
 {
-    static_assert(std::size(FIELDS) == FIELD_COUNT, "one row for each field");
-    std::vector<CLI::Option*> options;
-    options.push_back(app.add_option("--kind", kind_, "What to publish")
-                          ->check(CLI::IsMember({"fault", "device", "security"}))
-                          ->capture_default_str());
-    options.push_back(app.add_option("--name", name_, "Name of the event")->type_name("TEXT")->capture_default_str());
-    for (size_t i = 0; i < FIELD_COUNT; ++i) {
-        const NumberField& field = FIELDS[i];
-        given_[i] = AddNumber(app, field.option, values_[i], 0, UINT64_MAX, field.description);
-        values_[i] = ParseNumber(field.defaultText).value_or(0);
-        given_[i]->default_str(field.defaultText);
-        options.push_back(given_[i]);
+    std::vector<CLI::Option*> all;
+    all.push_back(app.add_option("--kind", kind_)->check(CLI::IsMember({"fault", "device", "security"})));
+    all.push_back(app.add_flag("--force-log", forceLog_));
+    all.push_back(app.add_option_function<std::string>(
+        "--name", [this](const std::string& name) { given_["eventName"] = name; }));
+    for (const NumberOption& number : NUMBERS) {
+        const auto read = [this, &number](const std::string& text) {
+            const std::optional<uint64_t> value = ParseNumber(text);
+            if (!value) {
+                throw CLI::ValidationError(number.option, "'" + text + "' is not a number");
+            }
+            given_[number.key] = *value;
+        };
+        all.push_back(app.add_option_function<std::string>(number.option, read));
     }
-    options.push_back(app.add_option_function<std::vector<std::string>>(
-                             "--did",
-                             [this](const std::vector<std::string>& texts) {
-                                 for (const std::string& text : texts) {
-                                     dids_.push_back(ParseDid(text));
-                                 }
-                             },
-                             "A data identifier and its bytes in hexadecimal (fault); may be repeated")
-                          ->type_name("ID=HEXBYTES")
-                          ->allow_extra_args(false));
-    options.push_back(
-        app.add_flag("--force-log", forceLog_, "Write the event to the event log whatever its assertion"));
-    return options;
+    const auto addDids = [this](const std::vector<std::string>& texts) {
+        for (const std::string& text : texts) {
+            given_["dids"].push_back(ParseDid(text));
+        }
+    };
+    all.push_back(app.add_option_function<std::vector<std::string>>("--did", addDids)->allow_extra_args(false));
+    return all;
 }
 
-void RecordOptions::Check() const
+void RecordOptions::Check()
 {
-    for (size_t i = 0; i < FIELD_COUNT; ++i) {
-        if (given_[i]->count() == 0) {
-            continue;
-        }
-        const uint64_t most = IsFault() ? FIELDS[i].faultMax : FIELDS[i].rawMax;
-        if (most == 0) {
-            throw CLI::ValidationError(FIELDS[i].option, "a " + kind_ + " event has no such field");
-        }
-        if (values_[i] > most) {
-            throw CLI::ValidationError(FIELDS[i].option, std::to_string(values_[i]) + " is above " +
-                                                             std::to_string(most) + ", the largest for a " + kind_ +
-                                                             " event");
-        }
-    }
-    if (!IsFault() && !dids_.empty()) {
-        throw CLI::ValidationError("--did", "a " + kind_ + " event has no such field");
-    }
     try {
-        Make(0);
+        const Json event = Describe();
+        record_ = MakeRecord(event, forceLog_);
+        char id[32];
+        std::snprintf(id, sizeof(id), " event 0x%04X ", event["eventId"].get<uint32_t>());
+        description_ = kind_ + id + Quoted(event["eventName"].get<std::string>());
     } catch (const std::logic_error& error) {
-        throw CLI::ValidationError("record", error.what());
+        throw CLI::ValidationError("a " + kind_ + " event", error.what());
     }
 }
 
 Record RecordOptions::Make(uint64_t index) const
 {
-    StoredEvent event;
-    event.kind = ParseKind(kind_).value_or(EventKind::Fault);
-    event.SetName(name_);
-    if (IsFault()) {
-        FillFault(event);
-    } else {
-        FillDevice(event, index);
+    Record record = record_;
+    if (kind_ == "fault") {
+        return record;
     }
-    return MakeRecord(event, forceLog_);
+    dsmi_event event;
+    unsigned char* const payload = &record[ReportEvent::RECORD_PREFIX_SIZE];
+    std::memcpy(&event, payload, sizeof(event));
+    constexpr uint64_t SERIALS = 1ULL << 31;
+    event.eventSerialNum = static_cast<int32_t>((static_cast<uint64_t>(event.eventSerialNum) + index) % SERIALS);
+    if (!given_.contains("eventArisedTime")) {
+        const std::chrono::nanoseconds now = std::chrono::system_clock::now().time_since_epoch();
+        event.eventArisedTime = static_cast<uint64_t>(now.count());
+    }
+    std::memcpy(payload, &event, sizeof(event));
+    return record;
 }
 
-std::string RecordOptions::Description() const
+// An event without anything, and what is known about it.
+Json RecordOptions::Describe() const
 {
-    char id[16];
-    std::snprintf(id, sizeof(id), "0x%04X", static_cast<unsigned int>(values_[EVENT_ID]));
-    return kind_ + " event " + id + " " + Quoted(name_);
-}
-
-void RecordOptions::FillFault(StoredEvent& event) const
-{
-    event.fault.eventId = static_cast<uint16_t>(values_[EVENT_ID]);
-    event.fault.assertion = static_cast<uint8_t>(values_[ASSERTION]);
-    event.fault.nodeId = static_cast<uint32_t>(values_[NODE_ID]);
-    event.fault.deviceId = static_cast<uint8_t>(values_[DEVICE_ID]);
-    event.fault.osId = static_cast<uint32_t>(values_[OS_ID]);
-    event.uds.udsId = static_cast<uint16_t>(values_[UDS_ID]);
-    event.uds.didInfo = dids_;
-}
-
-void RecordOptions::FillDevice(StoredEvent& event, uint64_t index) const
-{
-    dsmi_event& device = event.device;
-    device.eventId = static_cast<uint32_t>(values_[EVENT_ID]);
-    device.deviceId = static_cast<uint16_t>(values_[DEVICE_ID]);
-    device.nodeId = static_cast<uint8_t>(values_[NODE_ID]);
-    device.severity = static_cast<uint8_t>(values_[SEVERITY]);
-    device.assertion = static_cast<uint8_t>(values_[ASSERTION]);
-    device.eventSerialNum = static_cast<int32_t>((values_[SERIAL] + index) % (MaxOf<int32_t>() + 1));
-    device.notifySerialNum = static_cast<int32_t>(values_[NOTIFY_SERIAL]);
-    device.eventArisedTime = given_[ARISED_TIME]->count() != 0 ? values_[ARISED_TIME] : NanosecondsSinceEpoch();
-    device.osId = static_cast<uint8_t>(values_[OS_ID]);
+    Json event = kind_ == "fault" ? ToJson("", {}, EventInfo{}, UDSInfoForCpp{})
+                                  : ToJson("", {}, ReportEvent::FAULT_EVENT, dsmi_event{});
+    event["kind"] = kind_;
+    for (const auto& [key, value] : DEFAULTS.items()) {
+        if (event.contains(key)) {
+            event[key] = value;
+        }
+    }
+    for (const auto& [key, value] : given_.items()) {
+        if (!event.contains(key)) {
+            throw Fault(key, "there is no such field");
+        }
+        event[key] = value;
+    }
+    return event;
 }
 
 }  // namespace tools

@@ -1,4 +1,4 @@
-// The records that report-event-publish sends, made from events, and the events that its options describe.
+// The records that report-event-publish sends: made from the JSON form of an event, or from options.
 #ifndef REPORT_EVENT_TOOLS_RECORDS_H
 #define REPORT_EVENT_TOOLS_RECORDS_H
 
@@ -7,15 +7,16 @@
 #include <string>
 #include <vector>
 
-#include "tools/Event.h"
+#include "tools/EventJson.h"
 
 namespace tools {
 
 using Record = std::vector<unsigned char>;
 
-// The record that carries `event`, which is not a pm-lost. Throws std::logic_error with the cause when there is none:
-// the event does not fit, or its name is one that a fault cannot have.
-Record MakeRecord(const StoredEvent& event, bool forceLog);
+// The record that carries `event`. Keys that the format does not know are passed over; a key that is missing or does
+// not hold what it should is an error, as is a value that does not fit into a record. Throws std::logic_error with the
+// cause.
+Record MakeRecord(const Json& event, bool forceLog);
 
 // The options that describe a record.
 class RecordOptions {
@@ -23,45 +24,27 @@ public:
     // The values stay in this object, which outlives `app`. Returns the options, for excluding them.
     std::vector<CLI::Option*> AddTo(CLI::App& app);
 
-    // Throws CLI::ValidationError that names the option at fault: it does not apply to the kind of record, or its value
-    // does not fit into one.
-    void Check() const;
+    // To be called before what follows. Throws CLI::ValidationError that names what is at fault: an option does not
+    // apply to the kind of record, or its value does not fit into one.
+    void Check();
 
-    // The record number `index`, counted from 0; with the serial number that many above --serial.
+    // The record number `index`, counted from 0; with the serial number that many above --serial, and the time of now.
     Record Make(uint64_t index) const;
 
     // "fault event 0x1001 "test event"".
-    std::string Description() const;
+    const std::string& Description() const
+    {
+        return description_;
+    }
 
 private:
-    // The numbers of a record. Their order is that of the table in the source file.
-    enum Field {
-        EVENT_ID,
-        SEVERITY,
-        ASSERTION,
-        NODE_ID,
-        DEVICE_ID,
-        OS_ID,
-        SERIAL,
-        NOTIFY_SERIAL,
-        ARISED_TIME,
-        UDS_ID,
-        FIELD_COUNT
-    };
-
-    bool IsFault() const
-    {
-        return kind_ == "fault";
-    }
-    void FillFault(StoredEvent& event) const;
-    void FillDevice(StoredEvent& event, uint64_t index) const;
+    Json Describe() const;
 
     std::string kind_ = "fault";
-    std::string name_ = "test event";
     bool forceLog_ = false;
-    uint64_t values_[FIELD_COUNT] = {};
-    CLI::Option* given_[FIELD_COUNT] = {};
-    std::vector<DidInfoForCpp> dids_;
+    Json given_ = Json::object();  // by key of the format, what options say
+    Record record_;                // number 0
+    std::string description_;
 };
 
 }  // namespace tools

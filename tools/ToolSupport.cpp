@@ -7,27 +7,22 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <charconv>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
-#include <iostream>
+#include <exception>
 #include <stdexcept>
 #include <system_error>
+#include <utility>
 
 #include "report_event/ResultCodes.h"
-#include "tools/Printable.h"
+#include "tools/Text.h"
 
 namespace tools {
 
 namespace {
 
-struct NamedResult {
-    int code;
-    const char* name;
-};
-
-constexpr NamedResult RESULTS[] = {
+constexpr std::pair<int, const char*> RESULTS[] = {
     {ReportEvent::RESULT_OPEN_FAILED, "resource file that cannot be opened"},
     {ReportEvent::RESULT_NULL_POINTER, "null pointer"},
     {ReportEvent::RESULT_WRONG_SIZE, "wrong size"},
@@ -58,15 +53,28 @@ int OpenStopSignals()
     return signalfd(-1, &signals, SFD_CLOEXEC);
 }
 
-// A null `timeout` waits for as long as it takes.
-bool PollReadable(int fd, const timespec* timeout)
+int PrintText(const std::string& text)
 {
-    pollfd waited{fd, POLLIN, 0};
-    int ready = 0;
-    do {
-        ready = ppoll(&waited, 1, timeout, nullptr);
-    } while (ready < 0 && errno == EINTR);
-    return ready > 0;
+    Output output(STDOUT_FILENO);
+    output.Write(text, -1);
+    return AfterOutput(output.Error(), EXIT_SUCCESS);
+}
+
+// To be called first of all: makes sure that no descriptor opened later becomes a standard stream, and that a closed
+// pipe is an error of the write that meets it.
+void PrepareStandardStreams()
+{
+    const bool outputIsClosed = fcntl(STDOUT_FILENO, F_GETFD) < 0;
+    for (int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        // The lowest free number is taken: `stream`, as those below it are open.
+        if (fcntl(stream, F_GETFD) < 0 && open("/dev/null", O_RDWR) < 0) {
+            throw std::system_error(errno, std::generic_category(), "/dev/null");
+        }
+    }
+    std::signal(SIGPIPE, SIG_IGN);
+    if (outputIsClosed) {
+        throw std::runtime_error("standard output is closed");
+    }
 }
 
 }  // namespace
@@ -94,12 +102,12 @@ bool StopSignals::WaitFor(std::chrono::nanoseconds timeout) const
 {
     const auto seconds = std::chrono::floor<std::chrono::seconds>(timeout);
     const timespec limit{seconds.count(), (timeout - seconds).count()};
-    return PollReadable(signals_, &limit);
-}
-
-void StopSignals::Wait() const
-{
-    PollReadable(signals_, nullptr);
+    pollfd waited{signals_, POLLIN, 0};
+    int ready = 0;
+    do {
+        ready = ppoll(&waited, 1, &limit, nullptr);
+    } while (ready < 0 && errno == EINTR);
+    return ready > 0;
 }
 
 bool StopSignals::AreInterrupt() const
@@ -108,35 +116,7 @@ bool StopSignals::AreInterrupt() const
     return sigpending(&pending) == 0 && sigismember(&pending, SIGINT) == 1;
 }
 
-void PrepareStandardStreams()
-{
-    const bool outputIsClosed = fcntl(STDOUT_FILENO, F_GETFD) < 0;
-    for (int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-        // The lowest free number is taken: `stream`, as those below it are open.
-        if (fcntl(stream, F_GETFD) < 0 && open("/dev/null", O_RDWR) < 0) {
-            throw std::system_error(errno, std::generic_category(), "/dev/null");
-        }
-    }
-    std::signal(SIGPIPE, SIG_IGN);
-    if (outputIsClosed) {
-        throw std::runtime_error("standard output is closed");
-    }
-}
-
-std::optional<uint64_t> ParseNumber(const std::string& text)
-{
-    const bool hexadecimal = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
-    const char* end = text.data() + text.size();
-    uint64_t value = 0;
-    const auto [stop, error] = std::from_chars(text.data() + (hexadecimal ? 2 : 0), end, value, hexadecimal ? 16 : 10);
-    if (error != std::errc() || stop != end) {
-        return std::nullopt;
-    }
-    return value;
-}
-
-CLI::Option* AddNumber(CLI::App& app, const std::string& name, uint64_t& value, uint64_t least, uint64_t most,
-                       const std::string& description)
+CLI::Option* AddNumber(CLI::App& app, const std::string& name, uint64_t& value, uint64_t least, uint64_t most)
 {
     const auto read = [name, &value, least, most](const std::string& text) {
         const std::optional<uint64_t> number = ParseNumber(text);
@@ -146,31 +126,29 @@ CLI::Option* AddNumber(CLI::App& app, const std::string& name, uint64_t& value, 
         }
         value = *number;
     };
-    return app.add_option_function<std::string>(name, read, description)->type_name("N");
+    return app.add_option_function<std::string>(name, read);
 }
 
-std::optional<int> ParseCommandLine(CLI::App& app, int argc, char** argv)
+int RunProgram(int argc, char** argv, const Program& program)
 {
     try {
+        PrepareStandardStreams();
+        CLI::App app("", program.name);
+        app.set_version_flag("--version", program.version);
+        program.addOptions(app);
         app.parse(argc, argv);
-        return std::nullopt;
-    } catch (const CLI::Success& request) {
-        app.exit(request);
-        std::cout.flush();
-        if (!std::cout) {
-            Complain("writing standard output failed");
-            return EXIT_RUNTIME_FAILURE;
-        }
-        return EXIT_SUCCESS;
+        return program.run();
+    } catch (const CLI::CallForHelp&) {
+        return PrintText(program.help);
+    } catch (const CLI::CallForVersion&) {
+        return PrintText(program.version + std::string("\n"));
     } catch (const CLI::ParseError& error) {
         Complain(std::string(error.what()) + " (--help lists the options)");
         return EXIT_USAGE;
+    } catch (const std::exception& error) {
+        Complain(error.what());
+        return EXIT_RUNTIME_FAILURE;
     }
-}
-
-void StandardOutput::PrintLine(const std::string& line)
-{
-    output_.Write(Printable(line) + '\n', giveUp_);
 }
 
 int AfterOutput(int error, int exitCode)
@@ -196,9 +174,9 @@ std::string DescribeResult(int code)
 {
     char hex[16];
     std::snprintf(hex, sizeof(hex), "0x%X", static_cast<unsigned int>(code));
-    for (const NamedResult& result : RESULTS) {
-        if (result.code == code) {
-            return std::string(hex) + " (" + result.name + ")";
+    for (const auto& [known, meaning] : RESULTS) {
+        if (known == code) {
+            return std::string(hex) + " (" + meaning + ")";
         }
     }
     return hex;

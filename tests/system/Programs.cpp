@@ -6,7 +6,7 @@
 #include <numeric>
 #include <sstream>
 
-#include "tools/Hexadecimal.h"
+#include "tools/Text.h"
 
 namespace system_test {
 

@@ -11,7 +11,7 @@
 
 #include "platform/host/fte/FaultRecordEncoder.h"
 #include "tests/system/Programs.h"
-#include "tools/Hexadecimal.h"
+#include "tools/Text.h"
 
 namespace system_test {
 namespace {
@@ -228,11 +228,11 @@ TEST_F(EndToEnd, WrongUseEndsWithOneLineThatNamesTheCause)
         {PUBLISHER, "--resource x:/res/y --from -", 1, "line 1: line too long", std::string(1000000, ' ')},
         {PUBLISHER, "--resource x:/res/y --from /no/file", 1, "/no/file: No such file"},
         {PUBLISHER, "--print --from -", 2, "--from excludes --print"},
-        {PUBLISHER, "--print --event-id 65536", 2, "65535, the largest for a fault event"},
-        {PUBLISHER, "--print --severity 1", 2, "--severity: a fault event has no such field"},
-        {PUBLISHER, "--print --kind device --did 1=00", 2, "--did: a device event has no such field"},
-        {PUBLISHER, "--print --did 65536=00", 2, "'65536=00' is not ID=HEXBYTES"},
-        {PUBLISHER, "--print --kind device --name " + std::string(289, 'n'), 2, "at most 288"},
+        {PUBLISHER, "--print --event-id 65536", 2, "eventId: 65536 is not a whole number from 0 to 65535"},
+        {PUBLISHER, "--print --severity 1", 2, "a fault event: severity: there is no such field"},
+        {PUBLISHER, "--print --kind device --did 1=00", 2, "a device event: dids: there is no such field"},
+        {PUBLISHER, "--print --did 65536=00", 2, "did: 65536 is not a whole number"},
+        {PUBLISHER, "--print --kind device --name " + std::string(289, 'n'), 2, "289 bytes; at most 288 fit"},
         {PUBLISHER, "--resource x:/res/y --severity 256", 2, "severity"},
         {PUBLISHER, "--resource x:/res/" + std::string(300, 'n'), 1, "nnn"},
         {PUBLISHER, "", 2, "resource"},

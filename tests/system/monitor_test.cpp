@@ -50,8 +50,8 @@ TEST_F(Monitor, OnlyWhatPassesTheFilterIsPrintedCountedAndSummedUp)
     ExpectNumbered(*monitor, 0, 7, 2);
     ExpectEnd(*monitor);
     EXPECT_TRUE(monitor->WaitForError("2 events in ")) << monitor->Transcript();
-    EXPECT_TRUE(monitor->WaitForError("         2 security dp:/res/iam/sec_event")) << monitor->Transcript();
-    EXPECT_FALSE(monitor->WaitForError(" device ")) << monitor->Transcript();
+    EXPECT_TRUE(monitor->WaitForError("  2 security from dp:/res/iam/sec_event")) << monitor->Transcript();
+    EXPECT_FALSE(monitor->WaitForError("device from")) << monitor->Transcript();
 
     // On a terminal it is Ctrl-C that asks for the summary, and nothing else.
     for (const int signal : {SIGINT, SIGTERM}) {

@@ -11,9 +11,9 @@
 #include <cstring>
 #include <filesystem>
 #include <iterator>
-#include <nlohmann/json.hpp>
 #include <random>
 
+#include "report_event/ResourceNames.h"
 #include "tests/system/Programs.h"
 #include "tools/EventJson.h"
 
@@ -22,11 +22,6 @@ namespace {
 
 using Publish = ProgramsTest;
 using Clock = std::chrono::steady_clock;
-
-std::string LineOf(const tools::StoredEvent& event)
-{
-    return tools::ToLine(tools::ToJson(event.View()));
-}
 
 std::string JoinLines(const Words& lines)
 {
@@ -42,37 +37,47 @@ class MixedEvents {
 public:
     std::string NextLine()
     {
-        tools::StoredEvent event;
-        event.kind = static_cast<tools::EventKind>(random_() % 3);
-        event.resource = PM;
-        event.arrival = tools::ParseUtcTime("2024-05-06T07:08:09.012345Z");
-        auto* const bytes = reinterpret_cast<unsigned char*>(&event.device);
-        for (size_t i = 0; i < sizeof(event.device); ++i) {
+        if (random_() % 3 == 0) {
+            return tools::ToLine(NextFault());
+        }
+        dsmi_event device;
+        auto* const bytes = reinterpret_cast<unsigned char*>(&device);
+        for (size_t i = 0; i < sizeof(device); ++i) {
             bytes[i] = static_cast<unsigned char>(random_());
         }
-        event.fault.eventId = static_cast<uint16_t>(random_());
-        event.fault.osId = static_cast<uint32_t>(random_());
-        event.uds.udsId = static_cast<uint16_t>(random_());
-        for (size_t count = random_() % 4; count > 0; --count) {
-            const auto byte = static_cast<uint8_t>(random_());
-            event.uds.didInfo.push_back({static_cast<uint16_t>(random_()), std::vector<uint8_t>(byte % 40, byte)});
+        if (random_() % 4 != 0) {
+            SetName(device.eventName);
         }
-        // A device's name stays the random bytes it is, now and then.
-        if (event.kind == tools::EventKind::Fault || random_() % 4 != 0) {
-            event.SetName(NextName());
-        }
-        return LineOf(event);
+        const auto family = random_() % 2 == 0 ? ReportEvent::FAULT_EVENT : ReportEvent::SECURITY_EVENT;
+        return tools::ToLine(tools::ToJson(PM, {}, family, device));
     }
 
 private:
-    std::string NextName()
+    tools::Json NextFault()
+    {
+        EventInfo fault{};
+        fault.eventId = static_cast<uint16_t>(random_());
+        fault.osId = static_cast<uint32_t>(random_());
+        SetName(fault.eventPara.buf);
+        UDSInfoForCpp uds;
+        uds.udsId = static_cast<uint16_t>(random_());
+        for (size_t count = random_() % 4; count > 0; --count) {
+            const auto byte = static_cast<uint8_t>(random_());
+            uds.didInfo.push_back({static_cast<uint16_t>(random_()), std::vector<uint8_t>(byte % 40, byte)});
+        }
+        return tools::ToJson(PM, {}, fault, uds);
+    }
+
+    template <size_t SIZE>
+    void SetName(char (&area)[SIZE])
     {
         static const std::string PARTS[] = {"fan ", "\xC3\xA9", "\xE2\x82\xAC", "\xF0\x9F\x98\x80", "\"\\\x1B", "\xFF"};
         std::string name;
         for (size_t count = random_() % 32; count > 0; --count) {
             name += PARTS[random_() % std::size(PARTS)];
         }
-        return name;
+        std::fill(std::begin(area), std::end(area), '\0');
+        std::copy_n(name.begin(), std::min(name.size(), SIZE), area);
     }
 
     std::mt19937 random_{1};
@@ -109,18 +114,21 @@ TEST_F(Publish, ARecordingOfTenThousandMixedEventsReplaysIdentically)
 
 TEST_F(Publish, OnlyTheEventsOfOneResourceAreReplayedAndNoLoss)
 {
-    tools::StoredEvent event;
-    event.kind = tools::EventKind::Device;
+    dsmi_event event{};
     std::string recording;
     for (const std::string resource : {"x:/res/a", "x:/res/b", ""}) {
-        event.resource = resource;
-        event.SetName(resource);
-        recording += LineOf(event) + "\n";
+        std::strcpy(event.eventName, resource.c_str());
+        tools::Json line = tools::ToJson(resource, {}, ReportEvent::FAULT_EVENT, event);
+        if (resource.empty()) {
+            line.erase("resource");
+            line.erase("arrival");
+        }
+        recording += tools::ToLine(line) + "\n";
     }
-    event.kind = tools::EventKind::PmLost;
-    event.resource = "x:/res/b";
-    recording += LineOf(event) + "\n";
-    recording.replace(recording.find(R"("resource":"",)"), strlen(R"("resource":"",)"), "");
+    event.eventId = ReportEvent::PM_LOST_EVENT_ID;
+    tools::Json lost = tools::ToJson(tools::FAULT_REPORTING, {}, ReportEvent::FAULT_EVENT, event);
+    lost["resource"] = "x:/res/b";
+    recording += tools::ToLine(lost) + "\n";
 
     const struct {
         const char* options;
@@ -144,9 +152,9 @@ TEST_F(Publish, RecordsFollowEachOtherAtThePaceThatWasAskedFor)
     std::string recording;
     // The clock was set back between the second and the third.
     for (const char* const time : {"08:00:00.000000", "08:00:00.300000", "07:00:00.000000", "07:00:00.100000"}) {
-        tools::StoredEvent event;
-        event.arrival = tools::ParseUtcTime(std::string("2024-05-06T") + time + "Z");
-        recording += LineOf(event) + "\n00\n";
+        const auto arrival = tools::ParseUtcTime(std::string("2024-05-06T") + time + "Z");
+        const tools::Json event = tools::ToJson("x:/res/a", *arrival, ReportEvent::FAULT_EVENT, {});
+        recording += tools::ToLine(event) + "\n00\n";
     }
     const struct {
         const char* options;
@@ -169,7 +177,7 @@ TEST_F(Publish, RecordsFollowEachOtherAtThePaceThatWasAskedFor)
     ExpectEnd(*monitor);
     std::vector<uint64_t> arised;
     for (const std::string& event : monitor->Output()) {
-        arised.push_back(tools::ParseEvent(event).device.eventArisedTime);
+        arised.push_back(tools::Json::parse(event)["eventArisedTime"].get<uint64_t>());
     }
     EXPECT_GE(arised[1] - arised[0], 300000000U);
 }
@@ -193,7 +201,8 @@ TEST_F(Publish, InputMayPauseAnywhereAndHoldsCommentsAndLineEndsOfEverySort)
     write("# a comment\n \t# another\n\n \r\n0001");
     write("02\r\n  00 01\t02 03 \r\n{\"kind\":");
     EXPECT_TRUE(publisher->WaitForOutput("line 6: record, 4 bytes: result 0")) << publisher->Transcript();
-    write(LineOf(tools::StoredEvent()).substr(strlen("{\"kind\":")) + "\r\n00");
+    const tools::Json event = tools::ToJson("x:/res/a", {}, EventInfo{}, UDSInfoForCpp{});
+    write(tools::ToLine(event).substr(strlen("{\"kind\":")) + "\r\n00");
     close(input);  // in the middle of a line, which counts
     ExpectEnd(*publisher);
     const Words expected = {

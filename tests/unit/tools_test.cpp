@@ -6,78 +6,94 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <nlohmann/json.hpp>
 #include <numeric>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "platform/host/fte/FaultRecordEncoder.h"
 #include "tools/EventFilter.h"
 #include "tools/EventJson.h"
+#include "tools/EventPrinter.h"
 #include "tools/EventText.h"
-#include "tools/Printable.h"
 #include "tools/Records.h"
-#include "tools/Statistics.h"
+#include "tools/Text.h"
 
 namespace tools {
 namespace {
 
-constexpr const char* ARRIVAL = "2024-05-06T07:08:09.000345Z";
+using ReportEvent::FAULT_EVENT;
+using ReportEvent::SECURITY_EVENT;
 
-StoredEvent Make(EventKind kind, const std::string& resource, std::string_view name)
-{
-    StoredEvent event;
-    event.kind = kind;
-    event.resource = resource;
-    event.arrival = ParseUtcTime(ARRIVAL);
-    event.SetName(name);
-    return event;
-}
+const SystemTime ARRIVAL = *ParseUtcTime("2024-05-06T07:08:09.000345Z");
 
-StoredEvent MakeFault()
+struct Fault {
+    EventInfo event{};
+    UDSInfoForCpp uds;
+
+    Json ToJson() const
+    {
+        return tools::ToJson("dp:/res/pm/fm", ARRIVAL, event, uds);
+    }
+};
+
+Fault MakeFault()
 {
-    StoredEvent event = Make(EventKind::Fault, "dp:/res/pm/fm", "fan \xC3\xA9\x1B\"");
-    event.fault.eventId = 65535;
-    event.fault.assertion = 255;
-    event.fault.nodeId = 4294967295;
-    event.fault.deviceId = 7;
-    event.fault.osId = 134810123;
-    event.uds = {3085, {{1, {1, 255}}, {61857, {}}}};
-    return event;
+    Fault fault;
+    fault.event = {65535, 255, 4294967295, 7, 134810123, {"fan \xC3\xA9\x1B\""}};
+    fault.uds = {3085, {{1, {1, 255}}, {61857, {}}}};
+    return fault;
 }
 
 // Every byte of it tells its own place. The name is no UTF-8, and goes on behind a NUL.
-StoredEvent MakeDevice()
+dsmi_event MakeDevice()
 {
-    StoredEvent event = Make(EventKind::Device, "x:/res/y", "");
-    auto* const bytes = reinterpret_cast<unsigned char*>(&event.device);
-    std::iota(bytes, bytes + sizeof(event.device), static_cast<unsigned char>(0));
-    event.device.eventSerialNum = -5;
-    event.device.eventArisedTime = UINT64_MAX;
-    std::memset(event.device.eventName, 0, sizeof(event.device.eventName));
-    event.SetName(std::string_view("\xFF\0b", 3));
+    dsmi_event event;
+    auto* const bytes = reinterpret_cast<unsigned char*>(&event);
+    std::iota(bytes, bytes + sizeof(event), static_cast<unsigned char>(0));
+    event.eventSerialNum = -5;
+    event.eventArisedTime = UINT64_MAX;
+    std::memset(event.eventName, 0, sizeof(event.eventName));
+    std::memcpy(event.eventName, "\xFF\0b", 3);
     return event;
 }
 
-struct PinnedLine {
-    StoredEvent event;
-    std::string line;
-};
-
-std::vector<PinnedLine> PinnedLines()
+Json DeviceJson(const dsmi_event& event)
 {
-    return {
-        {MakeFault(),
+    return ToJson("x:/res/y", ARRIVAL, FAULT_EVENT, event);
+}
+
+Record RawRecordOf(ReportEvent::EventType family, const dsmi_event& event)
+{
+    const ReportEvent::RawRecord raw = ReportEvent::MakeRawRecord(family, true, event);
+    return Record(std::begin(raw.bytes), std::end(raw.bytes));
+}
+
+TEST(EventJson, TheFormOfEachKindIsPinnedAndBecomesTheSameRecordAgain)
+{
+    const Fault fault = MakeFault();
+    const dsmi_event device = MakeDevice();
+    dsmi_event security{};
+    std::memset(security.eventName, 'n', sizeof(security.eventName));
+    const struct {
+        Json event;
+        Record record;
+        std::string line;
+    } cases[] = {
+        {fault.ToJson(),
+         host_platform::fte::EncodeRecord(
+             {65535, 255, 4294967295, 7, 134810123, fault.event.eventPara.buf, 3085, {{1, {1, 255}}, {61857, {}}}},
+             true),
          R"({"kind":"fault","resource":"dp:/res/pm/fm","arrival":"2024-05-06T07:08:09.000345Z","eventId":65535,)"
          R"("eventName":"fan é\u001b\"","assertion":255,"nodeId":4294967295,"deviceId":7,"osId":134810123,)"
          R"("udsId":3085,"dids":[{"did":1,"data":"01ff"},{"did":61857,"data":""}]})"},
-        {MakeDevice(),
+        {DeviceJson(device), RawRecordOf(FAULT_EVENT, device),
          R"({"kind":"device","resource":"x:/res/y","arrival":"2024-05-06T07:08:09.000345Z","eventId":185207048,)"
          "\"eventName\":\"\xEF\xBF\xBD\","
          R"("eventNameHex":"ff0062","severity":18,"assertion":19,"nodeId":15,"deviceId":3340,"osId":72,)"
          R"("eventSerialNum":-5,"notifySerialNum":454695192,"eventArisedTime":18446744073709551615,)"
          R"("reserved":"00010203040506070e10111c1d1e1f494a4b4c4d4e4f505152535455565758595a5b5c5d5e5f6061626364656667"})"},
-        {Make(EventKind::Security, "dp:/res/iam/sec_event", std::string(288, 'n')),
+        {ToJson("dp:/res/iam/sec_event", ARRIVAL, SECURITY_EVENT, security), RawRecordOf(SECURITY_EVENT, security),
          R"({"kind":"security","resource":"dp:/res/iam/sec_event","arrival":"2024-05-06T07:08:09.000345Z",)"
          R"("eventId":0,"eventName":")" +
              std::string(288, 'n') +
@@ -85,62 +101,74 @@ std::vector<PinnedLine> PinnedLines()
              R"("notifySerialNum":0,"eventArisedTime":0,"reserved":")" +
              std::string(92, '0') + R"("})"},
     };
-}
-
-TEST(EventJson, TheFormOfEachKindIsPinnedAndReadsBackToTheSameRecord)
-{
-    for (const PinnedLine& pinned : PinnedLines()) {
-        EXPECT_EQ(ToLine(ToJson(pinned.event.View())), pinned.line);
-        const StoredEvent read = ParseEvent(pinned.line);
-        EXPECT_EQ(ToLine(ToJson(read.View())), pinned.line);
-        EXPECT_EQ(MakeRecord(read, true), MakeRecord(pinned.event, true)) << pinned.line;
+    for (const auto& [event, record, line] : cases) {
+        EXPECT_EQ(ToLine(event), line);
+        EXPECT_EQ(MakeRecord(Json::parse(line), true), record) << line;
     }
     dsmi_event lost{};
     lost.eventId = 0x8C03A000;
-    EXPECT_EQ(MakeEvent(FAULT_REPORTING, {}, ReportEvent::FAULT_EVENT, lost).kind, EventKind::PmLost);
-    EXPECT_EQ(MakeEvent("x:/res/y", {}, ReportEvent::FAULT_EVENT, lost).kind, EventKind::Device);
+    EXPECT_TRUE(IsPmLost(ToJson(FAULT_REPORTING, {}, FAULT_EVENT, lost)));
+    EXPECT_EQ(ToJson("x:/res/y", {}, FAULT_EVENT, lost)["kind"], "device");
 }
 
-TEST(EventJson, ALineIsReadWhateverElseItHoldsAndRefusedWithItsCauseWhenItDoesNotFit)
+TEST(EventJson, AnEventIsReadWhateverElseItHoldsAndRefusedWithItsCauseWhenItDoesNotFit)
 {
-    const std::string fault = ToLine(ToJson(MakeFault().View()));
-    const std::string device = ToLine(ToJson(MakeDevice().View()));
+    const std::string fault = ToLine(MakeFault().ToJson());
+    const std::string device = ToLine(DeviceJson(MakeDevice()));
     const struct {
         std::string line, part, replacement, cause;
     } cases[] = {
         {fault, "{\"kind", "{\"new\":[1],\"kind", ""},
-        {fault, "\"arrival\":\"2024-05-06T07:08:09.000345Z\",", "", ""},
-        {device, "\"resource\":\"x:/res/y\",", "", ""},
-        {fault, "}]}", "}]", "not a JSON object"},
-        {fault, fault, "[]", "not a JSON object"},
-        {fault, "\"fault\"", "\"panic\"", "'kind' is not fault, device, security or pm-lost"},
-        {fault, "\"kind\"", "\"kin\"", "no 'kind'"},
-        {fault, "09.000345Z", "09.000345", "'arrival' is not a time"},
-        {fault, "05-06T", "05-66T", "'arrival' is not a time"},
-        {fault, "65535", "65536", "'eventId' is not a whole number from 0 to 65535"},
-        {fault, "65535", "-1", "'eventId' is not a whole number"},
-        {fault, "65535", "1.5", "'eventId' is not a whole number"},
-        {fault, "\"udsId\":3085,", "", "no 'udsId'"},
-        {fault, "01ff", "01f", "'data': not a byte of two hexadecimal digits at character 3"},
-        {fault, "\"dids\":[", "\"dids\":7,\"x\":[", "'dids' is not an array"},
-        {fault, "fan ", std::string(125, 'n'), "a name of 129 bytes; at most 128 fit into a fault event"},
-        {device, ":-5", ":-2147483649", "'eventSerialNum' is not a whole number from -2147483648 to 2147483647"},
-        {device, "18446744073709551615", "18446744073709551616", "'eventArisedTime' is not a whole number"},
-        {device, "6667\"", "66\"", "'reserved' is not hexadecimal text of 46 bytes"},
-        {device, "ff0062", std::string(578, '0'), "a name of 289 bytes; at most 288 fit into a device event"},
-        {device, "\"ff0062\"", "5", "'eventNameHex' is not a text"},
+        {fault, "01ff", "01 FF", ""},
+        {fault, "\"fault\"", "\"pm-lost\"", "kind: 'pm-lost' cannot be published"},
+        {fault, "\"kind\"", "\"kin\"", "kind: missing"},
+        {fault, "\"fault\"", "7", "kind: not a text"},
+        {fault, "65535", "65536", "eventId: 65536 is not a whole number from 0 to 65535"},
+        {fault, "65535", "-1", "eventId: -1 is not a whole number from"},
+        {fault, "65535", "1.5", "eventId: 1.5 is not a whole number from"},
+        {fault, "65535", "true", "eventId: true is not a whole number from"},
+        {fault, "\"udsId\":3085,", "", "udsId: missing"},
+        {fault, "01ff", "01f", "data: not a byte of two hexadecimal digits at character 3"},
+        {fault, "01ff", "0x01", "data: not a byte of two hexadecimal digits at character 1"},
+        {fault, "\"dids\":[", "\"dids\":7,\"x\":[", "dids: not an array"},
+        {fault, "{\"did\":1,\"data\":\"01ff\"}", "5", "did: missing"},
+        {fault, "fan ", std::string(125, 'n'), "event name of 129 bytes; at most 128 fit"},
+        {device, ":-5", ":-2147483649", "eventSerialNum: -2147483649 is not a whole number from -2147483648"},
+        {device, ":-5", ":2147483648", "eventSerialNum: 2147483648 is not a whole number from -2147483648"},
+        {device, "18446744073709551615", "18446744073709551616", "eventArisedTime: 1.8446744073709552e+19 is not"},
+        {device, "18446744073709551615", "-1", "eventArisedTime: -1 is not a whole number from 0"},
+        {device, "6667\"", "66\"", "reserved: not 46 bytes"},
+        {device, "6667\"", "666768\"", "reserved: not 46 bytes"},
+        {device, "ff0062", std::string(578, '0'), "eventName: 289 bytes; at most 288 fit"},
+        {device, "\"ff0062\"", "5", "eventNameHex: not a text"},
     };
     for (const auto& [line, part, replacement, cause] : cases) {
         std::string changed = line;
         changed.replace(line.find(part), part.size(), replacement);
         std::string message;
         try {
-            ParseEvent(changed);
-        } catch (const std::invalid_argument& error) {
+            MakeRecord(Json::parse(changed), false);
+        } catch (const std::logic_error& error) {
             message = error.what();
         }
         EXPECT_EQ(message.substr(0, cause.size()), cause) << changed;
         EXPECT_EQ(message.empty(), cause.empty()) << message;
+    }
+}
+
+TEST(Text, TimesAreReadOnlyInTheFormInWhichTheyAreWritten)
+{
+    for (const std::string time :
+         {"1969-12-31T23:59:59.999999Z", "2024-02-29T07:08:09.000345Z", "9999-12-31T00:00:00.000000Z"}) {
+        const std::optional<SystemTime> parsed = ParseUtcTime(time);
+        ASSERT_TRUE(parsed) << time;
+        EXPECT_EQ(TimeText(*parsed, true), time);
+    }
+    for (const std::string time :
+         {"", "2024-05-06T07:08:09.000345", "2024-05-66T07:08:09.000345Z", "2023-02-29T07:08:09.000345Z",
+          "2024-05-06 07:08:09.000345Z", "2024-05-06T07:08:09.345Z", "2024-05-06T07:08:09.000345Zx",
+          "2024-05-06T07:08:09.9223372036854775807Z"}) {
+        EXPECT_FALSE(ParseUtcTime(time)) << time;
     }
 }
 
@@ -164,49 +192,53 @@ TEST(EventText, ARowOfEachKindStandsUnderItsHeaderWithinAHundredColumns)
     const LocalTime fiveHoursAhead;
     RowStyle style;
     style.shortTimes = true;
-    StoredEvent device = Make(EventKind::Device, "dp:/res/pm/fm", "test event");
-    device.device.eventId = 0x80E01801;
-    device.device.severity = 3;
-    device.device.assertion = 1;
-    device.device.nodeId = 1;
-    device.device.deviceId = 22;
-    device.device.osId = 3;
-    device.device.eventSerialNum = -42;
-    device.device.eventArisedTime = 1714979289000999999;
-    StoredEvent earlier = device;
-    earlier.device.eventArisedTime -= 86400 * 1000000000ULL;
-    StoredEvent odd = device;
-    odd.device.eventArisedTime = 9;
-    odd.device.notifySerialNum = 7;
-    odd.device.reserved14 = 0xAB;
-    StoredEvent lost = device;
-    lost.kind = EventKind::PmLost;
-    lost.resource = "fault-reporting";
-    lost.device.deviceId = 65535;
-    lost.SetName("pm");
+    dsmi_event device{};
+    std::strcpy(device.eventName, "test event");
+    device.eventId = 0x80E01801;
+    device.severity = 3;
+    device.assertion = 1;
+    device.nodeId = 1;
+    device.deviceId = 22;
+    device.osId = 3;
+    device.eventSerialNum = -42;
+    device.eventArisedTime = 1714979289000999999;
+    dsmi_event earlier = device;
+    earlier.eventArisedTime -= 86400 * 1000000000ULL;
+    dsmi_event odd = device;
+    odd.eventArisedTime = 9;
+    odd.notifySerialNum = 7;
+    odd.reserved14 = 0xAB;
+    dsmi_event lost = device;
+    lost.eventId = 0x8C03A000;
+    lost.deviceId = 65535;
     const struct {
-        StoredEvent event;
+        Json event;
         std::string row;
     } cases[] = {
-        {device,
+        {ToJson("dp:/res/pm/fm", ARRIVAL, FAULT_EVENT, device),
          "12:08:09.000345 12:08:09.000 device   0x80E01801   3   1    1/22/3    -42 dp:/res/pm/fm \"test event\""},
-        {earlier,
-         "12:08:09.000345 2024-05-05T12:08:09.000999 device   0x80E01801   3   1    1/22/3    -42 dp:/res/pm/fm "
+        {ToJson("dp:/res/pm/fm", ARRIVAL, SECURITY_EVENT, earlier),
+         "12:08:09.000345 2024-05-05T12:08:09.000999 security 0x80E01801   3   1    1/22/3    -42 dp:/res/pm/fm "
          "\"test event\""},
-        {odd,
+        {ToJson("dp:/res/pm/fm", ARRIVAL, FAULT_EVENT, odd),
          "12:08:09.000345 9            device   0x80E01801   3   1    1/22/3    -42 dp:/res/pm/fm \"test event\" "
          "notify=7 reserved=0000000000000000ab" +
              std::string(74, '0')},
-        {lost,
-         "12:08:09.000345 12:08:09.000 pm-lost  0x80E01801   3   1 1/65535/3    -42 fault-reporting \"pm\" (this "
-         "process manager is gone)"},
-        {MakeFault(),
+        {ToJson(FAULT_REPORTING, ARRIVAL, FAULT_EVENT, lost),
+         "12:08:09.000345 12:08:09.000 pm-lost  0x8C03A000   3   1 1/65535/3    -42 fault-reporting \"test event\" "
+         "(this process manager is gone)"},
+        {MakeFault().ToJson(),
          "12:08:09.000345 -            fault    0xFFFF       - 255 4294967295/7/134810123      - dp:/res/pm/fm "
-         "\"fan \xC3\xA9\\u001b\\\"\" uds=0x0C0D did:0x0001=01ff did:0xF1A1="}};
+         "\"fan \xC3\xA9\\u001b\\\"\" uds=0x0C0D did:0x0001=01ff did:0xF1A1="},
+        {DeviceJson(MakeDevice()),
+         "12:08:09.000345 2554-07-22T04:34:33.709551 device   0xB0A0908   18  19 15/3340/72     -5 x:/res/y      "
+         "\"\\xff\" notify=454695192 reserved=00010203040506070e10111c1d1e1f494a4b4c4d4e4f505152535455565758595a5b5c5d"
+         "5e5f6061626364656667"},
+    };
     for (const auto& [event, row] : cases) {
-        EXPECT_EQ(ToRow(style, event.View(), std::nullopt), row);
+        EXPECT_EQ(ToRow(style, event, ARRIVAL, std::nullopt), row);
     }
-    EXPECT_EQ(HeaderRow(style, *device.arrival),
+    EXPECT_EQ(HeaderRow(style, ARRIVAL),
               "2024-05-06      ARISED       KIND     EVENT      SEV ASS NODE/D/OS SERIAL RESOURCE      NAME ...");
     EXPECT_EQ(cases[0].row.size(), 100U);
 }
@@ -214,10 +246,10 @@ TEST(EventText, ARowOfEachKindStandsUnderItsHeaderWithinAHundredColumns)
 TEST(EventText, TimesAndColoursAreThoseAskedFor)
 {
     const LocalTime fiveHoursAhead;
-    StoredEvent device = Make(EventKind::Device, "x:/res/y", "");
-    device.device.eventArisedTime = 1714979289000999999;
-    const auto row = [&](const RowStyle& style) {
-        return ToRow(style, device.View(), *device.arrival - std::chrono::microseconds(1500000));
+    dsmi_event device{};
+    device.eventArisedTime = 1714979289000999999;
+    const auto row = [&device](const RowStyle& style) {
+        return ToRow(style, DeviceJson(device), ARRIVAL, ARRIVAL - std::chrono::milliseconds(1500));
     };
     const std::string rest = " device   0x0000       0   0     0/0/0      0 x:/res/y      \"\"";
     RowStyle style;
@@ -234,32 +266,38 @@ TEST(EventText, TimesAndColoursAreThoseAskedFor)
 
     // The warmer, the more severe; green is over, and a fault, which has no severity, stands between.
     style.colour = true;
+    Fault fault;
+    Fault assertedFault;
+    assertedFault.event.assertion = 1;
+    const auto withSeverity = [](uint8_t severity, uint8_t assertion) {
+        dsmi_event event{};
+        event.severity = severity;
+        event.assertion = assertion;
+        return DeviceJson(event);
+    };
+    dsmi_event lost{};
+    lost.eventId = 0x8C03A000;
     const struct {
-        EventKind kind;
-        uint8_t severity, assertion;
-        const char* colour;
-    } cases[] = {{EventKind::Device, 0, 1, "\x1B[36m"}, {EventKind::Security, 1, 1, "\x1B[33m"},
-                 {EventKind::Device, 2, 1, "\x1B[31m"}, {EventKind::Device, 255, 1, "\x1B[31m"},
-                 {EventKind::Device, 2, 0, "\x1B[32m"}, {EventKind::PmLost, 0, 0, "\x1B[1;31m"},
-                 {EventKind::Fault, 0, 1, "\x1B[33m"},  {EventKind::Fault, 0, 0, "\x1B[32m"}};
-    for (const auto& [kind, severity, assertion, colour] : cases) {
-        StoredEvent event = Make(kind, "x:/res/y", "");
-        event.device.severity = severity;
-        event.device.assertion = assertion;
-        event.fault.assertion = assertion;
-        const std::string text = ToRow(style, event.View(), std::nullopt);
-        EXPECT_EQ(text.substr(0, strlen(colour)), colour) << KindName(kind) << int{severity};
+        Json event;
+        std::string colour;
+    } cases[] = {{withSeverity(0, 1), "\x1B[36m"},     {withSeverity(1, 1), "\x1B[33m"},
+                 {withSeverity(2, 1), "\x1B[31m"},     {withSeverity(255, 1), "\x1B[31m"},
+                 {withSeverity(2, 0), "\x1B[32m"},     {ToJson(FAULT_REPORTING, {}, FAULT_EVENT, lost), "\x1B[1;31m"},
+                 {assertedFault.ToJson(), "\x1B[33m"}, {fault.ToJson(), "\x1B[32m"}};
+    for (const auto& [event, colour] : cases) {
+        const std::string text = ToRow(style, event, ARRIVAL, std::nullopt);
+        EXPECT_EQ(text.substr(0, colour.size()), colour) << event;
         EXPECT_EQ(text.substr(text.size() - 4), "\x1B[0m");
     }
 }
 
 TEST(EventFilter, AnEventPassesWhenItFitsEachKindOfFilter)
 {
-    StoredEvent device = Make(EventKind::Device, "x:/res/y", "");
-    device.device.eventId = 0x20;
-    device.device.severity = 2;
-    StoredEvent fault = Make(EventKind::Fault, "x:/res/y", "");
-    fault.fault.eventId = 0x10;
+    dsmi_event device{};
+    device.eventId = 0x20;
+    device.severity = 2;
+    Fault fault;
+    fault.event.eventId = 0x10;
     const struct {
         std::string options;
         bool deviceToo, faultToo;
@@ -282,8 +320,8 @@ TEST(EventFilter, AnEventPassesWhenItFitsEachKindOfFilter)
         EventFilter filter;
         filter.AddTo(app);
         app.parse(options);
-        EXPECT_EQ(filter.Passes(device.View()), deviceToo) << options;
-        EXPECT_EQ(filter.Passes(fault.View()), faultToo) << options;
+        EXPECT_EQ(filter.Passes(DeviceJson(device)), deviceToo) << options;
+        EXPECT_EQ(filter.Passes(fault.ToJson()), faultToo) << options;
     }
     for (const char* const options : {"--kind x", "--event-id 2-1", "--event-id 1-", "--event-id -1", "--event-id x",
                                       "--event-id 4294967296", "--severity 256"}) {
@@ -298,17 +336,16 @@ TEST(Statistics, TheSummaryTellsHowManyOfWhatHowOftenAndTheLongestGap)
 {
     const Statistics::Clock::time_point start;
     Statistics statistics(start);
-    const StoredEvent device = Make(EventKind::Device, "x:/res/y", "");
-    const StoredEvent fault = Make(EventKind::Fault, "dp:/res/pm/fm", "");
-    statistics.Add(device.View(), start + std::chrono::milliseconds(7000));
-    statistics.Add(fault.View(), start + std::chrono::milliseconds(8000));
-    statistics.Add(device.View(), start + std::chrono::milliseconds(10500));
+    const Json device = DeviceJson({});
+    statistics.Add(device, start + std::chrono::milliseconds(7000));
+    statistics.Add(Fault().ToJson(), start + std::chrono::milliseconds(8000));
+    statistics.Add(device, start + std::chrono::milliseconds(10500));
     const std::vector<std::string> expected = {"3 events in 12.0 s: 0.2 per second, longest gap 2.5 s",
-                                               "         1 fault    dp:/res/pm/fm", "         2 device   x:/res/y"};
+                                               "  2 device from x:/res/y", "  1 fault from dp:/res/pm/fm"};
     EXPECT_EQ(statistics.Summary(start + std::chrono::seconds(12)), expected);
 }
 
-TEST(Printable, ShowsTextAsItIsAndEscapesWhatCommandsATerminal)
+TEST(Text, ShowsTextAsItIsAndEscapesWhatCommandsATerminal)
 {
     const struct {
         std::string text, shown;
