@@ -212,7 +212,7 @@ TEST_F(FaultReportingHost, FailsToRegisterWithoutAThreadAndLogsNothingWhenQuiet)
         EXPECT_EQ(FTERegisterCallback(callable), FTE_NO_RESOURCE);
         EXPECT_EQ(Send(), FTE_OK);
         pthread_setattr_default_np(&usual);
-        SlogHostQuiet();
+        SlogHostQuiet(nullptr);
         EXPECT_EQ(FTERegisterCallback(callable), FTE_OK);
         EXPECT_EQ(Send(), FTE_OK);
         EXPECT_TRUE(Reaches(delivered, 1));

@@ -219,7 +219,7 @@ TEST(SlogHost, LetsThroughTheLevelsThatTheEnvironmentNames)
 TEST(SlogHost, IsQuietOnRequestUnlessTheEnvironmentAsksForLines)
 {
     const auto log = [] {
-        SlogHostQuiet();
+        SlogHostQuiet(nullptr);
         std::cerr << CheckLogLevel(54, 2) << CheckLogLevel(54, 3);
         DlogEventInner(0x1000036, "an event");
     };
@@ -227,6 +227,19 @@ TEST(SlogHost, IsQuietOnRequestUnlessTheEnvironmentAsksForLines)
     ExpectErrorOutput("SLOG_LEVELS", "2", log, "^10[^\n]*an event\n$");
     ExpectErrorOutput("SLOG_EVENT_FILE", "", log, "^00$");
     ExpectErrorOutput("SLOG_EVENT_FILE", "/dev/null", log, "^01$");
+}
+
+TEST(SlogHost, HandsFailuresToAListenerWhileItIsQuiet)
+{
+    const auto log = [] {
+        SlogHostQuiet([](const char* text) { std::cerr << "<" << text << ">"; });
+        std::cerr << CheckLogLevel(54, 2) << CheckLogLevel(54, 3);
+        DlogInner(54, 3, "number %d", 1);
+        SlogHostBounded(71, 3, "number %d", 2);
+        DlogEventInner(0x1000036, "an event");
+    };
+    ExpectErrorOutput("SLOG_LEVELS", nullptr, log, "^01<number 1><number 2>$");
+    ExpectErrorOutput("SLOG_LEVELS", "3", log, "^01[^<]*: number 1\n[^<]*: number 2\n[^<]*: an event\n$");
 }
 
 // A path of this test's own, which the process started by it finds too.

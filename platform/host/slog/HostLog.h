@@ -12,11 +12,15 @@ extern "C" {
 // waits, raises no SIGPIPE and preserves errno.
 void SlogHostBounded(int module, int level, const char* format, ...) __attribute__((format(printf, 3, 4)));
 
-// Silences this process for good, unless SLOG_LEVELS or SLOG_EVENT_FILE was set when libslog was loaded: CheckLogLevel
-// answers 0 from now on, and DlogEventInner writes nothing. DlogInner and SlogHostBounded still write what they are
-// given by a caller that did not ask. Any thread, any number of times; lines that other threads are just writing still
-// appear.
-void SlogHostQuiet(void);
+// Gets the text of a message, NUL-terminated and valid during the call only, on the thread that logs it: that may be in
+// the middle of a signal handler, and with any lock of the caller's held.
+typedef void (*SlogHostListener)(const char* text);
+
+// Silences this process for good, unless SLOG_LEVELS or SLOG_EVENT_FILE was set when libslog was loaded: nothing is
+// written any more, and CheckLogLevel answers 0. With a `listener`, which may be null, messages of level 3 go to it
+// instead: for these CheckLogLevel answers 1. Any thread, any number of times; lines that other threads are just writing
+// still appear.
+void SlogHostQuiet(SlogHostListener listener);
 
 }  // extern "C"
 

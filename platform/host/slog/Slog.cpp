@@ -25,7 +25,8 @@ namespace host_platform::slog {
 namespace {
 
 constexpr int LEVEL_LIMIT = 64;  // levels 0 to 63 have a bit each
-constexpr uint64_t DEFAULT_LEVELS = uint64_t{1} << 3;
+constexpr int FAILURE = 3;
+constexpr uint64_t DEFAULT_LEVELS = uint64_t{1} << FAILURE;
 
 void AppendOrigin(LogLine& line)
 {
@@ -37,13 +38,23 @@ void AppendOrigin(LogLine& line)
 LineSink standardError{STDERR_FILENO, LineSink::Owner::PROCESS};
 LineBudget boundedLines;
 std::atomic<bool> quiet{false};
-static_assert(std::atomic<bool>::is_always_lock_free, "a signal handler asks for the level too");
+std::atomic<SlogHostListener> listener{nullptr};
+static_assert(std::atomic<bool>::is_always_lock_free && std::atomic<SlogHostListener>::is_always_lock_free,
+              "a signal handler logs too");
 
 void WriteDiagnostic(int module, int level, const char* format, va_list arguments)
     __attribute__((format(printf, 3, 0)));
 void WriteDiagnostic(int module, int level, const char* format, va_list arguments)
 {
     LogLine line;
+    if (quiet) {
+        const SlogHostListener hear = listener;
+        if (hear != nullptr) {
+            line.AppendList(format, arguments);
+            hear(line.Data());
+        }
+        return;
+    }
     AppendOrigin(line);
     line.Append("level=%d module=%d: ", level, module);
     line.AppendList(format, arguments);
@@ -143,7 +154,10 @@ using namespace host_platform::slog;
 
 int CheckLogLevel(int /*module*/, int level)
 {
-    return !quiet && level >= 0 && level < LEVEL_LIMIT && (enabledLevels >> level & 1) != 0 ? 1 : 0;
+    if (quiet) {
+        return level == FAILURE && listener != nullptr ? 1 : 0;
+    }
+    return level >= 0 && level < LEVEL_LIMIT && (enabledLevels >> level & 1) != 0 ? 1 : 0;
 }
 
 void DlogInner(int module, int level, const char* format, ...)
@@ -195,9 +209,10 @@ void DlogFlush(void)
     }
 }
 
-void SlogHostQuiet(void)
+void SlogHostQuiet(SlogHostListener newListener)
 {
     if (!asksForLines) {
+        listener = newListener;
         quiet = true;
     }
 }
