@@ -9,6 +9,10 @@
 
 namespace tools::platform {
 
+// Keeps what the library and the platform log from standard error, unless the environment asks for it. A record that
+// the library drops is told in a line of the program's own.
+void Quiet();
+
 struct Reader {
     int pid;
     bool isCurrent;   // the stream is this reader's

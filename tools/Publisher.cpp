@@ -1,7 +1,5 @@
 #include "tools/Publisher.h"
 
-#include <syslog.h>
-
 #include <algorithm>
 #include <utility>
 
@@ -29,7 +27,6 @@ Publisher::Publisher(const PublisherOptions& options, const StopSignals& signals
 
 bool Publisher::Serve()
 {
-    openlog(nullptr, LOG_PID, LOG_USER);
     const int result = ReportEventClient::GetInstance().RegisterResService(options_.resource);
     if (result != ReportEvent::RESULT_OK) {
         Complain(options_.resource + ": cannot serve it: " + DescribeResult(result) +

@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <exception>
+#include <mutex>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
@@ -39,7 +40,9 @@ int stopDescriptor = -1;  // set once, before any other thread is started
 // Not through stdio, which is stuck when standard error is.
 void WriteError(const std::string& line)
 {
+    static std::mutex mutex;
     static Output standardError(STDERR_FILENO);
+    const std::lock_guard<std::mutex> lock(mutex);
     standardError.Write(Printable(line) + '\n', stopDescriptor);
 }
 

@@ -69,7 +69,7 @@ int RunProgram(int argc, char** argv, const Program& program);
 // reports. That nobody reads any more is none.
 int AfterOutput(int error, int exitCode);
 
-// These two escape what could command a terminal.
+// Any thread. These two escape what could command a terminal.
 
 // Writes one line "<program>: <message>" to standard error: something went wrong.
 void Complain(const std::string& message);

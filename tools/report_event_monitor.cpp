@@ -12,6 +12,7 @@
 
 #include "Help.h"
 #include "tools/EventPrinter.h"
+#include "tools/Platform.h"
 #include "tools/Subscription.h"
 #include "tools/ToolSupport.h"
 
@@ -24,6 +25,7 @@ struct Options {
     SubscriptionOptions subscription;
     PrinterOptions printer;
     bool stats = false;
+    bool verbose = false;
     uint64_t timeout = 0;  // seconds; 0: none
 };
 
@@ -37,6 +39,7 @@ void AddOptions(CLI::App& app, Options& options)
     app.add_flag("--utc", options.printer.rows.utc);
     app.add_flag("--delta", options.printer.rows.delta);
     app.add_flag("--stats", options.stats);
+    app.add_flag("--verbose", options.verbose);
     app.callback([&options] { options.subscription.Complete(); });
 }
 
@@ -83,6 +86,9 @@ int Watch(Subscriptions& subscriptions, const Options& options, const StopSignal
 int Monitor(Options& options)
 {
     AdaptToTerminal(options);
+    if (!options.verbose) {
+        platform::Quiet();
+    }
     const StopSignals signals;
     EventPrinter printer(STDOUT_FILENO, options.printer);
     Subscriptions subscriptions(options.subscription,

@@ -1,4 +1,7 @@
 // report-event-publish: serves a resource like a process manager and publishes records on it.
+#include <syslog.h>
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
 #include <chrono>
 #include <cstdint>
@@ -11,6 +14,7 @@
 
 #include "Help.h"
 #include "tools/Output.h"
+#include "tools/Platform.h"
 #include "tools/Publisher.h"
 #include "tools/Recording.h"
 #include "tools/Records.h"
@@ -31,6 +35,7 @@ struct Options {
     uint64_t count = 1;
     bool serve = false;
     bool print = false;
+    bool verbose = false;
 };
 
 void AddTiming(CLI::App& app, Options& options, CLI::Option* from, CLI::Option* interval)
@@ -54,6 +59,7 @@ void AddOptions(CLI::App& app, Options& options)
     CLI::Option* interval = AddNumber(app, "--interval", options.publisher.interval, 0, INTERVAL_MAX);
     CLI::Option* serve = app.add_flag("--serve", options.serve);
     app.add_flag("--quiet", options.publisher.quiet);
+    app.add_flag("--verbose", options.verbose);
     CLI::Option* from = app.add_option("--from", options.from)->excludes(count);
     for (CLI::Option* option : options.record.AddTo(app)) {
         from->excludes(option);
@@ -158,6 +164,11 @@ int Run(const Options& options)
 {
     if (options.print) {
         return Print(options);
+    }
+    // With --verbose, what the library writes to the system log stands on standard error, too.
+    openlog(nullptr, LOG_PID | (options.verbose ? LOG_PERROR : 0), LOG_USER);
+    if (!options.verbose) {
+        platform::Quiet();
     }
     const StopSignals signals;
     Output output(STDOUT_FILENO);

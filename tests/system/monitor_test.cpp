@@ -42,6 +42,26 @@ TEST_F(Monitor, EndsWhenNoEventHasComeForAWhile)
     EXPECT_EQ(receiving->Output().size(), 6U);
 }
 
+TEST_F(Monitor, TellsChangesOfStateAndTheLibraryItsOwnOnlyOnRequest)
+{
+    unsetenv("SLOG_LEVELS");
+    const auto pm = Serve(PM, "--from -", "000041\n" + NumberedRecords(ReportEvent::FAULT_EVENT, 0, 1));
+    const auto quiet = Start(MONITOR, "--json");
+    Events(*quiet, 1);
+    pm->Stop(SIGKILL);
+    ExpectEnd(*quiet, 1);
+    const Words expected = {"receiving dp:/res/pm/fm", "dp:/res/pm/fm: a record that cannot be decoded",
+                            "lost dp:/res/pm/fm", "report-event-monitor: nothing can arrive any more"};
+    EXPECT_EQ(quiet->Errors(), expected);
+    EXPECT_EQ(pm->Errors(), Words());
+
+    const auto talkative = Serve(PM, "--verbose --from -", "000041\n");
+    EXPECT_TRUE(talkative->WaitForError("IAMRegisterRTService success")) << talkative->Transcript();
+    const auto verbose = Start(MONITOR, "--verbose");
+    EXPECT_TRUE(verbose->WaitForError("level=3 module=54: ")) << verbose->Transcript();
+    EXPECT_TRUE(verbose->WaitForError("FTEDeSerialize err ret=")) << verbose->Transcript();
+}
+
 TEST_F(Monitor, OnlyWhatPassesTheFilterIsPrintedCountedAndSummedUp)
 {
     const auto pm = ServeNumbered(PM, 0, 3);
