@@ -42,6 +42,12 @@ if(REPORT_EVENT_BUILD_TOOLS)
     report-event-monitor report-event-publish
     PROPERTIES INSTALL_RPATH "$ORIGIN/${libdir_from_bindir};$ORIGIN/${libdir_from_bindir}/report_event/host")
   install(TARGETS report-event-monitor report-event-publish DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+  # bash looks for a file of the command's name.
+  foreach(tool monitor publish)
+    install(FILES tools/completion/report-event DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
+            RENAME report-event-${tool} COMPONENT tools)
+  endforeach()
+  install(FILES docs/json.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT tools)
 endif()
 
 configure_package_config_file(cmake/report_eventConfig.cmake.in report_eventConfig.cmake

@@ -16,9 +16,12 @@ function(add_man_page target summary)
     return()
   endif()
   set(page ${CMAKE_CURRENT_BINARY_DIR}/${target}.1)
+  # Two headings that help2man does not know become sections, and no line is padded with blanks.
   add_custom_command(
     OUTPUT ${page}
     COMMAND ${REPORT_EVENT_HELP2MAN} --no-info --name ${summary} --output ${page} $<TARGET_FILE:${target}>
+    COMMAND sed -i -e "s/^[.]SS \"Exit status:\"/.SH \"EXIT STATUS\"/" -e "s/^[.]SS \"See also:\"/.SH \"SEE ALSO\"/" -e
+            "s/^[.]TH .*/&\\n.ad l\\n.nh/" ${page}
     DEPENDS ${target}
     COMMENT "Making ${target}(1)"
     VERBATIM)

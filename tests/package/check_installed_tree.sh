@@ -48,6 +48,23 @@ mv "$work/first" "$prefix"
 "${emulator[@]}" "$prefix/bin/report-event-monitor" --version
 "${emulator[@]}" "$prefix/bin/report-event-publish" --version
 
+# completes LINE EXPECTED...: what bash offers for the last word of the line, with the installed programs.
+completes() {
+  local expected
+  COMP_LINE=$1 COMP_POINT=${#1} COMPREPLY=()
+  expected=${*:2}
+  _report_event "${1%% *}"
+  [ "${COMPREPLY[*]}" = "$expected" ] || { echo "'$1' is completed with: ${COMPREPLY[*]}"; exit 1; } >&2
+}
+if [ ${#emulator[@]} -eq 0 ]; then
+  PATH=$prefix/bin:$PATH
+  # shellcheck source=/dev/null
+  source "$prefix/share/bash-completion/completions/report-event-monitor"
+  completes "report-event-monitor --json --se" --security --severity
+  completes "report-event-publish --wait --kind d" device
+  completes "report-event-publish --resource sea:/res/p" /res/pm/fm
+fi
+
 mkdir "$work/source" "$work/by_hand"
 cp "$root"/examples/{client,publisher}.cpp "$root/tests/package/consumer/CMakeLists.txt" "$work/source"
 # The linker keeps only what it is told to keep, as some distributions have it.

@@ -78,14 +78,14 @@ Process::Process(const Words& command, const std::string& input, Streams streams
 
 Process::~Process()
 {
-    if (!Ended()) {
+    if (!HasEnded()) {
         Stop(SIGKILL);
     }
     close(output_);
     close(errors_);
 }
 
-bool Process::Ended()
+bool Process::HasEnded()
 {
     int status = 0;
     if (code_ < 0 && waitpid(pid_, &status, WNOHANG) == pid_) {
@@ -96,7 +96,7 @@ bool Process::Ended()
 
 int Process::Wait()
 {
-    Await([this] { return Ended(); });
+    Await([this] { return HasEnded(); });
     return code_;
 }
 
@@ -115,7 +115,7 @@ bool Process::WaitFor(int file, const std::string& text, size_t count)
     const auto holds = [&](const std::string& line) { return line.find(text) != std::string::npos; };
     bool came = false;
     Await([&] {
-        const bool ended = Ended();  // before the last look
+        const bool ended = HasEnded();  // before the last look
         const Words lines = Lines(file);
         came = static_cast<size_t>(std::count_if(lines.begin(), lines.end(), holds)) >= count;
         return came || ended;

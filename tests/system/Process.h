@@ -73,6 +73,7 @@ public:
     {
         kill(pid_, signal);
     }
+    bool HasEnded();
     // Waits for the end; the exit code, or 128 plus the signal that ended it. -1 when it did not end in time.
     int Wait();
     int Stop(int signal)
@@ -83,7 +84,6 @@ public:
 private:
     static Words Lines(int file);
     bool WaitFor(int file, const std::string& text, size_t count);
-    bool Ended();
 
     const int output_, errors_;  // files in memory, so that nobody has to empty them
     pid_t pid_ = -1;
