@@ -22,6 +22,11 @@ install(TARGETS report_event report_event_headers
 install(DIRECTORY include/report_event DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev)
 
 relative_path(REPORT_EVENT_PREFIX_FROM_PKGCONFIG ${REPORT_EVENT_PKGCONFIGDIR} "")
+# A program finds a library outside the system's directories by itself; a device's image has places of its own.
+set(REPORT_EVENT_RUN_PATH "")
+if(REPORT_EVENT_HOST_PLATFORM AND NOT CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+  set(REPORT_EVENT_RUN_PATH " -Wl,-rpath,\${libdir}")
+endif()
 configure_file(cmake/report_event.pc.in report_event.pc @ONLY)
 set(package_files ${PROJECT_BINARY_DIR}/report_event.pc)
 
@@ -32,6 +37,8 @@ if(REPORT_EVENT_HOST_PLATFORM)
   install(TARGETS fte iam slog c_sec report_event_host_platform
           EXPORT report_eventTargets
           LIBRARY DESTINATION ${REPORT_EVENT_HOST_LIBDIR} COMPONENT tools)
+  install(DIRECTORY ${PROJECT_BINARY_DIR}/include/report_event_host_platform
+          DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev)
   configure_file(cmake/report_event_host_platform.pc.in report_event_host_platform.pc @ONLY)
   list(APPEND package_files ${PROJECT_BINARY_DIR}/report_event_host_platform.pc)
 endif()

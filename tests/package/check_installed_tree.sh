@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Builds the examples against an installed tree, away from the build tree, by find_package and by pkg-config, and lets
-# each pair talk. Usage: check_installed_tree.sh BUILD_DIRECTORY COMPILER TOOLCHAIN_FILE EMULATOR (the last two may be
+# them talk. Usage: check_installed_tree.sh BUILD_DIRECTORY COMPILER TOOLCHAIN_FILE EMULATOR (the last two may be
 # empty). CMAKE names the cmake to use.
 set -euo pipefail
 build=$1 compiler=$2 toolchain=$3
@@ -22,17 +22,18 @@ await() {
 }
 serving() { [ -n "$(find "$IAM_RUNTIME_DIR" -type s)" ]; }
 
-# talk DIRECTORY: its publisher's events reach its client, which has the fault-reporting library and leaves in order.
+# talk DIRECTORY PUBLISHER LINE: the events of a publisher reach the client, which has the fault-reporting library,
+# prints the line and leaves in order.
 talk() {
   IAM_RUNTIME_DIR=$(mktemp -d -p "$work")
   export IAM_RUNTIME_DIR
-  "${emulator[@]}" "$1/publisher" >"$work/publisher.out" 2>&1 &
+  "${emulator[@]}" "$1/$2" >"$work/publisher.out" 2>&1 &
   pids=($!)
   await "the publisher serves" serving
   rm -f "$work/client.out"  # what an earlier client wrote must not pass for this one's
   "${emulator[@]}" "$1/client" >"$work/client.out" 2>&1 &
   pids+=($!)
-  await "an event arrives" grep -Eq '^device 0x1001: fan [0-9]+ stopped$' "$work/client.out"
+  await "an event arrives" grep -Eq "^$3\$" "$work/client.out"
   if grep FTERegister "$work/client.out" >&2; then exit 1; fi
   kill -TERM "${pids[1]}"
   wait "${pids[1]}"
@@ -66,7 +67,7 @@ if [ ${#emulator[@]} -eq 0 ]; then
 fi
 
 mkdir "$work/source" "$work/by_hand"
-cp "$root"/examples/{client,publisher}.cpp "$root/tests/package/consumer/CMakeLists.txt" "$work/source"
+cp "$root"/examples/*.cpp "$root/tests/package/consumer/CMakeLists.txt" "$work/source"
 # The linker keeps only what it is told to keep, as some distributions have it.
 as_needed=-Wl,--as-needed
 options=(-DCMAKE_EXE_LINKER_FLAGS="$as_needed" -DCMAKE_CXX_COMPILER="$compiler")
@@ -75,15 +76,21 @@ options=(-DCMAKE_EXE_LINKER_FLAGS="$as_needed" -DCMAKE_CXX_COMPILER="$compiler")
   "$cmake" -S "$work/source" -B "$work/by_cmake" -DCMAKE_PREFIX_PATH="$prefix" "${options[@]}"
   "$cmake" --build "$work/by_cmake"
 } >"$work/cmake.out" 2>&1 || { cat "$work/cmake.out" >&2; exit 1; }
-talk "$work/by_cmake"
+device_line='device 0x1001: fan [0-9]+ stopped'
+fault_line='fault 0x1001: fan stopped, 2 DIDs'
+talk "$work/by_cmake" publisher "$device_line"
+talk "$work/by_cmake" fault_publisher "$fault_line"
 
 PKG_CONFIG_LIBDIR=$(dirname "$(find "$prefix" -name report_event.pc)")
 export PKG_CONFIG_LIBDIR
 [ "$(pkg-config --modversion report_event)" = "$(cat "$root/VERSION")" ]
 read -ra library < <(pkg-config --cflags --libs report_event)
-read -ra platform < <(pkg-config --libs report_event_host_platform)
-rpath=-Wl,-rpath,$(pkg-config --variable=libdir report_event)
-compile=("$compiler" -std=c++17 "$as_needed" "$rpath")
-"${compile[@]}" -o "$work/by_hand/client" "$work/source/client.cpp" "${library[@]}" "${platform[@]}"
-"${compile[@]}" -o "$work/by_hand/publisher" "$work/source/publisher.cpp" "${library[@]}"
-talk "$work/by_hand"
+read -ra platform < <(pkg-config --cflags --libs report_event_host_platform)
+build() {
+  "$compiler" -std=c++17 "$as_needed" -o "$work/by_hand/$1" "$work/source/$1.cpp" "${@:2}"
+}
+build client "${library[@]}" "${platform[@]}"
+build publisher "${library[@]}"
+build fault_publisher "${library[@]}" "${platform[@]}"
+talk "$work/by_hand" publisher "$device_line"
+talk "$work/by_hand" fault_publisher "$fault_line"
