@@ -54,7 +54,8 @@ if(REPORT_EVENT_BUILD_TOOLS)
     install(FILES tools/completion/report-event DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
             RENAME report-event-${tool} COMPONENT tools)
   endforeach()
-  install(FILES docs/json.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT tools)
+  install(FILES docs/json.md docs/systemd.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT tools)
+  install(DIRECTORY examples/systemd DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT tools)
 endif()
 
 configure_package_config_file(cmake/report_eventConfig.cmake.in report_eventConfig.cmake

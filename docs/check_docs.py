@@ -34,7 +34,7 @@ import time
 ROOT = pathlib.Path(__file__).resolve().parents[1]
 DOCUMENTS = ["README.md", "CONTRIBUTING.md", *sorted(str(p.relative_to(ROOT)) for p in ROOT.glob("docs/*.md"))]
 TROUBLESHOOTING = "docs/troubleshooting.md"
-CODE_LANGUAGES = {"cpp", "cmake"}
+CODE_LANGUAGES = {"cpp", "cmake", "ini"}
 FREE_LANGUAGES = {"text", "mermaid", "json"}
 FENCE = re.compile(r"^```(\w*)\s*$")
 MARKER = re.compile(r"^<!-- (.+?) -->$")

@@ -1,8 +1,10 @@
-"""Doxygen's input filter: turns the plain comments of a header into comments that Doxygen reads.
+"""Doxygen's input filter: turns the plain comments of a header into comments that Doxygen reads, and gives the headings of
+a guide the names that links use.
 
 The comment on top describes the file. Indented lines are kept as they are (a table, a list of codes), unless they begin
 with a dash: then they are a list. A comment behind a declaration belongs to that declaration.
 """
+import pathlib
 import re
 import sys
 
@@ -51,10 +53,25 @@ def mark(lines):
     return marked
 
 
+def name_headings(page, lines):
+    """A heading's name is that of its page and its words, as is the target of a link to it."""
+
+    def named(heading):
+        slug = re.sub(r"[^\w\- ]", "", heading[2].lower()).replace(" ", "-")
+        return f"{heading[1]} {heading[2]} {{#{page}-{slug}}}"
+
+    text = re.sub(r"^(##+) (.+)$", named, "\n".join(lines), flags=re.M)
+    return re.sub(r"\]\((?:(\w[\w-]*)\.md)?#", lambda link: f"](#{link[1] or page}-", text).splitlines()
+
+
 def main():
-    with open(sys.argv[1], encoding="utf-8") as source:
-        lines = source.read().splitlines()
-    print("\n".join(mark(lines) if sys.argv[1].endswith(".h") else lines))
+    path = pathlib.Path(sys.argv[1])
+    lines = path.read_text(encoding="utf-8").splitlines()
+    if path.suffix == ".h":
+        lines = mark(lines)
+    elif path.suffix == ".md":
+        lines = name_headings(path.stem, lines)
+    print("\n".join(lines))
 
 
 if __name__ == "__main__":
