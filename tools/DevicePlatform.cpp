@@ -1,21 +1,32 @@
 #include <sys/prctl.h>
 
-#include <cerrno>
-
 #include "tools/EventJson.h"
 #include "tools/Platform.h"
 #include "tools/Subscription.h"
 
 namespace tools::platform {
 
+void Quiet()
+{
+}
+
 Listing List()
 {
-    return {ENOSYS, {}};
+    return {};
 }
 
 std::string RuntimeDirectory()
 {
     return "";
+}
+
+void Observe()
+{
+}
+
+uint64_t LostRecords(const std::string& /*resource*/)
+{
+    return 0;
 }
 
 bool HasLostPlace(const std::string& /*resource*/)

@@ -3,11 +3,18 @@
 #ifndef REPORT_EVENT_TOOLS_PLATFORM_H
 #define REPORT_EVENT_TOOLS_PLATFORM_H
 
+#include <cstdint>
 #include <map>
 #include <string>
 #include <vector>
 
 namespace tools::platform {
+
+#ifdef REPORT_EVENT_HOST_PLATFORM
+constexpr bool IS_HOST = true;
+#else
+constexpr bool IS_HOST = false;
+#endif
 
 // Keeps what the library and the platform log from standard error, unless the environment asks for it. A record that
 // the library drops is told in a line of the program's own.
@@ -26,7 +33,7 @@ struct Resource {
 };
 
 struct Listing {
-    int error = 0;  // with which the runtime directory could not be read; ENOSYS: nobody can tell, as on a device
+    int error = 0;  // with which the runtime directory could not be read
     std::map<std::string, Resource> resources;
 };
 
@@ -35,6 +42,11 @@ Listing List();
 
 // The directory in which resources are looked for; empty when there is none.
 std::string RuntimeDirectory();
+
+// From now on, files are opened to watch what their readers get, and take nothing from them.
+void Observe();
+// How many records the observed file of that resource has lost because it was too slow.
+uint64_t LostRecords(const std::string& resource);
 
 // Whether a file of this process on that resource was cut off in favour of another reader, while its publisher lives.
 bool HasLostPlace(const std::string& resource);

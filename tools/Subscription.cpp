@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <system_error>
@@ -24,6 +23,9 @@ constexpr std::chrono::seconds RENEWAL_PAUSE{1};
 
 // A thread just started does not bear its name yet: what one look has found does not count.
 constexpr int LOOKS_THAT_COUNT = 2;
+
+// A stream that is lost piece by piece is told so once a second.
+constexpr int LOOKS_PER_NOTICE = 5;
 
 // What the end of the last stream has left with the fault-reporting library, which an unregistration would discard, has
 // arrived by then.
@@ -62,7 +64,7 @@ std::set<std::string> FilesWithoutReadThread(const std::vector<std::string>& fil
     return lost;
 }
 
-void TellWhoLosesItsStream(const std::vector<std::string>& files)
+void TellWhoseStreamsAreTaken(const std::vector<std::string>& files)
 {
     platform::Listing listing = platform::List();
     for (const std::string& file : files) {
@@ -79,7 +81,7 @@ std::string DescribeFailure(const std::vector<std::string>& files, int result)
 {
     const platform::Listing listing = platform::List();
     const std::string where = " in " + platform::RuntimeDirectory();
-    if (listing.error == ENOSYS) {
+    if (!platform::IS_HOST) {
         return Join(files) + ": " + DescribeResult(result);
     }
     if (listing.error != 0) {
@@ -112,6 +114,9 @@ void SubscriptionOptions::AddTo(CLI::App& app)
     app.add_option("--fault", faultFiles)->allow_extra_args(false);
     app.add_flag("--security", security);
     app.add_flag("--follow", follow);
+    if (platform::IS_HOST) {
+        app.add_flag("--observe", observe);
+    }
 }
 
 void SubscriptionOptions::Complete()
@@ -143,8 +148,11 @@ std::vector<std::string> SubscriptionOptions::AllFiles() const
 // Subscriptions
 
 Subscriptions::Subscriptions(const SubscriptionOptions& options, Deliver deliver)
-    : files_(options.AllFiles()), follow_(options.follow), deliver_(std::move(deliver))
+    : files_(options.AllFiles()), follow_(options.follow), observe_(options.observe), deliver_(std::move(deliver))
 {
+    if (observe_) {
+        platform::Observe();
+    }
     if (!options.faultFiles.empty()) {
         AddFaults(options.faultFiles);
     }
@@ -238,7 +246,9 @@ int Subscriptions::Start(Family& family) const
             family.registered.push_back(file);
         }
     }
-    TellWhoLosesItsStream(family.registered);
+    if (!observe_) {
+        TellWhoseStreamsAreTaken(family.registered);
+    }
     family.lastStart = Clock::now();
     family.equalLooks = 0;
     const int result = family.registerFiles(family.registered);
@@ -248,20 +258,37 @@ int Subscriptions::Start(Family& family) const
     for (const std::string& file : family.registered) {
         family.files[file] = State::Receiving;
     }
-    Notify("receiving " + Join(family.registered));
+    Notify((observe_ ? "observing " : "receiving ") + Join(family.registered));
     return result;
 }
 
 void Subscriptions::Stop(Family& family)
 {
+    TellLostRecords(family);
     const Files files = std::exchange(family.registered, {});
     if (!files.empty()) {
         family.unregisterFiles(files);
     }
 }
 
+// What an observer was too slow for, since the file was opened.
+void Subscriptions::TellLostRecords(Family& family)
+{
+    for (const std::string& file : family.registered) {
+        const uint64_t lost = platform::LostRecords(file);
+        if (lost > family.toldLost[file]) {
+            Notify(file + ": too slow for " + std::to_string(lost - family.toldLost[file]) +
+                   " records, which are lost");
+        }
+        family.toldLost[file] = lost;
+    }
+}
+
 void Subscriptions::Look(Family& family) const
 {
+    if (++family.looks % LOOKS_PER_NOTICE == 0) {
+        TellLostRecords(family);
+    }
     const std::set<std::string> lost = FilesWithoutReadThread(family.registered);
     family.equalLooks = std::exchange(family.lastLost, lost) == lost ? family.equalLooks + 1 : 1;
     if (family.equalLooks < LOOKS_THAT_COUNT) {
@@ -279,7 +306,7 @@ Subscriptions::State Subscriptions::StateAfterLook(const std::string& file, Stat
     }
     if (!isLost) {
         if (before != State::Receiving) {
-            Notify("receiving " + file);
+            Notify((observe_ ? "observing " : "receiving ") + file);
         }
         return State::Receiving;
     }
@@ -305,7 +332,7 @@ bool Subscriptions::IsRenewalDue(const Family& family) const
     }
     platform::Listing listing = platform::List();
     return std::any_of(family.files.begin(), family.files.end(), [&](const auto& file) {
-        return isAbsent(file) && (listing.error == ENOSYS || listing.resources[file.first].answers);
+        return isAbsent(file) && (!platform::IS_HOST || listing.resources[file.first].answers);
     });
 }
 

@@ -25,6 +25,7 @@ struct SubscriptionOptions {
     std::vector<std::string> faultFiles;
     bool security = false;
     bool follow = false;
+    bool observe = false;
 
     void AddTo(CLI::App& app);
     // Throws CLI::ValidationError for a name that the library would reject. Without any, chooses the default.
@@ -74,6 +75,8 @@ private:
         Files registered{};  // unregistration is due for these
         std::set<std::string> lastLost{};
         int equalLooks = 0;  // in a row that have found the same
+        int looks = 0;
+        std::map<std::string, uint64_t> toldLost{};  // of an observer, by file
         Clock::time_point lastStart{};
     };
 
@@ -81,6 +84,7 @@ private:
     void AddSecurity();
     int Start(Family& family) const;
     static void Stop(Family& family);
+    static void TellLostRecords(Family& family);
     void Look(Family& family) const;
     State StateAfterLook(const std::string& file, State before, bool isLost) const;
     bool IsRenewalDue(const Family& family) const;
@@ -88,6 +92,7 @@ private:
 
     const Files files_;
     const bool follow_;
+    const bool observe_;
     const Deliver deliver_;
     std::vector<Family> families_;
 };

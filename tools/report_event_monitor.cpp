@@ -12,6 +12,7 @@
 
 #include "Help.h"
 #include "tools/EventPrinter.h"
+#include "tools/ListCommand.h"
 #include "tools/Platform.h"
 #include "tools/Subscription.h"
 #include "tools/ToolSupport.h"
@@ -25,6 +26,7 @@ struct Options {
     SubscriptionOptions subscription;
     PrinterOptions printer;
     bool stats = false;
+    bool list = false;
     bool verbose = false;
     uint64_t timeout = 0;  // seconds; 0: none
 };
@@ -40,6 +42,9 @@ void AddOptions(CLI::App& app, Options& options)
     app.add_flag("--delta", options.printer.rows.delta);
     app.add_flag("--stats", options.stats);
     app.add_flag("--verbose", options.verbose);
+    if (platform::IS_HOST) {
+        app.add_flag("--list", options.list);
+    }
     app.callback([&options] { options.subscription.Complete(); });
 }
 
@@ -86,9 +91,6 @@ int Watch(Subscriptions& subscriptions, const Options& options, const StopSignal
 int Monitor(Options& options)
 {
     AdaptToTerminal(options);
-    if (!options.verbose) {
-        platform::Quiet();
-    }
     const StopSignals signals;
     EventPrinter printer(STDOUT_FILENO, options.printer);
     Subscriptions subscriptions(options.subscription,
@@ -107,14 +109,22 @@ int Monitor(Options& options)
     return AfterOutput(printer.WriteError(), exitCode);
 }
 
+int Run(Options& options)
+{
+    if (!options.verbose) {
+        platform::Quiet();
+    }
+    return options.list ? ListResources(options.printer.json) : Monitor(options);
+}
+
 }  // namespace
 }  // namespace tools
 
 int main(int argc, char** argv)
 {
     tools::Options options;
-    return tools::RunProgram(argc, argv,
-                             {"report-event-monitor", REPORT_EVENT_VERSION, tools::HELP,
-                              [&options](CLI::App& app) { tools::AddOptions(app, options); },
-                              [&options] { return tools::Monitor(options); }});
+    return tools::RunProgram(
+        argc, argv,
+        {"report-event-monitor", REPORT_EVENT_VERSION, tools::HELP,
+         [&options](CLI::App& app) { tools::AddOptions(app, options); }, [&options] { return tools::Run(options); }});
 }

@@ -1,6 +1,9 @@
 // What report-event-monitor does beyond the plain road: when it ends, and what it says on the way.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <filesystem>
+
 #include "tests/system/Ends.h"
 #include "tests/system/Programs.h"
 
@@ -81,6 +84,102 @@ TEST_F(Monitor, OnlyWhatPassesTheFilterIsPrintedCountedAndSummedUp)
         ExpectStop(*watching, signal);
         EXPECT_EQ(watching->WaitForError("0 events in "), signal == SIGINT) << watching->Transcript();
     }
+}
+
+TEST_F(Monitor, TouchesNoRunningStreamForAResourceThatNobodyServes)
+{
+    constexpr size_t COUNT = 1500;
+    const auto monitor = Start(MONITOR, "--json --follow --fault x:/res/there --fault x:/res/absent");
+    EXPECT_TRUE(monitor->WaitForError("waiting for x:/res/absent: nobody serves it in ")) << monitor->Transcript();
+    const auto there = Serve("x:/res/there", "--quiet --kind device --interval 1 --count " + std::to_string(COUNT));
+    ExpectNumbered(*monitor, 0, 1, COUNT);
+
+    const auto absent = ServeNumbered("x:/res/absent", 7, 1);
+    ExpectNumbered(*monitor, COUNT, 7, 1);
+    ExpectHolds(monitor->Output().back(), R"("resource":"x:/res/absent")");
+    EXPECT_TRUE(monitor->WaitForError("receiving x:/res/absent, x:/res/there")) << monitor->Transcript();
+    ExpectStop(*monitor, SIGTERM);
+}
+
+TEST_F(Monitor, SaysWhoseStreamItTakesAndDoesNotTakeBackWhatIsTakenFromIt)
+{
+    constexpr size_t COUNT = 3000;  // more than the pool holds
+    const auto publisher = Serve("x:/res/a", "--quiet --kind device --count " + std::to_string(COUNT));
+    const auto older = Start(MONITOR, "--json --follow --fault x:/res/a");
+    Events(*older, 1);
+    older->Signal(SIGSTOP);
+    EXPECT_TRUE(publisher->WaitForError("0xF10209")) << publisher->Transcript();
+
+    const auto newer = Start(MONITOR, "--json --fault x:/res/a");
+    const std::string olderProcess = std::to_string(older->Id());
+    EXPECT_TRUE(newer->WaitForError("taking the stream of x:/res/a from process " + olderProcess))
+        << newer->Transcript();
+    EXPECT_TRUE(newer->WaitForOutput("Num\":" + std::to_string(COUNT) + ",")) << newer->Transcript();
+    older->Signal(SIGCONT);
+    EXPECT_TRUE(older->WaitForError("another reader has taken x:/res/a; it is not taken back")) << older->Transcript();
+    ExpectEnd(*older, 1);
+    ExpectStop(*newer, SIGTERM);
+}
+
+TEST_F(Monitor, ObservesWithoutTakingAnythingAndSaysWhatItLost)
+{
+    constexpr size_t COUNT = 50000;
+    const auto publisher = Serve(PM, "--quiet --kind device --count " + std::to_string(COUNT));
+    const auto observer = Start(MONITOR, "--json --observe");
+    EXPECT_TRUE(observer->WaitForError("observing dp:/res/pm/fm")) << observer->Transcript();
+    observer->Signal(SIGSTOP);
+    const auto client = Start(MONITOR, "--json --count " + std::to_string(COUNT));
+    ExpectEnd(*client);
+    EXPECT_EQ(client->Transcript().find("taking"), std::string::npos);
+    ExpectNumbered(*client, 0, 1, COUNT);
+
+    observer->Signal(SIGCONT);
+    EXPECT_TRUE(observer->WaitForError("dp:/res/pm/fm: too slow for ")) << observer->Transcript();
+    ExpectStop(*observer, SIGTERM);
+    EXPECT_GT(observer->Output().size(), 0U);
+    const size_t arrived = observer->Output().size();
+    EXPECT_TRUE(observer->WaitForError(" " + std::to_string(COUNT - arrived) + " records, which are lost"));
+    EXPECT_EQ(publisher->Errors(), Words());
+}
+
+TEST_F(Monitor, ListsWhoServesWhatAndWhoReadsIt)
+{
+    const auto nobody = Start(MONITOR, "--list");
+    ExpectEnd(*nobody);
+    EXPECT_EQ(nobody->Output(), Words());
+    const std::string directory = getenv("IAM_RUNTIME_DIR");
+    EXPECT_TRUE(nobody->WaitForError("no resource is served in " + directory)) << nobody->Transcript();
+
+    const auto pm = Serve(PM, "--count 0");
+    const auto other = Serve("x:/res/other", "--count 0");
+    const auto older = StartMonitor("");
+    const auto newer = StartMonitor("");
+    const auto observer = Start(MONITOR, "--observe");
+    EXPECT_TRUE(observer->WaitForError("observing ")) << observer->Transcript();
+    const auto id = [](const Running& process) { return std::to_string(process->Id()); };
+    const auto json = Start(MONITOR, "--list --json");
+    ExpectEnd(*json);
+    const Words expected = {
+        R"({"resource":"dp:/res/pm/fm","pid":)" + id(pm) + R"(,"answers":true,"readers":[{"pid":)" + id(older) +
+            R"(,"current":false},{"pid":)" + id(newer) + R"(,"current":true}],"observers":[{"pid":)" + id(observer) +
+            "}]}",
+        R"({"resource":"x:/res/other","pid":)" + id(other) + R"(,"answers":true,"readers":[],"observers":[]})"};
+    EXPECT_EQ(json->Output(), expected);
+
+    other->Signal(SIGSTOP);
+    const auto rows = Start(MONITOR, "--list");
+    ExpectEnd(*rows);
+    const auto row = [&id](const Running& process) { return id(process) + "("; };
+    EXPECT_TRUE(rows->WaitForOutput("dp:/res/pm/fm          " + row(pm))) << rows->Transcript();
+    EXPECT_TRUE(rows->WaitForOutput(")*")) << rows->Transcript();
+    EXPECT_TRUE(rows->WaitForOutput(" " + row(observer))) << rows->Transcript();
+    EXPECT_TRUE(rows->WaitForOutput("(does not answer)")) << rows->Transcript();
+    other->Signal(SIGCONT);
+
+    std::filesystem::permissions(directory, std::filesystem::perms::all);
+    const auto refused = Start(MONITOR, "--list");
+    ExpectEnd(*refused, 1);
+    EXPECT_TRUE(refused->WaitForError("report-event-monitor: " + directory + ": Permission denied"));
 }
 
 }  // namespace
