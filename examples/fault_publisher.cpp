@@ -1,5 +1,5 @@
-// Serves a process manager's resource on a development host and publishes one fault with diagnostic data a second, for a
-// minute. On a device, the platform's own encoder takes the place of FaultRecordEncoder.h.
+// Serves a process manager's resource on a development host and publishes one fault with diagnostic data a second, for
+// a minute. On a device, the platform's own encoder takes the place of FaultRecordEncoder.h.
 #include <chrono>
 #include <cstdio>
 #include <thread>

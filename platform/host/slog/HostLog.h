@@ -18,8 +18,8 @@ typedef void (*SlogHostListener)(const char* text);
 
 // Silences this process for good, unless SLOG_LEVELS or SLOG_EVENT_FILE was set when libslog was loaded: nothing is
 // written any more, and CheckLogLevel answers 0. With a `listener`, which may be null, messages of level 3 go to it
-// instead: for these CheckLogLevel answers 1. Any thread, any number of times; lines that other threads are just writing
-// still appear.
+// instead: for these CheckLogLevel answers 1. Any thread, any number of times; lines that other threads are just
+// writing still appear.
 void SlogHostQuiet(SlogHostListener listener);
 
 }  // extern "C"
