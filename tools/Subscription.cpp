@@ -153,11 +153,12 @@ Subscriptions::Subscriptions(const SubscriptionOptions& options, Deliver deliver
     if (observe_) {
         platform::Observe();
     }
-    if (!options.faultFiles.empty()) {
-        AddFaults(options.faultFiles);
-    }
+    // In this order: a file of faults that carries security events, too, finds both callbacks.
     if (options.security) {
         AddSecurity();
+    }
+    if (!options.faultFiles.empty()) {
+        AddFaults(options.faultFiles);
     }
 }
 

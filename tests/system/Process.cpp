@@ -94,6 +94,13 @@ bool Process::HasEnded()
     return code_ >= 0;
 }
 
+void Process::Pause()
+{
+    siginfo_t stopped;
+    Signal(SIGSTOP);
+    Require(waitid(P_PID, static_cast<id_t>(pid_), &stopped, WSTOPPED | WEXITED | WNOWAIT) == 0, "waitid");
+}
+
 int Process::Wait()
 {
     Await([this] { return HasEnded(); });

@@ -73,6 +73,8 @@ public:
     {
         kill(pid_, signal);
     }
+    // No thread of it runs any more on return, until SIGCONT.
+    void Pause();
     bool HasEnded();
     // Waits for the end; the exit code, or 128 plus the signal that ended it. -1 when it did not end in time.
     int Wait();

@@ -95,7 +95,7 @@ TEST_F(EndToEnd, AFullPoolIsReportedAndEverythingAcceptedIsDeliveredInOrder)
     const auto monitor = StartMonitor("--fault x:/res/stalled --follow", 0);
     const auto publisher = ServeNumbered("x:/res/stalled", 0, COUNT);
     Events(*monitor, 6);
-    monitor->Signal(SIGSTOP);
+    monitor->Pause();
     EXPECT_TRUE(publisher->WaitForError("0xF10209 (no block is free in the pool)")) << publisher->Transcript();
     monitor->Signal(SIGCONT);
     ExpectNumbered(*monitor, 0, 0, COUNT);
@@ -127,36 +127,6 @@ TEST_F(EndToEnd, TheNewestReaderTakesTheStreamAndTheOlderStaysConnected)
         EXPECT_EQ(idle->Stop(SIGTERM), code);  // while it waits for a line
     }
     ExpectHolds(Events(*older, taken + 1).back(), "pm-lost");
-}
-
-// On a process manager's file and on another one: nothing is reported or reopened, and the stream stays where it is.
-TEST_F(EndToEnd, ASupersededReaderThatStallsLosesItsPlaceAndTheNewestKeepsTheStream)
-{
-    constexpr int COUNT = 40000;
-    const struct {
-        std::string resource, kind, option;
-    } files[] = {{PM, "device", "--fault dp:/res/pm/fm"}, {SECURITY, "security", "--security"}};
-    for (const auto& [resource, kind, option] : files) {
-        const auto publisher = Start(PUBLISHER, "--resource " + resource + " --wait --serve --quiet --kind " + kind +
-                                                    " --count " + std::to_string(COUNT));
-        EXPECT_TRUE(publisher->WaitForOutput("serving " + resource)) << publisher->Transcript();
-        const auto stalled = StartMonitor(option);
-        stalled->Signal(SIGSTOP);
-        EXPECT_TRUE(publisher->WaitForError("0xF10209")) << publisher->Transcript();
-        const auto newest = StartMonitor(option);
-        const std::string last = "Num\":" + std::to_string(COUNT) + ",\"not";
-        ASSERT_TRUE(newest->WaitForOutput(last)) << publisher->Transcript();
-        const Words events = newest->Output();
-        ExpectNumbered(*newest, 0, COUNT + 1 - static_cast<int>(events.size()), events.size());
-        stalled->Signal(SIGCONT);
-        EXPECT_TRUE(stalled->WaitForError("ReadData IAMFastRead " + resource + " failed, ret=-1 errno=116"));
-        ExpectStop(*stalled, SIGTERM);
-        for (const char* const unwanted : {"FTEReport", "Reconnect"}) {
-            EXPECT_EQ(stalled->Transcript().find(unwanted), std::string::npos) << stalled->Transcript();
-        }
-        ExpectStop(*newest, SIGTERM);
-        publisher->Stop(SIGINT);
-    }
 }
 
 TEST_F(EndToEnd, AMonitorThatFollowsSurvivesEveryRestartAndGetsWhatWasAcceptedBeforeTheEndFirst)
