@@ -123,8 +123,7 @@ void SubscriptionOptions::Complete()
 {
     for (const std::string& file : faultFiles) {
         if (ReportEvent::CheckResourceName(file) != ReportEvent::NameFault::NONE) {
-            throw CLI::ValidationError("--fault",
-                                       "'" + file + "' is not a resource name: <text>:/res/<text> without '.'");
+            throw CLI::ValidationError("--fault", "'" + file + "' is not a resource name such as dp:/res/pm/fm");
         }
         if (std::count(faultFiles.begin(), faultFiles.end(), file) > 1) {
             throw CLI::ValidationError("--fault", "'" + file + "' is given twice");
