@@ -56,7 +56,7 @@ class Child:
     def answer(self):
         line = self.process.stdout.readline()
         if not line:
-            raise Gone(f"{self.name} has ended by itself")
+            raise Gone(f"{self.name} has ended by itself, with code {self.process.wait()}")
         return json.loads(line)
 
     def send(self, command):
