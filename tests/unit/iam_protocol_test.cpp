@@ -7,7 +7,6 @@
 
 #include <deque>
 #include <future>
-#include <random>
 
 #include "platform/host/common/Descriptor.h"
 #include "platform/host/iam/HostService.h"
@@ -613,31 +612,17 @@ TEST_F(HostileReaderTest, WhatItWasHandedCannotBeUsedAgainstTheService)
     EXPECT_TRUE(Eventually([&] { return receiver.closed == 1; }));
 }
 
-TEST_F(HostileReaderTest, ScribblingOverItsRingHurtsOnlyItself)
+// A reader, then an observer beside another reader claim to have read more than they were given.
+TEST_F(HostileReaderTest, OneThatScribblesOverItsRingIsCutOffAndOthersMissNothing)
 {
-    std::mt19937_64 random(11);
-    for (int round = 0; round < 60; ++round) {
-        ReaderByHand reader(SocketPath());
-        ASSERT_EQ(0, publisher.Publish("first"));
-        const auto before = Clock::now();
-        if (round == 0) {
-            reader.Words().consumed = 1000;  // more than it was given
+    {
+        const ReaderByHand reader(SocketPath());
+        reader.Words().consumed = 1000;
+        while (publisher.Publish("lost with it") == 0) {
         }
-        for (int i = 0; i < 300; ++i) {
-            if (round > 0) {
-                auto* const words = reinterpret_cast<std::atomic<uint64_t>*>(reader.own.get());
-                words[random() % (READER_WORDS_BYTES / 8)] = random() >> random() % 64;
-            }
-            publisher.Publish(Numbered(1, 200));
-        }
-        EXPECT_LT(Clock::now() - before, std::chrono::seconds(1));
-        EXPECT_TRUE(round > 0 || reader.IsHungUp());
+        EXPECT_TRUE(reader.IsHungUp());
     }
-    EXPECT_TRUE(Eventually([&] { return receiver.closed == 60; }));
-}
-
-TEST_F(HostileReaderTest, AnObserverThatScribblesIsCutOffAndTheReaderMissesNothing)
-{
+    EXPECT_TRUE(Eventually([&] { return receiver.closed == 1; }));
     const Reader reader;
     const ReaderByHand observer(SocketPath(), HELLO_OBSERVER);
     observer.Words().consumed = 1000;
@@ -646,7 +631,7 @@ TEST_F(HostileReaderTest, AnObserverThatScribblesIsCutOffAndTheReaderMissesNothi
         reader.ExpectNumbered(100, 20);
     }
     EXPECT_TRUE(observer.IsHungUp());
-    EXPECT_EQ(0U, receiver.closed);
+    EXPECT_EQ(1U, receiver.closed);
 }
 
 // ---------------------------------------------------------------------------------------------------------------------
