@@ -15,6 +15,7 @@ import signal
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 
 from account import SECOND, Account
@@ -84,6 +85,15 @@ class Soak:
     def check_time(self, what, who, nanoseconds, bound):
         self.slowest[what] = max(self.slowest[what], nanoseconds)
         self.check(nanoseconds <= bound, f"{who}: {what} took {nanoseconds / 1e6:.0f} ms")
+
+    def watch_the_machine(self):
+        """How late the processor comes back to a thread that only sleeps: what a time that is too long may be due to."""
+        while True:
+            begun = time.monotonic_ns()
+            time.sleep(0.01)
+            late = time.monotonic_ns() - begun - SECOND // 100
+            self.slowest["delay of a thread that only sleeps"] = max(
+                self.slowest["delay of a thread that only sleeps"], late)
 
     # --- Processes
 
@@ -260,9 +270,12 @@ class Soak:
         deadline = time.monotonic() + seconds
         faults = [fault for fault in FAULTS if self.sabotage == "none" and named(fault) not in self.left_out()]
         deck = self.deal(faults)
+        threading.Thread(target=self.watch_the_machine, daemon=True).start()
         self.start_up()
+
         def unmet():
             return [fault for fault in faults if not self.figures[named(fault)]]
+
         while (time.monotonic() < deadline or unmet()) and not self.found_expected():
             self.one_round(list(itertools.islice(deck, self.random.randint(4, 9))))
         if not self.violations:
