@@ -43,19 +43,22 @@ if(REPORT_EVENT_HOST_PLATFORM)
   list(APPEND package_files ${PROJECT_BINARY_DIR}/report_event_host_platform.pc)
 endif()
 
-if(REPORT_EVENT_BUILD_TOOLS)
+if(TARGET report-event-monitor)
+  set(tools monitor)
+  if(TARGET report-event-publish)
+    list(APPEND tools publish)
+  endif()
   relative_path(libdir_from_bindir ${CMAKE_INSTALL_BINDIR} ${CMAKE_INSTALL_LIBDIR})
-  set_target_properties(
-    report-event-monitor report-event-publish
-    PROPERTIES INSTALL_RPATH "$ORIGIN/${libdir_from_bindir};$ORIGIN/${libdir_from_bindir}/report_event/host")
-  install(TARGETS report-event-monitor report-event-publish DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
-  # bash looks for a file of the command's name.
-  foreach(tool monitor publish)
+  foreach(tool ${tools})
+    set_target_properties(
+      report-event-${tool}
+      PROPERTIES INSTALL_RPATH "$ORIGIN/${libdir_from_bindir};$ORIGIN/${libdir_from_bindir}/report_event/host")
+    install(TARGETS report-event-${tool} DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+    # bash looks for a file of the command's name.
     install(FILES tools/completion/report-event DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
             RENAME report-event-${tool} COMPONENT tools)
   endforeach()
-  install(FILES docs/json.md docs/systemd.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT tools)
-  install(DIRECTORY examples/systemd DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT tools)
+  install(FILES docs/json.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT tools)
 endif()
 
 configure_package_config_file(cmake/report_eventConfig.cmake.in report_eventConfig.cmake

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds the library alone, as for a device, and judges what it asks of a process and what it offers: for this machine
-# and for AArch64, with the platform left undefined and with an SDK's libraries.
+# and for AArch64, with the platform left undefined and with an SDK's libraries; then also the monitor, which must know
+# its command line.
 # shellcheck source-path=SCRIPTDIR
 source "$(dirname "${BASH_SOURCE[0]}")/../../scripts/lib.sh"
 
@@ -23,9 +24,20 @@ check_device() {
 
   make_sdk "$2" "$sdk"
   configure "$1" -B "$build-sdk" -DREPORT_EVENT_WERROR=ON \
-    -DREPORT_EVENT_PLATFORM_LIBRARIES="$sdk/libiam.so;$sdk/libslog.so;$sdk/libc_sec.so"
+    -DREPORT_EVENT_PLATFORM_LIBRARIES="$sdk/libiam.so;$sdk/libslog.so;$sdk/libc_sec.so" \
+    -DREPORT_EVENT_BUILD_MONITOR=ON
   build "$build-sdk"
   tests/package/check_library.sh device "$build-sdk/libreport_event.so" libiam.so libslog.so libc_sec.so
+  check_monitor "$build-sdk/tools/report-event-monitor"
+}
+
+# It has what every platform can do, and refuses what only the host platform can.
+check_monitor() {
+  local run=("$1") said
+  [[ $1 != *aarch64* ]] || run=(qemu-aarch64 -L /usr/aarch64-linux-gnu "$1")
+  "${run[@]}" --follow --help >/dev/null
+  said=$("${run[@]}" --observe 2>&1) && fail "$1 knows --observe"
+  [[ $said = *"not expected: --observe"* ]] || fail "$1 --observe: $said"
 }
 
 need build cross
