@@ -327,7 +327,7 @@ TEST_F(IamHostTest, WithoutMemoryCallsFailReadersReadAndLeaveAndLaterAllIsWell)
     std::thread fresh([&] {  // has read nothing before
         static char buffer[3960];
         EXPECT_TRUE(Eventually([] { return memoryIsShort.load(); }));
-        size = IAMFastRead(reader.fd, buffer, sizeof buffer);
+        size = IAMFastRead(reader.fd, buffer, sizeof(buffer));
     });
     receiver.closes.reserve(8);
     memoryIsShort = true;

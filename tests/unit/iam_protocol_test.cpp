@@ -38,7 +38,7 @@ const Message CONNECTED = Compose(MessageType::CONNECTED, 0, 0, 0);
 bool IsSound(const Message& message, size_t size = sizeof(Message))
 {
     unsigned char bytes[sizeof(Message) + 1] = {};
-    memcpy(bytes, &message, sizeof message);
+    std::memcpy(bytes, &message, sizeof(message));
     return ParseMessage(bytes, size).has_value();
 }
 
@@ -102,8 +102,8 @@ struct Wire {
     int WithAddress(Call call, const std::string& path) const
     {
         sockaddr_un address{AF_UNIX, {}};
-        path.copy(address.sun_path, sizeof address.sun_path - 1);
-        return call(socket.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address);
+        path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+        return call(socket.Get(), reinterpret_cast<sockaddr*>(&address), sizeof(address));
     }
     // Whether the kernel let it pass.
     bool SendBytes(std::string bytes, const std::vector<int>& fds = {}) const
@@ -113,13 +113,13 @@ struct Wire {
         msghdr header{nullptr, 0, &part, 1, control, fds.empty() ? 0 : CMSG_SPACE(fds.size() * sizeof(int)), 0};
         if (!fds.empty()) {
             *CMSG_FIRSTHDR(&header) = {CMSG_LEN(fds.size() * sizeof(int)), SOL_SOCKET, SCM_RIGHTS};
-            memcpy(CMSG_DATA(CMSG_FIRSTHDR(&header)), fds.data(), fds.size() * sizeof(int));
+            std::memcpy(CMSG_DATA(CMSG_FIRSTHDR(&header)), fds.data(), fds.size() * sizeof(int));
         }
         return sendmsg(socket.Get(), &header, MSG_NOSIGNAL) >= 0;
     }
     bool Send(const Message& message, const std::vector<int>& fds = {}) const
     {
-        return SendBytes({reinterpret_cast<const char*>(&message), sizeof message}, fds);
+        return SendBytes({reinterpret_cast<const char*>(&message), sizeof(message)}, fds);
     }
     void HangUp(int how = SHUT_RDWR) const
     {
@@ -128,9 +128,9 @@ struct Wire {
     // Waits for one message; false at the end of the connection.
     bool Receive()
     {
-        iovec part{&message, sizeof message};
+        iovec part{&message, sizeof(message)};
         alignas(cmsghdr) char control[CMSG_SPACE(4 * sizeof(int))] = {};
-        msghdr header{nullptr, 0, &part, 1, control, sizeof control, 0};
+        msghdr header{nullptr, 0, &part, 1, control, sizeof(control), 0};
         if (recvmsg(socket.Get(), &header, MSG_CMSG_CLOEXEC) <= 0) {
             return false;
         }
@@ -265,7 +265,7 @@ protected:
         std::promise<ServiceByHand*> accepted;
         const auto service = std::async(std::launch::async, [&] {
             ServiceByHand hand(accept4(listener.socket.Get(), nullptr, nullptr, SOCK_CLOEXEC));
-            memcpy(hand.pool.map.get() + (BLOCKS - 1) * STRIDE, "last", 4);
+            std::memcpy(hand.pool.map.get() + (BLOCKS - 1) * STRIDE, "last", 4);
             accepted.set_value(&hand);
             for (const Step& step : steps) {
                 step(hand);
@@ -542,7 +542,7 @@ protected:
 TEST_F(HostileReaderTest, WrongMessagesEndTheConnectionAndNobodyHearsOfIt)
 {
     const auto bytesOf = [](const Message& message) {
-        return std::string(reinterpret_cast<const char*>(&message), sizeof message);
+        return std::string(reinterpret_cast<const char*>(&message), sizeof(message));
     };
     const std::string hello = bytesOf(HELLO);
     const std::string ready = bytesOf(READY);
@@ -566,7 +566,7 @@ TEST_F(HostileReaderTest, WrongMessagesEndTheConnectionAndNobodyHearsOfIt)
     constexpr int PASS_RIGHTS = 83;
     const int off = 0;
     const Wire passing(SocketPath());
-    const bool kernelCan = setsockopt(passing.socket.Get(), SOL_SOCKET, PASS_RIGHTS, &off, sizeof off) == 0;
+    const bool kernelCan = setsockopt(passing.socket.Get(), SOL_SOCKET, PASS_RIGHTS, &off, sizeof(off)) == 0;
     EXPECT_EQ(kernelCan, !passing.Send(HELLO, {STDERR_FILENO}));
     EXPECT_TRUE(kernelCan || passing.IsHungUp());
 }

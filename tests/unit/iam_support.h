@@ -144,7 +144,7 @@ struct Publisher {
     {
         // Records live only as long as the call, as the library's do.
         char copy[256] = {};
-        name.copy(copy, sizeof copy - 1);
+        name.copy(copy, sizeof(copy) - 1);
         IAMFileOperations operations{nullptr, nullptr, open, close, nullptr};
         IAMRTServiceRecord record{copy, &operations, {500, 0, 10, 1}};
         return IAMRegisterRTService(&record);

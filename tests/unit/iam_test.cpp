@@ -79,7 +79,7 @@ TEST_F(IamTest, AHandleThatIsNotGoodMakesTheCallFailAndChangesNothing)
     std::mt19937_64 random(7);
     for (int i = 0; i < 2000; ++i) {  // handles that are zero at first, then invented
         IAMShmBlockHandle invented{i == 0 ? 0 : random() >> random() % 64};
-        memcpy(noPool.opaque + random() % 24, &invented, 8);
+        std::memcpy(noPool.opaque + random() % 24, &invented, 8);
         ASSERT_NE(0, IAMShmWrite(&invented, "x", 1, 0)) << invented.opaque;
         ASSERT_NE(0, IAMShmFree(pool, &invented)) << invented.opaque;
         ASSERT_NE(0, IAMShmHandleMalloc(&noPool, 1, &block));

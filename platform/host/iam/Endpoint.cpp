@@ -30,7 +30,7 @@ template <typename Call>
 int WithAddress(Call call, const UniqueFd& socket, const Path& path)
 {
     const sockaddr_un address = AddressOf(path);
-    return call(socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    return call(socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address));
 }
 
 // Whoever holds it is done in a moment.
@@ -105,7 +105,7 @@ Status Endpoint::Listen()
     // Nobody passes a descriptor to the service: one that takes long to be closed would hold up its thread. Readers
     // inherit this. A kernel that does not know it has it not, and the service is as good as before.
     const int off = 0;
-    setsockopt(listener.Get(), SOL_SOCKET, SO_PASSRIGHTS, &off, sizeof off);
+    setsockopt(listener.Get(), SOL_SOCKET, SO_PASSRIGHTS, &off, sizeof(off));
     struct stat status = {};
     if (WithAddress(bind, listener, socketPath_) != 0 || lstat(socketPath_.text, &status) != 0) {
         return {errno, "its socket cannot be bound"};

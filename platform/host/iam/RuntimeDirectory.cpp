@@ -50,13 +50,13 @@ Status NameRuntimeDirectory(Path& directory)
     char* const text = directory.text;
     int length = 0;
     if (own != nullptr) {
-        length = snprintf(text, sizeof directory.text, "%s", own);
+        length = snprintf(text, sizeof(directory.text), "%s", own);
     } else if (session != nullptr) {
-        length = snprintf(text, sizeof directory.text, "%s/iam", session);
+        length = snprintf(text, sizeof(directory.text), "%s/iam", session);
     } else {
-        length = snprintf(text, sizeof directory.text, "/tmp/iam-%u", geteuid());
+        length = snprintf(text, sizeof(directory.text), "/tmp/iam-%u", geteuid());
     }
-    if (static_cast<size_t>(length) >= sizeof directory.text) {
+    if (static_cast<size_t>(length) >= sizeof(directory.text)) {
         return {ENAMETOOLONG, "the path of the runtime directory is too long"};
     }
     return {};
@@ -95,11 +95,11 @@ Status AppendName(const char* resource, Path& path)
     for (; *resource != '\0'; ++resource) {
         const auto byte = static_cast<unsigned char>(*resource);
         const char encoded[] = {'%', DIGITS[byte >> 4], DIGITS[byte & 15]};
-        const size_t size = StaysAsItIs(byte) ? 1 : sizeof encoded;
-        if (length + size >= sizeof path.text) {
+        const size_t size = StaysAsItIs(byte) ? 1 : sizeof(encoded);
+        if (length + size >= sizeof(path.text)) {
             return {ENAMETOOLONG, "the path of its socket would be too long"};
         }
-        memcpy(path.text + length, size == 1 ? resource : encoded, size);
+        std::memcpy(path.text + length, size == 1 ? resource : encoded, size);
         length += size;
     }
     path.text[length] = '\0';
@@ -110,7 +110,7 @@ sockaddr_un AddressOf(const Path& path)
 {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    memcpy(address.sun_path, path.text, sizeof path.text);
+    std::memcpy(address.sun_path, path.text, sizeof(path.text));
     return address;
 }
 

@@ -185,12 +185,7 @@ int __wrap_open(const char* name, int flags, ...)
 
 int __wrap_close(int fd)
 {
-    {
-        if (OpenFiles::Instance().Close(fd)) {
-            return 0;
-        }
-    }
-    return close(fd);
+    return OpenFiles::Instance().Close(fd) ? 0 : close(fd);
 }
 
 void IAMHostObserve(int on)

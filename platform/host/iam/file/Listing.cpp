@@ -52,7 +52,7 @@ bool Ask(const Path& path, Asked& asked)
 {
     asked.socket = AboveStandard(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     const sockaddr_un address = AddressOf(path);
-    if (connect(asked.socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+    if (connect(asked.socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
         asked.socket.Reset();
         return errno == EAGAIN;  // so many wait for it that it has no room for this one
     }
@@ -63,7 +63,7 @@ bool Ask(const Path& path, Asked& asked)
 void Hear(Asked& asked)
 {
     ListingPacket packet;
-    const ssize_t size = recv(asked.socket.Get(), &packet, sizeof packet, MSG_DONTWAIT);
+    const ssize_t size = recv(asked.socket.Get(), &packet, sizeof(packet), MSG_DONTWAIT);
     if (size < 0 && (errno == EAGAIN || errno == EINTR)) {
         return;
     }

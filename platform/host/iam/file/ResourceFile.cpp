@@ -38,8 +38,8 @@ Status ConnectSocket(const UniqueFd& socket, const Path& path, Clock::time_point
         if (left <= 0) {
             return {ETIMEDOUT, "the service accepts nobody"};
         }
-        if (setsockopt(socket.Get(), SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout) == 0 &&
-            connect(socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
+        if (setsockopt(socket.Get(), SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof(timeout)) == 0 &&
+            connect(socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
             return {};
         }
     } while (errno == EINTR || errno == EAGAIN);
@@ -152,7 +152,7 @@ Status ResourceFile::Connect(const char* resource, Role role)
     if (status.Failed()) {
         return status;
     }
-    snprintf(resource_.text, sizeof resource_.text, "%s", resource);
+    snprintf(resource_.text, sizeof(resource_.text), "%s", resource);
     socket_ = AboveStandard(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
     if (!socket_) {
         return {errno, "a socket cannot be made"};
@@ -292,7 +292,7 @@ int64_t ResourceFile::Deliver(void* buffer, size_t length)
     }
     FetchAhead();
     if (place->length != 0) {
-        memcpy(buffer, pool_.get() + place->offset, place->length);
+        std::memcpy(buffer, pool_.get() + place->offset, place->length);
     }
     // The service takes blocks back when this connection ends, by a close on this side or a cut on its own. Both leave
     // their mark before the first byte of another record is written: whoever copied such a byte finds the mark.

@@ -48,7 +48,7 @@ bool BlockPool::Write(uint32_t block, const void* data, uint32_t size, uint32_t 
         return false;
     }
     if (size != 0) {
-        memcpy(memory_.get() + size_t{block} * shape_.blockStride + offset, data, size);
+        std::memcpy(memory_.get() + size_t{block} * shape_.blockStride + offset, data, size);
     }
     return true;
 }

@@ -40,7 +40,7 @@ constexpr uint64_t POOL_MARK = 0x4C4F4F504D414900;
 inline uint64_t PoolGenerationOf(const IAMShmPoolHandle& handle)
 {
     uint64_t words[2];
-    memcpy(words, handle.opaque, sizeof words);
+    std::memcpy(words, handle.opaque, sizeof(words));
     return words[0] == POOL_MARK ? words[1] : 0;
 }
 
@@ -48,7 +48,7 @@ inline void FillPoolHandle(uint64_t generation, IAMShmPoolHandle& handle)
 {
     const uint64_t words[] = {POOL_MARK, generation};
     handle = {};
-    memcpy(handle.opaque, words, sizeof words);
+    std::memcpy(handle.opaque, words, sizeof(words));
 }
 
 }  // namespace host_platform::iam

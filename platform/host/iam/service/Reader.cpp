@@ -21,7 +21,7 @@ Reader::Reader(UniqueFd connection, int process) : socket(std::move(connection))
 
 void Reader::Name(const char* resource, uint64_t handle)
 {
-    snprintf(label, sizeof label, "%s (pid %d)", resource, pid);
+    snprintf(label, sizeof(label), "%s (pid %d)", resource, pid);
     file.name = label;
     file.dataHandle = handle;
 }

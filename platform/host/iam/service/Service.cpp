@@ -61,7 +61,7 @@ Status Service::Serve(const char* name, const IAMFileOperations& operations)
         life_ = Life::STARTING;
         quiet_ = false;
         operations_ = operations;
-        snprintf(name_.text, sizeof name_.text, "%s", name);
+        snprintf(name_.text, sizeof(name_.text), "%s", name);
     }
     Status status = Start(name, *endpoint);
     const MutexLock lock(mutex_);

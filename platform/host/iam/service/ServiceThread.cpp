@@ -100,7 +100,7 @@ Status ServiceThread::Watch(const Endpoint& endpoint)
 void ServiceThread::Wake() const
 {
     const uint64_t one = 1;
-    while (write(wake_.Get(), &one, sizeof one) < 0 && errno == EINTR) {
+    while (write(wake_.Get(), &one, sizeof(one)) < 0 && errno == EINTR) {
     }
 }
 
@@ -139,7 +139,7 @@ void ServiceThread::Dispatch(uint64_t key, uint32_t events)
 {
     if (key == WAKE_KEY) {
         uint64_t count = 0;
-        while (read(wake_.Get(), &count, sizeof count) < 0 && errno == EINTR) {
+        while (read(wake_.Get(), &count, sizeof(count)) < 0 && errno == EINTR) {
         }
         woken_ = true;
     } else if (key == LISTENER_KEY) {
@@ -157,7 +157,7 @@ void ServiceThread::Dispatch(uint64_t key, uint32_t events)
 void ServiceThread::HearOfFiles()
 {
     alignas(inotify_event) char events[1024];
-    while (read(notice_.Get(), events, sizeof events) > 0) {
+    while (read(notice_.Get(), events, sizeof(events)) > 0) {
     }
     const Endpoint* const endpoint = service_.CurrentEndpoint();
     if (endpoint != nullptr && endpoint->IsGone() && !std::exchange(socketGone_, true)) {

@@ -26,7 +26,7 @@ size_t TakeDescriptors(msghdr& header, std::array<UniqueFd, MOST_DESCRIPTORS>& d
     const size_t count = (control->cmsg_len - CMSG_LEN(0)) / sizeof(int);
     for (size_t i = 0; i < count; ++i) {
         int fd = -1;
-        memcpy(&fd, CMSG_DATA(control) + i * sizeof fd, sizeof fd);
+        std::memcpy(&fd, CMSG_DATA(control) + i * sizeof(fd), sizeof(fd));
         descriptors[i] = AboveStandard(fd);
     }
     return count;
@@ -37,7 +37,7 @@ size_t TakeDescriptors(msghdr& header, std::array<UniqueFd, MOST_DESCRIPTORS>& d
 Status SendMessage(const UniqueFd& socket, const Message& message, std::initializer_list<int> descriptors)
 {
     Message copy = message;
-    iovec part{&copy, sizeof copy};
+    iovec part{&copy, sizeof(copy)};
     msghdr header{};
     header.msg_iov = &part;
     header.msg_iovlen = 1;
@@ -50,7 +50,7 @@ Status SendMessage(const UniqueFd& socket, const Message& message, std::initiali
         rights->cmsg_level = SOL_SOCKET;
         rights->cmsg_type = SCM_RIGHTS;
         rights->cmsg_len = CMSG_LEN(bytes);
-        memcpy(CMSG_DATA(rights), descriptors.begin(), bytes);
+        std::memcpy(CMSG_DATA(rights), descriptors.begin(), bytes);
     }
     while (sendmsg(socket.Get(), &header, MSG_DONTWAIT | MSG_NOSIGNAL) < 0) {
         if (errno != EINTR) {
@@ -63,13 +63,13 @@ Status SendMessage(const UniqueFd& socket, const Message& message, std::initiali
 Status ReceiveMessage(const UniqueFd& socket, ReceivedMessage& received)
 {
     unsigned char bytes[sizeof(Message) + 1] = {};  // one more, so that a longer message is noticed
-    iovec part{bytes, sizeof bytes};
+    iovec part{bytes, sizeof(bytes)};
     ControlBuffer control{};
     msghdr header{};
     header.msg_iov = &part;
     header.msg_iovlen = 1;
     header.msg_control = control.bytes;
-    header.msg_controllen = sizeof control;
+    header.msg_controllen = sizeof(control);
     bool reset = false;
     ssize_t size = recvmsg(socket.Get(), &header, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
     while (size < 0 && (errno == EINTR || (errno == ECONNRESET && !reset))) {
@@ -105,7 +105,7 @@ Status ReceiveMessage(const UniqueFd& socket, ReceivedMessage& received)
 Status CheckPeerUser(const UniqueFd& socket, int& pid)
 {
     ucred peer{};
-    socklen_t size = sizeof peer;
+    socklen_t size = sizeof(peer);
     if (getsockopt(socket.Get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) {
         return {errno, "the user of the other side is not known"};
     }

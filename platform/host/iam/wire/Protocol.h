@@ -122,10 +122,10 @@ inline bool PoolMessageIsSound(const Message& message)
 inline std::optional<Message> ParseMessage(const unsigned char* bytes, size_t size)
 {
     Message message;
-    if (size != sizeof message) {
+    if (size != sizeof(message)) {
         return std::nullopt;
     }
-    memcpy(&message, bytes, sizeof message);
+    std::memcpy(&message, bytes, sizeof(message));
     if (message.magic != PROTOCOL_MAGIC || message.version != PROTOCOL_VERSION) {
         return std::nullopt;
     }
