@@ -24,7 +24,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 constexpr auto ANSWER_TIME = std::chrono::milliseconds(500);
 
-// A service and what it answers. The socket is closed once nothing more is to come.
+// A service and what it answers.
 struct Asked {
     std::string name;
     UniqueFd socket;
@@ -53,21 +53,26 @@ bool Ask(const Path& path, Asked& asked)
     asked.socket = AboveStandard(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     const sockaddr_un address = AddressOf(path);
     if (connect(asked.socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
-        asked.socket.Reset();
         return errno == EAGAIN;  // so many wait for it that it has no room for this one
     }
     return !CheckPeerUser(asked.socket, asked.pid).Failed() &&
            !SendMessage(asked.socket, Compose(MessageType::LIST, 0, 0, 0)).Failed();
 }
 
-void Hear(Asked& asked)
+// Waits for what it answers, or for the deadline, which may have passed.
+void Hear(Asked& asked, Clock::time_point deadline)
 {
+    pollfd waiting{asked.socket.Get(), POLLIN, 0};
+    int ready = -1;
+    while (ready < 0) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
+        ready = poll(&waiting, 1, static_cast<int>(std::max<int64_t>(left, 0)));
+        if (ready < 0 && errno != EINTR) {
+            return;
+        }
+    }
     ListingPacket packet;
     const ssize_t size = recv(asked.socket.Get(), &packet, sizeof(packet), MSG_DONTWAIT);
-    if (size < 0 && (errno == EAGAIN || errno == EINTR)) {
-        return;
-    }
-    asked.socket.Reset();
     const auto message = ParseMessage(reinterpret_cast<const unsigned char*>(&packet),
                                       std::min(static_cast<size_t>(std::max<ssize_t>(size, 0)), sizeof(Message)));
     if (!message || message->type != static_cast<uint16_t>(MessageType::LISTING) ||
@@ -79,28 +84,6 @@ void Hear(Asked& asked)
         const ListedReader& reader = packet.readers[i];
         asked.readers.push_back(
             {reader.pid, (reader.flags & LISTED_CURRENT) != 0 ? 1 : 0, (reader.flags & LISTED_OBSERVER) != 0 ? 1 : 0});
-    }
-}
-
-void AwaitAnswers(std::vector<Asked>& all)
-{
-    const Clock::time_point deadline = Clock::now() + ANSWER_TIME;
-    std::vector<pollfd> waiting(all.size());
-    for (;;) {
-        std::transform(all.begin(), all.end(), waiting.begin(), [](const Asked& asked) {
-            return pollfd{asked.socket.Get(), POLLIN, 0};  // none where nothing more is to come
-        });
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
-        const auto done = [](const Asked& asked) { return !asked.socket; };
-        if (left <= 0 || std::all_of(all.begin(), all.end(), done)) {
-            return;
-        }
-        const int ready = poll(waiting.data(), waiting.size(), static_cast<int>(left));
-        for (size_t i = 0; ready > 0 && i < all.size(); ++i) {
-            if (waiting[i].revents != 0) {
-                Hear(all[i]);
-            }
-        }
     }
 }
 
@@ -137,7 +120,10 @@ Status ListResources(IAMHostVisitor visit, void* context)
         if (asked.Failed()) {
             return asked;
         }
-        AwaitAnswers(all);
+        const Clock::time_point deadline = Clock::now() + ANSWER_TIME;
+        for (Asked& one : all) {
+            Hear(one, deadline);
+        }
     } catch (const std::bad_alloc&) {
         return {ENOMEM, "out of memory"};
     }
