@@ -235,6 +235,7 @@ TEST_F(IamHostTest, ASupersededReaderIsCutOffOnlyWhenItStandsStill)
     EXPECT_EQ("!ESTALE", stalled.Read());
     EXPECT_EQ(1, IAMHostLostPlace(NAME));
     EXPECT_EQ(0, IAMHostLostPlace("dp:/res/unit/another"));
+    EXPECT_EQ(Numbered(100, 10), observer.Read());
     EXPECT_TRUE(Eventually([&] { return IAMHostReaderCount(NAME) == 2; }));
     stalled.Close();
     EXPECT_EQ(0, IAMHostLostPlace(NAME));
