@@ -533,10 +533,11 @@ protected:
     ~HostileReaderTest() override
     {
         ExpectDelivery(publisher, Reader());  // a good one is still served
-        EXPECT_EQ(100U, publisher.FreeBlocks());
+        EXPECT_EQ(BLOCKS, publisher.FreeBlocks());
     }
 
-    Publisher publisher{100};
+    static constexpr size_t BLOCKS = 100;
+    Publisher publisher{BLOCKS};
 };
 
 TEST_F(HostileReaderTest, WrongMessagesEndTheConnectionAndNobodyHearsOfIt)
@@ -618,8 +619,11 @@ TEST_F(HostileReaderTest, OneThatScribblesOverItsRingIsCutOffAndOthersMissNothin
     {
         const ReaderByHand reader(SocketPath());
         reader.Words().consumed = 1000;
+        size_t accepted = 0;
         while (publisher.Publish("lost with it") == 0) {
+            ++accepted;
         }
+        EXPECT_EQ(BLOCKS, accepted);  // none that it could not get any more
         EXPECT_TRUE(reader.IsHungUp());
     }
     EXPECT_TRUE(Eventually([&] { return receiver.closed == 1; }));
