@@ -64,16 +64,33 @@ std::set<std::string> FilesWithoutReadThread(const std::vector<std::string>& fil
     return lost;
 }
 
+// The other process that is the current reader of the file; 0 when none is known.
+int OtherReaderOf(platform::Listing& listing, const std::string& file)
+{
+    for (const platform::Reader& reader : listing.resources[file].readers) {
+        if (reader.isCurrent && reader.pid != getpid()) {
+            return reader.pid;
+        }
+    }
+    return 0;
+}
+
 void TellWhoseStreamsAreTaken(const std::vector<std::string>& files)
 {
     platform::Listing listing = platform::List();
     for (const std::string& file : files) {
-        for (const platform::Reader& reader : listing.resources[file].readers) {
-            if (reader.isCurrent && reader.pid != getpid()) {
-                Notify("taking the stream of " + file + " from process " + std::to_string(reader.pid));
-            }
+        if (const int reader = OtherReaderOf(listing, file)) {
+            Notify("taking the stream of " + file + " from process " + std::to_string(reader));
         }
     }
+}
+
+void TellThatPlaceIsLost(const std::string& file)
+{
+    platform::Listing listing = platform::List();
+    const int reader = OtherReaderOf(listing, file);
+    const std::string who = reader == 0 ? "" : " (process " + std::to_string(reader) + ")";
+    Notify("another reader has taken " + file + who + "; it is not taken back");
 }
 
 // Why a registration of `files` has returned `result`, for people.
@@ -311,7 +328,7 @@ Subscriptions::State Subscriptions::StateAfterLook(const std::string& file, Stat
         return State::Receiving;
     }
     if (platform::HasLostPlace(file)) {
-        Notify("another reader has taken " + file + "; it is not taken back");
+        TellThatPlaceIsLost(file);
         return State::Taken;
     }
     if (before == State::Receiving) {

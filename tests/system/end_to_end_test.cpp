@@ -1,7 +1,5 @@
 // Whole roads: real publishers and monitors in processes of their own, over the host platform.
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
@@ -87,46 +85,6 @@ TEST_F(EndToEnd, AKilledProcessManagerIsReportedAndAnotherServiceIsReopened)
     for (const std::string file : {PM, SECURITY}) {
         EXPECT_TRUE(monitor->WaitForError("StopSubscribeEvent: join thead of resfile=" + file + " success"));
     }
-}
-
-TEST_F(EndToEnd, AFullPoolIsReportedAndEverythingAcceptedIsDeliveredInOrder)
-{
-    constexpr size_t COUNT = 2500;  // more than twice what the pool holds
-    const auto monitor = StartMonitor("--fault x:/res/stalled --follow", 0);
-    const auto publisher = ServeNumbered("x:/res/stalled", 0, COUNT);
-    Events(*monitor, 6);
-    monitor->Pause();
-    EXPECT_TRUE(publisher->WaitForError("0xF10209 (no block is free in the pool)")) << publisher->Transcript();
-    monitor->Signal(SIGCONT);
-    ExpectNumbered(*monitor, 0, 0, COUNT);
-    ExpectStop(*monitor, SIGINT);
-    EXPECT_EQ(monitor->Output().size(), COUNT);
-}
-
-TEST_F(EndToEnd, TheNewestReaderTakesTheStreamAndTheOlderStaysConnected)
-{
-    const auto publisher =
-        Start(PUBLISHER, "--resource dp:/res/pm/fm --wait --kind device --count 100000 --interval 10");
-    EXPECT_TRUE(publisher->WaitForOutput("serving"));
-    const auto older = StartMonitor("");
-    ExpectNumbered(*older, 0, 1, 2);
-    const auto counting = StartMonitor("--count 5");
-    ExpectEnd(*counting);
-    EXPECT_EQ(counting->Output().size(), 5U);
-    const size_t taken = older->Output().size();
-    // A third reader proves that time has passed in which the older one got nothing.
-    ExpectEnd(*StartMonitor("--count 5"));
-    EXPECT_EQ(older->Output().size(), taken);
-    EXPECT_EQ(publisher->Stop(SIGINT), 130);  // before its last record
-    int ends[2];
-    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);  // nothing is ever written to it
-    const std::string input = " --from /proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(ends[0]);
-    for (const auto& [serve, code] : {std::pair("", 130), {"--serve", 0}}) {
-        const auto idle = Start(PUBLISHER, "--resource x:/res/idle " + (serve + input));
-        EXPECT_TRUE(idle->WaitForOutput("serving"));
-        EXPECT_EQ(idle->Stop(SIGTERM), code);  // while it waits for a line
-    }
-    ExpectHolds(Events(*older, taken + 1).back(), "pm-lost");
 }
 
 TEST_F(EndToEnd, AMonitorThatFollowsSurvivesEveryRestartAndGetsWhatWasAcceptedBeforeTheEndFirst)

@@ -124,8 +124,8 @@ TEST_F(Monitor, SaysWhoseStreamItTakesAndDoesNotTakeBackWhatIsTakenFromIt)
         ExpectNumbered(*newer, 0, COUNT + 1 - static_cast<int>(arrived), arrived);
 
         older->Signal(SIGCONT);
-        EXPECT_TRUE(older->WaitForError("another reader has taken " + resource + "; it is not taken back"))
-            << older->Transcript();
+        const std::string taken = "another reader has taken " + resource + " (process " + std::to_string(newer->Id());
+        EXPECT_TRUE(older->WaitForError(taken + "); it is not taken back")) << older->Transcript();
         ExpectEnd(*older, 1);
         for (const char* const unwanted : {"FTEReport", "Reconnect"}) {
             EXPECT_EQ(older->Transcript().find(unwanted), std::string::npos) << older->Transcript();

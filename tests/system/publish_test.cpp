@@ -201,6 +201,12 @@ TEST_F(Publish, InputMayPauseAnywhereAndHoldsCommentsAndLineEndsOfEverySort)
     write("# a comment\n \t# another\n\n \r\n0001");
     write("02\r\n  00 01\t02 03 \r\n{\"kind\":");
     EXPECT_TRUE(publisher->WaitForOutput("line 6: record, 4 bytes: result 0")) << publisher->Transcript();
+    // A stop signal while it waits for the rest of a line, or for one more.
+    for (const auto& [serve, code] : {std::pair("", 130), {" --serve", 0}}) {
+        const auto stopped = Start(PUBLISHER, "--resource x:/res/b --from " + path + serve);
+        EXPECT_TRUE(stopped->WaitForOutput("serving")) << stopped->Transcript();
+        ExpectStop(*stopped, SIGTERM, code);
+    }
     const tools::Json event = tools::ToJson("x:/res/a", {}, EventInfo{}, UDSInfoForCpp{});
     write(tools::ToLine(event).substr(strlen("{\"kind\":")) + "\r\n00");
     close(input);  // in the middle of a line, which counts
