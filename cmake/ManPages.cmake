@@ -1,6 +1,6 @@
 # Man pages of the programs, made from their own --help while building, so that the two cannot drift.
 #
-# add_man_page(TARGET SUMMARY) makes and installs <program>(1). The program is run for it: a cross build makes none.
+# add_man_page(TARGET SUMMARY COMPONENT) makes and installs <program>(1). The program is run for it: a cross build makes none.
 
 if(CMAKE_CROSSCOMPILING)
   message(STATUS "Man pages: not made by a cross build, which cannot run the programs")
@@ -11,7 +11,7 @@ else()
   endif()
 endif()
 
-function(add_man_page target summary)
+function(add_man_page target summary component)
   if(CMAKE_CROSSCOMPILING OR NOT REPORT_EVENT_HELP2MAN)
     return()
   endif()
@@ -26,5 +26,5 @@ function(add_man_page target summary)
     COMMENT "Making ${target}(1)"
     VERBATIM)
   add_custom_target(${target}-man ALL DEPENDS ${page})
-  install(FILES ${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
+  install(FILES ${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT ${component})
 endfunction()

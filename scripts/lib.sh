@@ -38,8 +38,8 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 # Debian packages, by what needs them. A new one goes here and nowhere else.
 declare -A PACKAGES=(
-  [build]="cmake ninja-build g++ libcli11-dev nlohmann-json3-dev libutfcpp-dev help2man"
-  [test]="libgtest-dev gdb make python3 pkg-config"
+  [build]="cmake ninja-build g++ libcli11-dev nlohmann-json3-dev libutfcpp-dev help2man libmosquitto-dev libsqlite3-dev libssl-dev"
+  [test]="libgtest-dev gdb make python3 pkg-config mosquitto mosquitto-clients openssl"
   [cross]="g++-aarch64-linux-gnu qemu-user"
   [check]="clang clang-format clang-tidy shellcheck systemd"
   [fuzz]="clang libclang-rt-dev"
