@@ -1,5 +1,5 @@
-# What `cmake --install` puts where, in three components: runtime (the library), dev (headers, package files), tools (the
-# programs and the host platform).
+# What `cmake --install` puts where, in four components: runtime (the library), dev (headers, package files), tools (the
+# programs and the host platform), forward (the program that needs MQTT).
 include(CMakePackageConfigHelpers)
 
 # The host platform's libraries bear the names of real ones, which they must never shadow: they have a directory of
@@ -59,6 +59,17 @@ if(TARGET report-event-monitor)
             RENAME report-event-${tool} COMPONENT tools)
   endforeach()
   install(FILES docs/json.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT tools)
+endif()
+
+if(TARGET report-event-forward)
+  set_target_properties(
+    report-event-forward
+    PROPERTIES INSTALL_RPATH "$ORIGIN/${libdir_from_bindir};$ORIGIN/${libdir_from_bindir}/report_event/host")
+  install(TARGETS report-event-forward DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT forward)
+  install(FILES tools/completion/report-event DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
+          RENAME report-event-forward COMPONENT forward)
+  install(FILES docs/fleet.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/report-event-forward COMPONENT forward)
+  install(FILES tools/forward/report-event-forward.service DESTINATION lib/systemd/system COMPONENT forward)
 endif()
 
 configure_package_config_file(cmake/report_eventConfig.cmake.in report_eventConfig.cmake

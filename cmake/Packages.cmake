@@ -1,5 +1,5 @@
-# Debian packages, by `cpack` in the build directory: the library, its development files, and the tools with the host
-# platform. A device build makes the first two.
+# Debian packages, by `cpack` in the build directory: the library, its development files, the tools with the host
+# platform, and the forwarder. A device build makes the first two.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
 set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR}/packages)
@@ -40,5 +40,12 @@ if(REPORT_EVENT_BUILD_TOOLS)
   foreach(library fte iam slog c_sec)
     list(APPEND CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/platform/host/${library})
   endforeach()
+endif()
+if(TARGET report-event-forward)
+  list(APPEND CPACK_COMPONENTS_ALL forward)
+  set(CPACK_DEBIAN_FORWARD_PACKAGE_NAME report-event-forward)
+  set(CPACK_DEBIAN_FORWARD_PACKAGE_SECTION net)
+  set(CPACK_DEBIAN_FORWARD_PACKAGE_DEPENDS "${runtime_package} (= ${PROJECT_VERSION})")
+  set(CPACK_COMPONENT_FORWARD_DESCRIPTION "${PROJECT_DESCRIPTION}: forwarder to an MQTT broker")
 endif()
 include(CPack)

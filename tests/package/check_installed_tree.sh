@@ -63,6 +63,7 @@ if [ ${#emulator[@]} -eq 0 ]; then
   source "$prefix/share/bash-completion/completions/report-event-monitor"
   completes "report-event-monitor --json --se" --security --severity
   completes "report-event-publish --wait --kind d" device
+  [ ! -f "$prefix/bin/report-event-forward" ] || completes "report-event-forward --observe --sync f" full
   completes "report-event-publish --resource sea:/res/p" /res/pm/fm
 fi
 

@@ -33,12 +33,12 @@ contents() { as_root find "$root" -path "$root/var/lib/dpkg" -prune -o -printf '
 rm -rf build/package/packages
 (cd build/package && cpack) >"$work/cpack.out" 2>&1 || fail "$(cat "$work/cpack.out")"
 packages=(build/package/packages/*.deb)
-[ ${#packages[@]} -eq 3 ] || fail "expected three packages, found: ${packages[*]}"
+[ ${#packages[@]} -eq 4 ] || fail "expected four packages, found: ${packages[*]}"
 
 # The root holds, from this machine's own packages, what ours depend on and what their installation runs; no more than
 # that, so that a dependency that is not declared shows.
 say "making a fresh root"
-base=(libc6 libc-bin libgcc-s1 libstdc++6 dash coreutils)
+base=(libc6 libc-bin libgcc-s1 libstdc++6 dash coreutils libmosquitto1 libsqlite3-0 libssl3)
 database=$root/var/lib/dpkg
 as_root mkdir -p "$root"/usr/{bin,sbin,lib,lib64} "$root"/{etc,proc,run,tmp} "$database"/{info,updates,triggers}
 as_root mkdir -m 700 "$root/run/iam"
@@ -61,6 +61,7 @@ grep -q libreport_event.so.1 <<<"$libraries" || fail "the library is not found"
 
 if can_mount; then
   say "running the monitor and the publisher"
+  in_root report-event-forward --version
   mkfifo "$work/serving"
   in_root report-event-publish --resource dp:/res/pm/fm --kind device --name "packed" --wait >"$work/serving" &
   publisher=$!
