@@ -93,7 +93,7 @@ class Child:
         mappings = [line.split(maxsplit=5) for line in (self.proc / "maps").read_text().splitlines()]
         anonymous = [[int(end, 16) for end in line[0].split("-")] for line in mappings if len(line) < 6]
         held = {"descriptors": len(os.listdir(self.proc / "fd")), "threads": len(os.listdir(self.proc / "task"))}
-        if not self.soak.options.sanitized:
+        if not self.soak.options.sanitizer:
             held["mappings"] = len(mappings) - len(anonymous)
             held["anonymous KiB"] = sum(end - begin for begin, end in anonymous) // 1024
         return held
