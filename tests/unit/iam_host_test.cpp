@@ -539,7 +539,7 @@ TEST(Role, DISABLED_ExitsDuringANotification)
 
 TEST(Role, DISABLED_ExitsInsideANotification)
 {
-    new Publisher(4);
+    [[maybe_unused]] static const auto& publisher = *new Publisher(4);
     receiver.whenOpened = [] { exit(0); };
     OpenResource(NAME, O_RDWR);
     pause();  // what this thread uses is being destroyed

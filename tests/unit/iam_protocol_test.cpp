@@ -190,8 +190,9 @@ struct ServiceByHand : Wire {
 
     ServiceWords& words = *reinterpret_cast<ServiceWords*>(own.map.get());
     const ReaderWords& readerWords = *reinterpret_cast<const ReaderWords*>(readers.map.get());
-    std::atomic<bool> opened{false};
 };
+
+std::atomic<bool> opened{false};  // by its reader; here, because a service may be gone as soon as its reader is
 
 // What it does, step by step.
 using Step = std::function<void(ServiceByHand&)>;
@@ -243,7 +244,7 @@ const Step pool = Say(POOL, {&ServiceByHand::pool});
 const Step connected = Say(CONNECTED, {});
 const Step hangUp = [](ServiceByHand& service) { service.HangUp(); };
 const Step revoke = [](ServiceByHand& service) { service.words.revoked = 1; };
-const Step awaitOpen = [](ServiceByHand& service) { EXPECT_TRUE(Eventually([&] { return service.opened.load(); })); };
+const Step awaitOpen = [](ServiceByHand&) { EXPECT_TRUE(Eventually([] { return opened.load(); })); };
 const Step awaitSleep = [](ServiceByHand& service) {
     EXPECT_TRUE(Eventually([&] { return service.readerWords.sleeping != 0; }));
 };
@@ -262,11 +263,10 @@ protected:
     std::string Heard(const std::vector<Step>& steps) const
     {
         const Wire listener = Listener(8);
-        std::promise<ServiceByHand*> accepted;
+        opened = false;
         const auto service = std::async(std::launch::async, [&] {
             ServiceByHand hand(accept4(listener.socket.Get(), nullptr, nullptr, SOCK_CLOEXEC));
             std::memcpy(hand.pool.map.get() + (BLOCKS - 1) * STRIDE, "last", 4);
-            accepted.set_value(&hand);
             for (const Step& step : steps) {
                 step(hand);
             }
@@ -274,7 +274,7 @@ protected:
             }  // until the reader is gone
         });
         const Reader reader;
-        accepted.get_future().get()->opened = true;
+        opened = true;
         EXPECT_EQ(0, unlink(SocketPath().c_str()));
         if (reader.error != 0) {
             return std::string("!") + strerrorname_np(reader.error);
