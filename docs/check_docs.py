@@ -38,7 +38,7 @@ CODE_LANGUAGES = {"cpp", "cmake", "ini"}
 FREE_LANGUAGES = {"text", "mermaid", "json"}
 FENCE = re.compile(r"^```(\w*)\s*$")
 MARKER = re.compile(r"^<!-- (.+?) -->$")
-COMMAND_SECONDS = 120
+COMMAND_SECONDS = 240
 
 errors = []
 

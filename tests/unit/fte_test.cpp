@@ -1,4 +1,4 @@
-// Fault reporting: what fte.h promises its callers, and what this host adds: the serialized form, codes and lines.
+// Fault reporting: what this host adds to fte.h: the serialized form, codes, lines and a bounded queue.
 #include "fte.h"
 
 #include <gtest/gtest.h>
@@ -69,65 +69,12 @@ void Register(const std::function<void(const dsmi_event&)>& action)
     EXPECT_EQ(FTERegisterCallback(callable), FTE_OK);
 }
 
-struct FaultReporting : testing::Test {
+struct FaultReportingHost : testing::Test {
     void TearDown() override
     {
         EXPECT_EQ(FTEUnregisterCallback(), FTE_OK);
     }
 };
-using FaultReportingHost = FaultReporting;
-
-// ---- What fte.h promises
-
-TEST_F(FaultReporting, IsOverOnceUnregistrationHasReturned)
-{
-    std::atomic<int> entered{0};
-    std::atomic<int> left{0};
-    for (int round = 1; round <= 20; ++round) {
-        Register([&](const dsmi_event&) {
-            ++entered;
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-            ++left;
-        });
-        EXPECT_EQ(Send(), FTE_OK);
-        EXPECT_TRUE(Reaches(entered, round));
-        EXPECT_EQ(FTEUnregisterCallback(), FTE_OK);
-        EXPECT_EQ(left, round);
-    }
-}
-
-TEST_F(FaultReporting, CallsTheLastCallableWhichMayEndTheDelivery)
-{
-    std::atomic<int> entered{0};
-    std::atomic<int> mayLeave{0};
-    std::atomic<int> left{0};
-    std::atomic<int> later{0};
-    const auto caller = pthread_self();
-    const auto isNotCalled = [](const dsmi_event&) { ADD_FAILURE() << "called, though replaced or withdrawn"; };
-    Register(isNotCalled);
-    Register([&](const dsmi_event&) {
-        ++entered;
-        EXPECT_NE(pthread_self(), caller);
-        EXPECT_TRUE(Reaches(mayLeave, 1));
-        EXPECT_EQ(FTEUnregisterCallback(), FTE_OK);
-        ++left;
-    });
-    EXPECT_EQ(Send(), FTE_OK);
-    ASSERT_TRUE(Reaches(entered, 1));
-    Register(isNotCalled);
-    // With the one thread busy, exactly the bounded queue takes reports.
-    for (int i = 0; i < 1024; ++i) {
-        EXPECT_EQ(Send(), FTE_OK);
-    }
-    EXPECT_EQ(Send(), FTE_QUEUE_FULL);
-    ++mayLeave;
-    EXPECT_TRUE(Reaches(left, 1));
-    Register([&](const dsmi_event&) { ++later; });
-    EXPECT_EQ(Send(), FTE_OK);
-    EXPECT_TRUE(Reaches(later, 1));
-}
-
-// ---- What this host adds to it
 
 // Expects one line from the operation, and this end of it.
 void ExpectLine(const std::function<int()>& operation, int code, const std::string& end)
@@ -158,6 +105,24 @@ TEST_F(FaultReportingHost, MakesARawDeviceEventOfAReportAndLogsWhatBecameOfIt)
         name.copy(expected.eventName, sizeof(expected.eventName));
         EXPECT_EQ(std::memcmp(&event, &expected, sizeof(event)), 0);
     }
+}
+
+TEST_F(FaultReportingHost, TakesAsManyReportsAsItsQueueHoldsWhileTheThreadIsBusy)
+{
+    std::promise<void> entered;
+    std::promise<void> mayLeave;
+    Register([&](const dsmi_event&) {
+        entered.set_value();
+        mayLeave.get_future().wait();
+        EXPECT_EQ(FTEUnregisterCallback(), FTE_OK);  // drops those that wait
+    });
+    EXPECT_EQ(Send(), FTE_OK);
+    entered.get_future().wait();
+    for (int i = 0; i < 1024; ++i) {
+        EXPECT_EQ(Send(), FTE_OK);
+    }
+    EXPECT_EQ(Send(), FTE_QUEUE_FULL);
+    mayLeave.set_value();
 }
 
 // A callable whose copies and end call back into the interface: only possible when no lock is held meanwhile.

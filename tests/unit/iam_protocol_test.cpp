@@ -144,7 +144,7 @@ struct Wire {
     bool IsHungUp() const
     {
         pollfd waiting{socket.Get(), POLLRDHUP, 0};
-        return poll(&waiting, 1, static_cast<int>(std::chrono::milliseconds(PATIENCE).count())) == 1;
+        return poll(&waiting, 1, static_cast<int>(std::chrono::milliseconds(options.patience).count())) == 1;
     }
 
     UniqueFd socket;
@@ -388,7 +388,7 @@ std::vector<std::string> Listed()
     };
     const auto begin = Clock::now();
     EXPECT_EQ(0, IAMHostList(visit, &lines));
-    EXPECT_LT(Clock::now() - begin, OPEN_BOUND);
+    EXPECT_LT(Clock::now() - begin, Reader::openBound);
     return lines;
 }
 

@@ -1,5 +1,4 @@
-// What every implementation of platform/include/iam.h must do.
-#include <csignal>
+// What the host's IAM does with every handle, number, buffer and end, beyond what platform/include/iam.h promises.
 #include <random>
 #include <set>
 
@@ -8,58 +7,27 @@
 namespace iam_test {
 namespace {
 
-TEST_F(IamTest, RecordsOfEverySizeArriveUnchangedInOrderAcrossManyTurnsOfTheRing)
-{
-    Publisher publisher(7);
-    const Reader reader;
-    constexpr size_t SIZES[] = {0, 1, 3, 362, 3959, 3960};
-    const auto record = [&](size_t i) { return Numbered(i, 3960).substr(0, SIZES[i % 6]); };
-    std::atomic<size_t> delivered{0};
-    std::thread publishing([&] {
-        for (size_t i = 0; i < 5000; ++i) {
-            // One at a time at first, so that the reader sleeps between; then back to back, so that the pool is full.
-            EXPECT_TRUE(Eventually([&] { return i >= 30 || delivered == i; }));
-            ASSERT_TRUE(Eventually([&] { return publisher.Publish(record(i)) == 0; }));
-        }
-    });
-    for (; delivered < 5000; ++delivered) {
-        ASSERT_EQ(record(delivered), reader.Read()) << delivered;
-    }
-    publishing.join();
-    EXPECT_EQ(7U, publisher.FreeBlocks());
-}
-
-TEST_F(IamTest, NothingPublishedAfterOpenIsMissedWhenThePoolComesLater)
+TEST_F(IamTest, WhatIsOutOfTurnOrOutOfBoundsFailsAndChangesNothing)
 {
     Publisher publisher;
     EXPECT_LT(publisher.MakePool(4), 0);  // no service yet
     EXPECT_EQ(ENOENT, Reader().error);
     ASSERT_EQ(0, publisher.Serve());
-    const Reader early;
-    EXPECT_EQ(1U, receiver.opened);
-    EXPECT_NE(0, publisher.Publish("no pool"));
+    const Reader reader;
     EXPECT_LT(publisher.MakePool(0), 0);
     EXPECT_LT(publisher.MakePool(1025), 0);
     EXPECT_LT(publisher.MakePool(10, 63), 0);
     ASSERT_EQ(0, publisher.MakePool(4));  // a retry after failures
     EXPECT_LT(publisher.MakePool(4), 0);  // not twice
-    ExpectDelivery(publisher, early);
-    ExpectDelivery(publisher, Reader(NAME, O_RDONLY));
+    ASSERT_EQ(0, publisher.Publish("at last"));
+    EXPECT_EQ("!EMSGSIZE", reader.Read(6));
+    EXPECT_EQ(-1, IAMFastRead(reader.fd, nullptr, 7));
+    EXPECT_EQ(EFAULT, errno);
+    EXPECT_EQ("at last", reader.Read(7));
     // A second registration replaces the notifications.
     EXPECT_EQ(0, publisher.Serve([](IAMRTFSMgrFile*) { return static_cast<int>(receiver.opened += 10); }, nullptr));
     const Reader other;
-    EXPECT_EQ(12U, receiver.opened);
-}
-
-TEST_F(IamTest, AFullPoolIsAResultCodeAndLosesNothing)
-{
-    Publisher publisher(1000);
-    const Reader reader;
-    for (int round = 0; round < 3; ++round) {
-        publisher.PublishNumbered(1000, 362);
-        EXPECT_NE(0, publisher.Publish("one too many"));
-        reader.ExpectNumbered(1000, 362);
-    }
+    EXPECT_EQ(11U, receiver.opened);
 }
 
 TEST_F(IamTest, AHandleThatIsNotGoodMakesTheCallFailAndChangesNothing)
@@ -121,7 +89,7 @@ TEST_F(IamTest, AHandleThatIsNotGoodMakesTheCallFailAndChangesNothing)
     EXPECT_LT(IAMRegisterRTService(&plain), 0);
 }
 
-TEST_F(IamTest, CloseWakesABlockedReaderAtOnceAndItsNumberLeadsToNobodyElsesRecords)
+TEST_F(IamTest, TheNumberOfAClosedFileLeadsToNobodyElsesRecords)
 {
     Publisher publisher(4);
     const Limit few(RLIMIT_NOFILE, 100);  // numbers come round soon
@@ -138,45 +106,18 @@ TEST_F(IamTest, CloseWakesABlockedReaderAtOnceAndItsNumberLeadsToNobodyElsesReco
     EXPECT_TRUE(Eventually([&] { return publisher.FreeBlocks() == 4; }));  // it has read
     std::set<int> numbers;
     while (reader.Open() && reader.fd != first && numbers.insert(reader.fd).second) {
-        std::atomic<bool> reading{false};
-        std::thread blocked([&reading, fd = reader.fd] {
-            reading = true;
-            EXPECT_EQ("!EBADF", ReadFrom(fd));
-        });
-        EXPECT_TRUE(Eventually([&] { return numbers.size() % 2 == 1 || reading; }));
-        reader.Close();
-        blocked.join();
     }
     EXPECT_EQ(first, reader.fd);
     EXPECT_GT(numbers.size(), 30U);
     EXPECT_EQ(0, publisher.Publish("new"));
     cameRound = true;
     old.join();
-    EXPECT_TRUE(Eventually([&] { return receiver.closed == numbers.size() + 1; }));
-    EXPECT_EQ(4U, publisher.FreeBlocks());
 }
 
-TEST_F(IamTest, NeitherASignalNorABufferThatIsTooSmallLosesARecord)
-{
-    Publisher publisher(4);
-    static std::atomic<int> signals;
-    signals = 0;
-    const auto before = signal(SIGUSR1, [](int) { ++signals; });
-    const Reader reader;
-    std::thread reading([&] { EXPECT_EQ("!EMSGSIZE", reader.Read(6)); });
-    EXPECT_TRUE(Eventually([&] { return pthread_kill(reading.native_handle(), SIGUSR1) != 0 || signals >= 2000; }));
-    ASSERT_EQ(0, publisher.Publish("at last"));
-    reading.join();
-    signal(SIGUSR1, before);
-    EXPECT_EQ(-1, IAMFastRead(reader.fd, nullptr, 7));
-    EXPECT_EQ(EFAULT, errno);
-    EXPECT_EQ("at last", reader.Read(7));
-}
-
-TEST_F(IamTest, DestroyingThePoolEndsNotificationsAndLeavesReadersTheirRecords)
+TEST_F(IamTest, DestroyingThePoolLeavesReadersTheirRecordsAndMayHappenInsideANotification)
 {
     IAMShmPoolHandle previous{};
-    for (int round = 0; round < 3; ++round) {
+    for (int round = 0; round < 2; ++round) {
         Publisher publisher(4);
         EXPECT_NE(0, IAMShmHandleMalloc(&previous, 1, &publisher.block));
         EXPECT_NE(0, IAMShmDestroyPool(&previous));
@@ -190,13 +131,9 @@ TEST_F(IamTest, DestroyingThePoolEndsNotificationsAndLeavesReadersTheirRecords)
         ASSERT_EQ(0, publisher.Publish("two"));
         ASSERT_EQ(0, IAMShmDestroyPool(&publisher.pool));
         EXPECT_EQ(receiver.opens, receiver.closes);  // in the order of the opens
-        EXPECT_NE(0, IAMShmDestroyPool(&publisher.pool));
-        EXPECT_NE(0, IAMShmHandleMalloc(&publisher.pool, 1, &publisher.block));
         for (const char* const expected : {"one", "two", "!EPIPE", "!EPIPE"}) {
             EXPECT_EQ(expected, left.Read());
         }
-        EXPECT_EQ("!EPIPE", kept.Read());
-        EXPECT_NE(0, Reader().error);
     }
     // From inside a notification: no deadlock, and silence afterwards.
     Publisher publisher(4);
@@ -207,43 +144,6 @@ TEST_F(IamTest, DestroyingThePoolEndsNotificationsAndLeavesReadersTheirRecords)
     EXPECT_EQ(0U, receiver.closed);
     ASSERT_EQ(0, publisher.MakePool(4));
     receiver.whenOpened = nullptr;
-    ExpectDelivery(publisher, Reader());
-}
-
-// Publishes to the first reader, and is killed in the middle of it.
-TEST(Role, DISABLED_IsKilled)
-{
-    Publisher publisher(1000);
-    // A reader is connected once it has read something.
-    ASSERT_TRUE(Eventually([&] { return publisher.Publish("hello") == 0; }));
-    ASSERT_TRUE(Eventually([&] { return publisher.FreeBlocks() == 1000; }));
-    publisher.PublishNumbered(900, 100);
-    raise(SIGKILL);
-}
-
-// Ends with 1 if it may not serve the name.
-TEST(Role, DISABLED_Serves)
-{
-    if (Publisher().Serve() != 0) {
-        _exit(1);
-    }
-}
-
-TEST_F(IamTest, AKilledServiceHasDeliveredWhatItAcceptedAndLeavesItsNameFree)
-{
-    for (int round = 0; round < 3; ++round) {
-        const pid_t pid = StartRole("IsKilled");
-        Reader reader;
-        ASSERT_TRUE(Eventually([&] { return reader.fd >= 0 || reader.Open(); }));
-        EXPECT_EQ("hello", reader.Read());
-        EXPECT_EQ(128 + SIGKILL, StatusOf(pid));
-        reader.ExpectNumbered(900, 100);
-        EXPECT_EQ("!EPIPE", reader.Read());
-        EXPECT_EQ(ECONNREFUSED, Reader().error);
-    }
-    EXPECT_EQ(0, StatusOf(StartRole("Serves")));
-    Publisher publisher(4);
-    EXPECT_EQ(1, StatusOf(StartRole("Serves")));  // a live process serves it
     ExpectDelivery(publisher, Reader());
 }
 

@@ -1,11 +1,10 @@
-// The secure functions: what they copy, and the state of the destination after each kind of refusal.
-#include "c_sec.h"
-
-#include <gtest/gtest.h>
-
+// The promises of c_sec.h: what the functions copy, and the state of the destination after each kind of refusal.
 #include <cstdint>
-#include <string>
 
+#include "Platform.h"
+#include "tests/platform/Support.h"
+
+namespace platform_test {
 namespace {
 
 using namespace std::string_literals;
@@ -22,6 +21,8 @@ int Call(Function function, char* dest, size_t destMax, const char* source, size
 
 TEST(SecureFunctions, CopyOrLeaveTheDestinationInItsKnownState)
 {
+    Promise("c_sec.h", "each function returns 0 and copies, or fails and leaves the destination in its known state",
+            "a client would get the text of another event, or the process would be damaged");
     const std::string before = "before!\0"s;  // fills the destination, terminator included
     const std::string zeroed(8, '\0');
     const char source[] = {'1', '2', '3', '4', '5', '6', '7', '8', 'a'};  // not terminated
@@ -46,3 +47,4 @@ TEST(SecureFunctions, CopyOrLeaveTheDestinationInItsKnownState)
 }
 
 }  // namespace
+}  // namespace platform_test
