@@ -34,10 +34,9 @@ TEST_F(Monitor, EndsOnceNothingCanArriveAnyMoreAndNoSooner)
 
 TEST_F(Monitor, EndsWhenNoEventHasComeForAWhile)
 {
-    const auto idle = Serve("x:/res/idle", "--count 0");
-    const auto waiting = Start(MONITOR, "--fault x:/res/idle --timeout 1");
+    const auto waiting = Start(MONITOR, "--fault x:/res/nobody --follow --timeout 2");
     ExpectEnd(*waiting, 1);
-    EXPECT_TRUE(waiting->WaitForError("report-event-monitor: no event for 1 s")) << waiting->Transcript();
+    EXPECT_TRUE(waiting->WaitForError("report-event-monitor: no event for 2 s")) << waiting->Transcript();
 
     // Together longer than the time, but with no pause that is.
     const auto busy = Serve(PM, "--kind device --interval 450 --count 6");
@@ -131,6 +130,7 @@ TEST_F(Monitor, SaysWhoseStreamItTakesAndDoesNotTakeBackWhatIsTakenFromIt)
         const std::string taken = "another reader has taken " + resource + " (process " + std::to_string(newer->Id());
         EXPECT_TRUE(older->WaitForError(taken + "); it is not taken back")) << older->Transcript();
         ExpectEnd(*older, 1);
+        EXPECT_FALSE(older->WaitForError("another reader has taken", 2)) << older->Transcript();
         for (const char* const unwanted : {"FTEReport", "Reconnect"}) {
             EXPECT_EQ(older->Transcript().find(unwanted), std::string::npos) << older->Transcript();
         }
@@ -173,6 +173,7 @@ TEST_F(Monitor, ListsWhoServesWhatAndWhoReadsIt)
     const auto newer = StartMonitor("");
     const auto observer = Start(MONITOR, "--observe");
     EXPECT_TRUE(observer->WaitForError("observing ")) << observer->Transcript();
+    EXPECT_EQ(observer->Transcript().find("taking "), std::string::npos) << observer->Transcript();
     const auto id = [](const Running& process) { return std::to_string(process->Id()); };
     const auto json = Start(MONITOR, "--list --json");
     ExpectEnd(*json);
@@ -191,12 +192,16 @@ TEST_F(Monitor, ListsWhoServesWhatAndWhoReadsIt)
     EXPECT_TRUE(rows->WaitForOutput(")*")) << rows->Transcript();
     EXPECT_TRUE(rows->WaitForOutput(" " + row(observer))) << rows->Transcript();
     EXPECT_TRUE(rows->WaitForOutput("(does not answer)")) << rows->Transcript();
+    const auto refused = Start(MONITOR, "--fault x:/res/other");
+    ExpectEnd(*refused, 1);
+    const std::string cause = "x:/res/other: process " + id(other) + " serves it and does not answer";
+    EXPECT_TRUE(refused->WaitForError(cause)) << refused->Transcript();
     other->Signal(SIGCONT);
 
     std::filesystem::permissions(directory, std::filesystem::perms::all);
-    const auto refused = Start(MONITOR, "--list");
-    ExpectEnd(*refused, 1);
-    EXPECT_TRUE(refused->WaitForError("report-event-monitor: " + directory + ": Permission denied"));
+    const auto open = Start(MONITOR, "--list");
+    ExpectEnd(*open, 1);
+    EXPECT_TRUE(open->WaitForError("report-event-monitor: " + directory + ": Permission denied"));
 }
 
 }  // namespace
