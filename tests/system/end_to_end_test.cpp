@@ -140,6 +140,8 @@ TEST_F(EndToEnd, OnATerminalEventsStandInColumnsUnderAHeader)
 TEST_F(EndToEnd, WrongUseEndsWithOneLineThatNamesTheCause)
 {
     const auto server = Serve(PM);
+    const std::string timeless = R"({"kind":"fault","arrival":"now","eventId":1,"eventName":"","assertion":1,)"
+                                 R"("nodeId":0,"deviceId":0,"osId":0,"udsId":0,"dids":[]})";
     const struct {
         std::string program, arguments;
         int code;
@@ -150,10 +152,12 @@ TEST_F(EndToEnd, WrongUseEndsWithOneLineThatNamesTheCause)
         {MONITOR, "--fault no-colon", 2, "no-colon"},
         {MONITOR, "--fault a:/res/b --fault a:/res/b", 2, "'a:/res/b' is given twice"},
         {MONITOR, "--count x", 2, "count"},
+        {MONITOR, "--count 0", 2, "count"},
         {PUBLISHER, "--resource dp:/res/pm/fm", 1, PM},  // served by another live process
         {PUBLISHER, "--resource x:/res/y --serve --from -", 1, "line 2: not a byte", "01\n01zz\n"},
         {PUBLISHER, "--resource x:/res/y --from -", 1, "3961 bytes", std::string(7922, '0')},
         {PUBLISHER, "--resource x:/res/y --from -", 1, "line 1: line too long", std::string(1000000, ' ')},
+        {PUBLISHER, "--resource x:/res/y --from -", 1, "arrival: not a time", timeless},
         {PUBLISHER, "--resource x:/res/y --from /no/file", 1, "/no/file: No such file"},
         {PUBLISHER, "--print --from -", 2, "--from excludes --print"},
         {PUBLISHER, "--print --event-id 65536", 2, "eventId: 65536 is not a whole number from 0 to 65535"},

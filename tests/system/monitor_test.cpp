@@ -20,7 +20,7 @@ TEST_F(Monitor, EndsOnceNothingCanArriveAnyMoreAndNoSooner)
     // A loss is no event to count.
     const auto both = StartMonitor("--fault dp:/res/pm/fm --fault x:/res/other --count 4", 2);
     Events(*both, 2);
-    const auto alone = StartMonitor("--count 2");
+    const auto alone = StartMonitor("--count 1");
     pm->Stop(SIGKILL);
     ExpectEnd(*alone, 1);
     ExpectHolds(Events(*alone, 1)[0], "pm-lost");
@@ -71,10 +71,11 @@ TEST_F(Monitor, TellsChangesOfStateAndTheLibraryItsOwnOnlyOnRequest)
 TEST_F(Monitor, OnlyWhatPassesTheFilterIsPrintedCountedAndSummedUp)
 {
     const auto pm = ServeNumbered(PM, 0, 3);
-    const auto security = ServeNumbered(SECURITY, 7, 2);
+    const auto security = ServeNumbered(SECURITY, 7, 50);
     const auto monitor = StartMonitor("--security --fault dp:/res/pm/fm --kind security --count 2 --stats", 2);
     ExpectNumbered(*monitor, 0, 7, 2);
     ExpectEnd(*monitor);
+    EXPECT_EQ(monitor->Output().size(), 2U);
     EXPECT_TRUE(monitor->WaitForError("2 events in ")) << monitor->Transcript();
     EXPECT_TRUE(monitor->WaitForError("  2 security from dp:/res/iam/sec_event")) << monitor->Transcript();
     EXPECT_FALSE(monitor->WaitForError("device from")) << monitor->Transcript();

@@ -151,7 +151,7 @@ TEST_F(Publish, RecordsFollowEachOtherAtThePaceThatWasAskedFor)
 {
     std::string recording;
     // The clock was set back between the second and the third.
-    for (const char* const time : {"08:00:00.000000", "08:00:00.300000", "07:00:00.000000", "07:00:00.100000"}) {
+    for (const char* const time : {"08:00:00.000000", "08:00:00.100000", "07:00:00.000000", "07:00:00.700000"}) {
         const auto arrival = tools::ParseUtcTime(std::string("2024-05-06T") + time + "Z");
         const tools::Json event = tools::ToJson("x:/res/a", *arrival, ReportEvent::FAULT_EVENT, {});
         recording += tools::ToLine(event) + "\n00\n";
@@ -159,8 +159,8 @@ TEST_F(Publish, RecordsFollowEachOtherAtThePaceThatWasAskedFor)
     const struct {
         const char* options;
         std::chrono::milliseconds atLeast;
-    } cases[] = {{"--timing --from -", std::chrono::milliseconds(400)},
-                 {"--timing 0.5 --from -", std::chrono::milliseconds(800)},
+    } cases[] = {{"--timing --from -", std::chrono::milliseconds(800)},
+                 {"--timing 0.5 --from -", std::chrono::milliseconds(1600)},
                  {"--interval 50 --from -", std::chrono::milliseconds(350)},
                  {"--interval 50 --count 8", std::chrono::milliseconds(350)}};
     for (const auto& [options, atLeast] : cases) {
@@ -229,7 +229,7 @@ TEST_F(Publish, WhetherThereIsAReaderIsSaidOnlyWhenItMatters)
     EXPECT_TRUE(alone->WaitForOutput(R"(2/2 fault event 0x1001 "\u001b", 27 bytes: result 0)")) << alone->Transcript();
     EXPECT_TRUE(alone->WaitForError("2 of them found no reader of x:/res/a")) << alone->Transcript();
 
-    const auto patient = Start(PUBLISHER, "--resource x:/res/a --wait");
+    const auto patient = Start(PUBLISHER, "--resource x:/res/a --wait --count 3 --interval 300");
     const auto monitor = Start(MONITOR, "--fault x:/res/a --follow --count 1");
     ExpectEnd(*patient);
     ExpectEnd(*monitor);

@@ -75,6 +75,7 @@ TEST(EventJson, TheFormOfEachKindIsPinnedAndBecomesTheSameRecordAgain)
     const dsmi_event device = MakeDevice();
     dsmi_event security{};
     std::memset(security.eventName, 'n', sizeof(security.eventName));
+    security.eventName[1] = '\0';
     const struct {
         Json event;
         Record record;
@@ -95,8 +96,8 @@ TEST(EventJson, TheFormOfEachKindIsPinnedAndBecomesTheSameRecordAgain)
          R"("reserved":"00010203040506070e10111c1d1e1f494a4b4c4d4e4f505152535455565758595a5b5c5d5e5f6061626364656667"})"},
         {ToJson("dp:/res/iam/sec_event", ARRIVAL, SECURITY_EVENT, security), RawRecordOf(SECURITY_EVENT, security),
          R"({"kind":"security","resource":"dp:/res/iam/sec_event","arrival":"2024-05-06T07:08:09.000345Z",)"
-         R"("eventId":0,"eventName":")" +
-             std::string(288, 'n') +
+         R"("eventId":0,"eventName":"n","eventNameHex":")" +
+             ToHexadecimal(security.eventName, sizeof(security.eventName)) +
              R"(","severity":0,"assertion":0,"nodeId":0,"deviceId":0,"osId":0,"eventSerialNum":0,)"
              R"("notifySerialNum":0,"eventArisedTime":0,"reserved":")" +
              std::string(92, '0') + R"("})"},
@@ -338,7 +339,7 @@ TEST(Statistics, TheSummaryTellsHowManyOfWhatHowOftenAndTheLongestGap)
     Statistics statistics(start);
     const Json device = DeviceJson({});
     statistics.Add(device, start + std::chrono::milliseconds(7000));
-    statistics.Add(Fault().ToJson(), start + std::chrono::milliseconds(8000));
+    statistics.Add(Fault().ToJson(), start + std::chrono::milliseconds(9500));
     statistics.Add(device, start + std::chrono::milliseconds(10500));
     const std::vector<std::string> expected = {"3 events in 12.0 s: 0.2 per second, longest gap 2.5 s",
                                                "  2 device from x:/res/y", "  1 fault from dp:/res/pm/fm"};
