@@ -24,8 +24,10 @@ constexpr Milliseconds TURN{1000};  // how often the MQTT library looks after it
 
 constexpr Milliseconds STOP_TURN{50};
 
-// What leaves the outbox together, and what is at least read together if there is so much.
+// What leaves the outbox together, if so much comes in so short a time, and what is at least read together if there is
+// so much.
 constexpr size_t REMOVED_TOGETHER = Sender::WINDOW / 2;
+constexpr Milliseconds REMOVAL_TIME{100};
 constexpr size_t SENT_TOGETHER = Sender::WINDOW / 2;
 
 bool WaitFor(const Flag& flag, Milliseconds timeout)
@@ -164,7 +166,8 @@ void Sender::Converse(Connection& connection)
         if (mayHaveMore && sent_.size() <= WINDOW - SENT_TOGETHER) {
             mayHaveMore = SendNext(connection);
         }
-        mayHaveMore = connection.Wait(mayHaveMore ? -1 : outbox_.Arrival(), stop_.Descriptor(), TURN) || mayHaveMore;
+        const Milliseconds turn = sent_.empty() ? TURN : REMOVAL_TIME;
+        mayHaveMore = connection.Wait(mayHaveMore ? -1 : outbox_.Arrival(), stop_.Descriptor(), turn) || mayHaveMore;
         TakeAnswers(connection);
     }
     const Clock::time_point deadline = Clock::now() + STOP_TIME;
@@ -230,9 +233,11 @@ void Sender::RemoveAcknowledged(bool all)
 {
     const auto end = std::find_if(sent_.begin(), sent_.end(), [](const Sent& one) { return !one.isAcknowledged; });
     const auto count = static_cast<size_t>(end - sent_.begin());
-    if (count == 0 || (!all && count < REMOVED_TOGETHER && count < sent_.size())) {
+    const Clock::time_point now = Clock::now();
+    if (count == 0 || (!all && count < REMOVED_TOGETHER && now - lastRemoval_ < REMOVAL_TIME)) {
         return;
     }
+    lastRemoval_ = now;
     outbox_.Remove(sent_[count - 1].sequence);
     sent_.erase(sent_.begin(), end);
 }

@@ -85,6 +85,7 @@ private:
     std::string toldState_;
     std::deque<Sent> sent_;  // over the present connection, and still in the outbox
     int64_t lastSent_ = 0;
+    Clock::time_point lastRemoval_{};
 };
 
 }  // namespace tools::forward
