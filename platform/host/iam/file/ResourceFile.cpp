@@ -28,6 +28,8 @@ constexpr auto OPEN_TIME = std::chrono::milliseconds(900);
 constexpr uint32_t RECORDS_OF_A_STREAM = 16;
 constexpr int MOST_LOOKS = 100;
 
+constexpr uint32_t RECORDS_AHEAD = 2;
+
 // Connecting to a local socket waits only while the service's backlog is full; the send timeout bounds that.
 Status ConnectSocket(const UniqueFd& socket, const Path& path, Clock::time_point deadline)
 {
@@ -307,13 +309,13 @@ int64_t ResourceFile::Deliver(void* buffer, size_t length)
     return place->length;
 }
 
-// Starts to bring the next record over from the other processor while this one is worked on.
+// Starts to bring a record to come over from the other processor while this one and the next are worked on.
 void ResourceFile::FetchAhead() const
 {
-    if (!ring_.HasSecond()) {
+    if (!ring_.HasAhead(RECORDS_AHEAD)) {
         return;
     }
-    const auto place = LocateRecord(ring_.Second(), poolShape_);
+    const auto place = LocateRecord(ring_.Ahead(RECORDS_AHEAD), poolShape_);
     if (place) {
         Prefetch<false>(pool_.get() + place->offset, place->length);
     }

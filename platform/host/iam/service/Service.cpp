@@ -15,10 +15,10 @@
 namespace host_platform::iam {
 namespace {
 
-// Consumed blocks are taken back once this many bytes have been queued since the last time. Looking at the reader's
-// count costs a cache miss, so small records share one look; large ones fill the caches soon, so their blocks come back
-// after a few and are used again while they are warm.
-constexpr uint64_t TAKE_BACK_BYTES = uint64_t{16} * 1024;
+// Consumed blocks are taken back once this many bytes have been queued since the last time, because looking at the
+// reader's count costs a cache miss, which many records share; and at the first record after one that has woken the
+// reader, which had then consumed everything: a stream that is keeping up goes on in the few blocks that are warm.
+constexpr uint64_t TAKE_BACK_BYTES = uint64_t{256} * 1024;
 
 constexpr char RING_MAKES_NO_SENSE[] = "its ring makes no sense";
 
@@ -262,7 +262,7 @@ int Service::Enqueue(uint64_t reader, uint64_t poolGeneration, uint64_t block)
         SetCurrent(reader);
         const BlockQueue::Appended appended = to->queue.Append(IndexOf(block), *pool_);
         sleepers.Add(appended.wake);
-        bytesQueued_ += appended.length;
+        bytesQueued_ += appended.wake != nullptr ? TAKE_BACK_BYTES : appended.length;
         if (observerCount_ != 0) {
             CopyToObservers(IndexOf(block), appended.length, sleepers);
         }
@@ -429,7 +429,6 @@ Status Service::Add(std::unique_ptr<Reader> reader)
 
 Reader* Service::ReaderAt(size_t index) const
 {
-    const MutexLock lock(mutex_);
     return index < readersEnd_ ? readers_[index].get() : nullptr;
 }
 

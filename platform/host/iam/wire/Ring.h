@@ -182,14 +182,14 @@ public:
         return entries_[consumed_ & mask_].load(std::memory_order_relaxed);
     }
 
-    // Whether more entries than the first are known to be there; Second() is the one after it.
-    bool HasSecond() const
+    // Whether the entry so far behind the first is known to be there, and that entry.
+    bool HasAhead(uint32_t distance) const
     {
-        return known_ - consumed_ > 1;
+        return known_ - consumed_ > distance;
     }
-    uint64_t Second() const
+    uint64_t Ahead(uint32_t distance) const
     {
-        return entries_[(consumed_ + 1) & mask_].load(std::memory_order_relaxed);
+        return entries_[(consumed_ + distance) & mask_].load(std::memory_order_relaxed);
     }
 
     // After a block has been copied: whether the copy may hold bytes of another record.
