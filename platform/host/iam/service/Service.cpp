@@ -429,6 +429,7 @@ Status Service::Add(std::unique_ptr<Reader> reader)
 
 Reader* Service::ReaderAt(size_t index) const
 {
+    const MutexLock lock(mutex_);
     return index < readersEnd_ ? readers_[index].get() : nullptr;
 }
 
