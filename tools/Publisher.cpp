@@ -44,13 +44,13 @@ Publisher::Wait Publisher::WaitForReader() const
     while (options_.wait && !HasReader(options_.resource)) {
         if (options_.timeout != 0 && Clock::now() - start >= std::chrono::seconds(options_.timeout)) {
             Complain("nobody has opened " + options_.resource + " within " + std::to_string(options_.timeout) + " s");
-            return Wait::Timeout;
+            return Wait::TIMEOUT;
         }
         if (signals_.WaitFor(LOOK_INTERVAL)) {
-            return Wait::StopSignal;
+            return Wait::STOP_SIGNAL;
         }
     }
-    return Wait::Over;
+    return Wait::OVER;
 }
 
 bool Publisher::WaitForTurn(std::optional<SystemTime> arrival)

@@ -30,7 +30,7 @@ public:
     // Serves the resource. False when that failed, which has been reported.
     bool Serve();
 
-    enum class Wait { Over, StopSignal, Timeout };
+    enum class Wait { OVER, STOP_SIGNAL, TIMEOUT };
     // Waits for a reader, if that was asked for.
     Wait WaitForReader() const;
 

@@ -202,7 +202,7 @@ void Subscriptions::AddFaults(const Files& files)
     };
     family.unregisterFiles = [&server](const Files& names) { return server.FmUnregisterReportEventImpl(names); };
     for (const std::string& file : files) {
-        family.files[file] = State::Unknown;
+        family.files[file] = State::UNKNOWN;
     }
     families_.push_back(std::move(family));
 }
@@ -217,7 +217,7 @@ void Subscriptions::AddSecurity()
     families_.push_back(
         {[&server, onSecurity](const Files&) { return server.RegIDSEventReportHandlerImpl(onSecurity); },
          [&server](const Files&) { return server.UnregIDSEventReportHandlerImpl(); },
-         {{ReportEvent::SECURITY_RESOURCE, State::Unknown}}});
+         {{ReportEvent::SECURITY_RESOURCE, State::UNKNOWN}}});
 }
 
 bool Subscriptions::Start()
@@ -259,7 +259,7 @@ void Subscriptions::Stop()
 int Subscriptions::Start(Family& family) const
 {
     for (const auto& [file, state] : family.files) {
-        if (state != State::Taken) {
+        if (state != State::TAKEN) {
             family.registered.push_back(file);
         }
     }
@@ -273,7 +273,7 @@ int Subscriptions::Start(Family& family) const
         return result;
     }
     for (const std::string& file : family.registered) {
-        family.files[file] = State::Receiving;
+        family.files[file] = State::RECEIVING;
     }
     Notify((observe_ ? "observing " : "receiving ") + Join(family.registered));
     return result;
@@ -318,31 +318,31 @@ void Subscriptions::Look(Family& family) const
 
 Subscriptions::State Subscriptions::StateAfterLook(const std::string& file, State before, bool isLost) const
 {
-    if (before == State::Taken) {
+    if (before == State::TAKEN) {
         return before;
     }
     if (!isLost) {
-        if (before != State::Receiving) {
+        if (before != State::RECEIVING) {
             Notify((observe_ ? "observing " : "receiving ") + file);
         }
-        return State::Receiving;
+        return State::RECEIVING;
     }
     if (platform::HasLostPlace(file)) {
         TellThatPlaceIsLost(file);
-        return State::Taken;
+        return State::TAKEN;
     }
-    if (before == State::Receiving) {
+    if (before == State::RECEIVING) {
         Notify("lost " + file + (follow_ ? "; waiting until it is served" : ""));
-    } else if (before == State::Unknown) {
+    } else if (before == State::UNKNOWN) {
         Notify("waiting for " + DescribeFailure({file}, ReportEvent::RESULT_OPEN_FAILED));
     }
-    return State::Absent;
+    return State::ABSENT;
 }
 
 // Whether somebody serves a file that is waited for.
 bool Subscriptions::IsRenewalDue(const Family& family) const
 {
-    const auto isAbsent = [](const auto& file) { return file.second == State::Absent; };
+    const auto isAbsent = [](const auto& file) { return file.second == State::ABSENT; };
     if (!follow_ || Clock::now() - family.lastStart < RENEWAL_PAUSE ||
         std::none_of(family.files.begin(), family.files.end(), isAbsent)) {
         return false;
@@ -356,7 +356,7 @@ bool Subscriptions::IsRenewalDue(const Family& family) const
 bool Subscriptions::IsOver(const Family& family) const
 {
     const auto isGone = [this](const auto& file) {
-        return file.second == State::Taken || (file.second == State::Absent && !follow_);
+        return file.second == State::TAKEN || (file.second == State::ABSENT && !follow_);
     };
     return family.equalLooks >= LOOKS_UNTIL_OVER && std::all_of(family.files.begin(), family.files.end(), isGone);
 }

@@ -62,10 +62,10 @@ private:
     using Files = std::vector<std::string>;
 
     enum class State {
-        Unknown,    // registered, and not looked at yet
-        Receiving,  // it has its read thread
-        Absent,     // lost, or never there
-        Taken,      // another reader has it; not taken back
+        UNKNOWN,    // registered, and not looked at yet
+        RECEIVING,  // it has its read thread
+        ABSENT,     // lost, or never there
+        TAKEN,      // another reader has it; not taken back
     };
     // An event family: the library registers and unregisters all its files together.
     struct Family {

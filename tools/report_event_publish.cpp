@@ -139,10 +139,10 @@ int Serve(const Options& options, const StopSignals& signals, Output& output)
     bool complete = false;
     try {
         const Publisher::Wait wait = publisher.WaitForReader();
-        if (wait == Publisher::Wait::Timeout) {
+        if (wait == Publisher::Wait::TIMEOUT) {
             return EXIT_RUNTIME_FAILURE;
         }
-        complete = wait == Publisher::Wait::Over && (recording ? PublishFromRecording(publisher, *recording, signals)
+        complete = wait == Publisher::Wait::OVER && (recording ? PublishFromRecording(publisher, *recording, signals)
                                                                : PublishFromOptions(publisher, options));
     } catch (const std::exception& error) {
         failure = std::current_exception();

@@ -35,7 +35,7 @@ ConnectionError Refusal(const std::string& what, int version, int reason)
 {
     const char* const text =
         version == Connection::OLDER ? mosquitto_connack_string(reason) : mosquitto_reason_string(reason);
-    return {what + ": " + text, IsHopeless(version, reason) ? Hope::NoneButChangedSettings : Hope::TimeCanHelp};
+    return {what + ": " + text, IsHopeless(version, reason) ? Hope::ONLY_OTHER_SETTINGS : Hope::TIME_CAN_HELP};
 }
 
 // Some time a certificate is not valid yet, or not valid any more: clocks get set, and certificates renewed.
@@ -75,7 +75,7 @@ void Connection::UseTls()
     SSL_CTX* const context = owned.get();
     const auto require = [](int isDone, const std::string& what) {
         if (isDone != 1) {
-            throw ConnectionError("cannot use " + what, Hope::NoneButChangedSettings);
+            throw ConnectionError("cannot use " + what, Hope::ONLY_OTHER_SETTINGS);
         }
     };
     SSL_CTX_set_verify(context, SSL_VERIFY_PEER, nullptr);
@@ -203,12 +203,12 @@ void Connection::Fail(int result) const
     if (certificateFault_ != X509_V_OK) {
         throw ConnectionError(
             std::string("the broker's certificate is refused: ") + X509_verify_cert_error_string(certificateFault_),
-            CanTimeHelp(certificateFault_) ? Hope::TimeCanHelp : Hope::NoneButChangedSettings);
+            CanTimeHelp(certificateFault_) ? Hope::TIME_CAN_HELP : Hope::ONLY_OTHER_SETTINGS);
     }
     const std::string text =
         result == MOSQ_ERR_ERRNO ? std::generic_category().message(cause) : mosquitto_strerror(result);
     const bool isHopeless = result == MOSQ_ERR_INVAL || result == MOSQ_ERR_OVERSIZE_PACKET;
-    throw ConnectionError(text, isHopeless ? Hope::NoneButChangedSettings : Hope::TimeCanHelp);
+    throw ConnectionError(text, isHopeless ? Hope::ONLY_OTHER_SETTINGS : Hope::TIME_CAN_HELP);
 }
 
 }  // namespace tools::forward

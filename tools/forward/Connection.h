@@ -33,14 +33,14 @@ struct BrokerOptions {
 // The end of a connection, or that it did not come about, with its cause.
 class ConnectionError : public std::runtime_error {
 public:
-    enum class Hope { TimeCanHelp, NoneButChangedSettings };
+    enum class Hope { TIME_CAN_HELP, ONLY_OTHER_SETTINGS };
 
     ConnectionError(const std::string& cause, Hope hope) : std::runtime_error(cause), hope_(hope)
     {
     }
     bool IsHopeless() const
     {
-        return hope_ == Hope::NoneButChangedSettings;
+        return hope_ == Hope::ONLY_OTHER_SETTINGS;
     }
 
 private:

@@ -187,7 +187,7 @@ void Sender::AwaitAcceptance(Connection& connection)
     while (!connection.IsOpen() && !isStopping_) {
         connection.Wait(-1, stop_.Descriptor(), TURN);
         if (Clock::now() > deadline) {
-            throw ConnectionError("the broker does not answer", ConnectionError::Hope::TimeCanHelp);
+            throw ConnectionError("the broker does not answer", ConnectionError::Hope::TIME_CAN_HELP);
         }
     }
     if (connection.IsOpen()) {
