@@ -1,5 +1,5 @@
 // What the processes of the soak share: the stamp that every record carries, and the boards in memory that the runner
-// maps too, so that a kill takes nothing away. facts.cpp tells the runner how the boards are laid out.
+// maps too, so that a kill takes nothing away. processes.py lays the boards out in the same way.
 #ifndef REPORT_EVENT_TESTS_SOAK_BOARD_H
 #define REPORT_EVENT_TESTS_SOAK_BOARD_H
 
@@ -30,7 +30,6 @@ constexpr const char* RESOURCE_NAMES[RESOURCE_COUNT] = {"x:/res/soak", ReportEve
 constexpr size_t LANES = 2;                     // publishing threads; the numbers of a lane count what was accepted
 constexpr size_t TIMES_KEPT = size_t{1} << 18;  // of each lane; older ones are overwritten
 constexpr size_t CONNECTIONS_KEPT = size_t{1} << 17;
-constexpr int THREW = -1;  // instead of a result: no memory for a thread
 constexpr uint64_t SLOW_PUBLISH = 50'000'000;
 
 // Times are in nanoseconds, on the clock that all processes share.

@@ -8,7 +8,7 @@ import collections
 import errno
 import itertools
 
-from processes import NEVER, Publisher, Subscriber
+from processes import NEVER, PROCESS_MANAGER, Publisher, Subscriber
 
 SECOND = 10**9
 OPEN_BOUND, PUBLISH_BOUND = SECOND, SECOND
@@ -45,8 +45,7 @@ class Account:
         self.opens = [each for subscriber in self.subscribers for each in opens_of(subscriber)]
         self.connections = [each for each in self.opens if not each.openError]
         for each in self.opens:
-            name = soak.facts["resources"][each.resource]
-            each.who = f"{each.owner.name}, open {each.number} of {name} (run {each.run})"
+            each.who = f"{each.owner.name}, open {each.number} of resource {each.resource} (run {each.run})"
             each.superseded = min((other.begun for other in self.opens if other is not each and not other.owner.observes
                                    and other.resource == each.resource and other.ended > each.begun), default=NEVER)
             each.publisher = self.publisher_of(each)
@@ -134,7 +133,7 @@ class Account:
         self.check(not board.altered, f"{name}: {board.altered} records came altered")
         subscriber.managers_ended += sum(
             each.lost_publisher and not each.publisher_lives and each.owner is subscriber and
-            each.resource == self.soak.facts["process_manager"] for each in self.connections)
+            each.resource == PROCESS_MANAGER for each in self.connections)
         self.check(board.losses <= subscriber.managers_ended,
                    f"{name}: {board.losses} losses of the process manager reported, not {subscriber.managers_ended}")
         self.figures["losses of the process manager reported"] += board.losses - subscriber.losses

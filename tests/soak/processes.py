@@ -1,17 +1,21 @@
 """The processes of the soak as its runner sees them: what they answer, what stands on their boards, what they hold."""
 import bisect
+import ctypes
 import json
 import mmap
 import os
 import pathlib
-import resource
 import signal
 import subprocess
 import time
-import types
 
 NEVER = 1 << 63
 HANGS = 60  # seconds
+RESOURCES = ORDINARY, PROCESS_MANAGER, _ = range(3)
+
+# The boards, laid out as in Board.h.
+Word, TIMES_KEPT = ctypes.c_uint64, 1 << 18
+Lanes, TIMES = Word * 2, Word * TIMES_KEPT * 2
 
 
 class Gone(Exception):
@@ -22,29 +26,32 @@ def hangs(*_):
     raise Gone("a process neither answers nor ends in time")
 
 
-class Board:
-    """Words that a process writes and the runner reads, by the names of their fields."""
+class PublisherBoard(ctypes.Structure):
+    _fields_ = [("poolBlocks", Word), ("accepted", Lanes), ("calls", Word), ("slowCalls", Word), ("slowest", Lanes),
+                ("noBlock", Word), ("otherCode", Word), ("begun", TIMES), ("returned", TIMES)]
 
-    def __init__(self, words, fields):
-        self.words, self.fields = words, fields
 
-    def __getattr__(self, name):
-        first, count = self.fields[name]
-        return self.words[first] if count == 1 else self.words[first:first + count]
+class Connection(ctypes.Structure):
+    _fields_ = [("resource", Word), ("begun", Word), ("ended", Word), ("openError", Word), ("reopened", Word),
+                ("run", Word), ("first", Lanes), ("next", Lanes), ("missed", Word), ("disorder", Word),
+                ("failures", Word), ("error", Word), ("failed", Word)]
+
+
+class SubscriberBoard(ctypes.Structure):
+    _fields_ = [("opens", Word), ("losses", Word), ("altered", Word), ("connections", Connection * (1 << 17))]
 
 
 class Child:
     """A process of the soak, its board and its log. Answers come in the order of the commands."""
 
-    def __init__(self, soak, program, *arguments):
+    def __init__(self, soak, *arguments):
         soak.processes += 1
-        self.soak, self.facts = soak, soak.facts
-        self.name, self.log = f"{program} {soak.processes}", soak.work / f"{soak.processes}.log"
-        fields = self.facts[program]
-        board, size = os.memfd_create("board"), 8 * max(map(sum, fields.values()))
+        self.soak, self.log = soak, soak.work / f"{soak.processes}.log"
+        self.name = f"{self.kind} {soak.processes}"
+        board, size = os.memfd_create("board"), ctypes.sizeof(self.layout)
         os.truncate(board, size)
-        self.board = Board(memoryview(mmap.mmap(board, size)).cast("Q"), fields)
-        command = [soak.programs / f"soak_{program}", board, *arguments, soak.sabotage]
+        self.board = self.layout.from_buffer(mmap.mmap(board, size))
+        command = [soak.programs / f"soak_{self.kind}", board, *arguments, soak.sabotage]
         with open(self.log, "ab") as log:
             self.process = subprocess.Popen(map(str, command), stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                                             stderr=log, text=True, env=soak.environment, pass_fds=[board])
@@ -80,14 +87,6 @@ class Child:
         return all((task / "stat").read_text().rsplit(")", 1)[1].split()[0] == "T"
                    for task in (self.proc / "task").iterdir())
 
-    def limit(self, kind, value):
-        """Lowers a soft limit; None takes it back."""
-        hard = resource.prlimit(self.pid, kind)[1]
-        resource.prlimit(self.pid, kind, (hard if value is None else value, hard))
-
-    def limit_descriptors(self, more):
-        self.limit(resource.RLIMIT_NOFILE, len(os.listdir(self.proc / "fd")) + more)
-
     def held(self):
         """What the process holds. Anonymous memory by its size: neighbouring pieces may or may not be one mapping."""
         mappings = [line.split(maxsplit=5) for line in (self.proc / "maps").read_text().splitlines()]
@@ -100,39 +99,38 @@ class Child:
 
 
 class Publisher(Child):
-    kind = "publisher"
+    kind, layout = "publisher", PublisherBoard
 
-    def __init__(self, soak, number, mode="serve"):
+    def __init__(self, soak, number):
         self.run, self.resource, self.begun = soak.processes + 1, number, time.monotonic_ns()
-        super().__init__(soak, "publisher", number, self.run, mode)
+        super().__init__(soak, number, self.run)
         self.seen = [0] * len(self.board.accepted)  # in earlier rounds
 
     def accepted(self, lane, after=0, before=NEVER, begun_too=False):
         """The records of this round accepted by calls that returned between two times, or that also began there."""
-        numbers, kept = range(self.seen[lane], self.board.accepted[lane]), len(self.board.begun) // len(self.seen)
-        self.soak.check(len(numbers) < kept, "too many records in one round for the runner to follow")
-        begun, returned = (lambda number, words=words: words[lane * kept + number % kept]
-                           for words in (self.board.begun, self.board.returned))
+        numbers = range(self.seen[lane], self.board.accepted[lane])
+        self.soak.check(len(numbers) < TIMES_KEPT, "too many records in one round for the runner to follow")
+        begun, returned = (lambda number, times=times[lane]: times[number % TIMES_KEPT]
+                           for times in (self.board.begun, self.board.returned))
         first = bisect.bisect_right(numbers, after, key=begun if begun_too else returned)
         return numbers[first:bisect.bisect_left(numbers, before, key=returned)]
 
 
 class Subscriber(Child):
-    kind = "subscriber"
+    kind, layout = "subscriber", SubscriberBoard
 
     def __init__(self, soak, observes):
         self.observes, self.started = observes, False
         self.seen = self.losses = self.managers_ended = 0  # in earlier rounds
         self.stalls = []  # of this round, from and to
-        super().__init__(soak, "subscriber", "observe" if observes else "read")
+        super().__init__(soak, "observe" if observes else "read")
 
     def connections(self):
         """Those of this round as they are now."""
-        fields = self.facts["connection"]
-        size = max(map(sum, fields.values()))
         for number in range(self.seen, self.board.opens):
-            board = Board(self.board.connections[number * size:(number + 1) * size].tolist(), fields)
-            yield types.SimpleNamespace(owner=self, number=number, **{name: getattr(board, name) for name in fields})
+            connection = Connection.from_buffer_copy(self.board.connections[number])
+            connection.owner, connection.number = self, number
+            yield connection
 
     def newest(self, resource_number):
         """The newest connection to the resource that it has made in this round."""
@@ -153,10 +151,9 @@ class Subscriber(Child):
             self.process.send_signal(signal.SIGSTOP)
             self.soak.wait_until(self.stopped, f"{self.name} is not stopped")
         else:
-            self.ask(-1)
+            self.ask("hold")
 
-    def go_on(self, microseconds=0):
-        """Reads again, and spends so long in each callback."""
+    def go_on(self):
         self.process.send_signal(signal.SIGCONT)
-        self.ask(microseconds)
-        self.stalls[-1][1] = min(self.stalls[-1][1], time.monotonic_ns())
+        self.ask("release")
+        self.stalls[-1][1] = time.monotonic_ns()

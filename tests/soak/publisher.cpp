@@ -1,8 +1,6 @@
 // A publisher of the soak: two threads that publish stamped records while told to, and note when each was accepted.
-// Usage: soak_publisher BOARD RESOURCE RUN serve|wedge SABOTAGE. Reads commands from standard input, answers each with
+// Usage: soak_publisher BOARD RESOURCE RUN SABOTAGE. Reads commands from standard input, answers each with
 // a line of JSON. A sabotage is a fault put in on purpose, which the runner must find.
-#include <signal.h>
-
 #include <algorithm>
 #include <chrono>
 #include <iostream>
@@ -159,11 +157,8 @@ int main(int, char** argv)
     board = MapBoard<PublisherBoard>(argv[1]);
     resource = static_cast<uint32_t>(std::stoul(argv[2]));
     run = std::stoull(argv[3]);
-    sabotage = argv[5];
+    sabotage = argv[4];
     const int result = ReportEventClient::GetInstance().RegisterResService(RESOURCE_NAMES[resource]);
-    if (result == ReportEvent::RESULT_OK && argv[4] == std::string("wedge")) {
-        raise(SIGSTOP);
-    }
     std::cout << result << std::endl;
     if (result != ReportEvent::RESULT_OK) {
         return EXIT_FAILURE;

@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <exception>
 #include <iostream>
 #include <nlohmann/json.hpp>
 #include <thread>
@@ -22,12 +21,10 @@
 namespace soak {
 namespace {
 
-constexpr int64_t HELD = -1;
-
 SubscriberBoard* board;
 bool betrayed;
 std::atomic<Connection*> current[RESOURCE_COUNT];  // the newest of each resource, whose records come on one thread
-std::atomic<int64_t> pace{0};                      // microseconds that a callback takes; HELD: until it is changed
+std::atomic<bool> held{false};                     // callbacks do not return
 
 template <typename Condition>
 size_t ResourceThat(Condition holds)
@@ -67,14 +64,6 @@ void Note(Connection& connection, const Stamp& stamp)
     next = stamp.sequence + 1;
 }
 
-void TakeTime()
-{
-    std::this_thread::sleep_for(std::chrono::microseconds(pace));
-    while (pace == HELD) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-}
-
 void Check(std::vector<unsigned char> body, size_t offset)
 {
     Stamp stamp{};
@@ -84,7 +73,9 @@ void Check(std::vector<unsigned char> body, size_t offset)
     } else {
         ++board->altered;
     }
-    TakeTime();
+    while (held) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
 }
 
 void CheckRaw(const dsmi_event& event)
@@ -107,12 +98,7 @@ template <typename Function>
 nlohmann::json Timed(Function call)
 {
     const uint64_t begun = Now();
-    int result = THREW;
-    try {
-        result = call();
-    } catch (const std::exception& error) {
-        std::cerr << error.what() << std::endl;
-    }
+    const int result = call();
     return {result, begun, Now()};
 }
 
@@ -140,7 +126,7 @@ nlohmann::json Obey(const std::string& command)
         return {IAMHostLostRecords(RESOURCE_NAMES[ORDINARY]), IAMHostLostRecords(RESOURCE_NAMES[PROCESS_MANAGER]),
                 IAMHostLostRecords(RESOURCE_NAMES[SECURITY])};
     }
-    pace = std::stoll(command);
+    held = command == "hold";
     return command;
 }
 
