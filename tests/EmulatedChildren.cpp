@@ -49,12 +49,6 @@ int __wrap_posix_spawnp(pid_t* pid, const char* program, const posix_spawn_file_
     return __real_posix_spawnp(pid, command.words[0], actions, attributes, command.words.data(), environment);
 }
 
-int __wrap_posix_spawn(pid_t* pid, const char* program, const posix_spawn_file_actions_t* actions,
-                       const posix_spawnattr_t* attributes, char* const* arguments, char* const* environment)
-{
-    return __wrap_posix_spawnp(pid, program, actions, attributes, arguments, environment);
-}
-
 int __wrap_execv(const char* program, char* const* arguments)
 {
     const Command command(program, arguments);
