@@ -502,24 +502,7 @@ bool SomebodyIsLetKnow()
     return receiver.opened + receiver.closed != before;
 }
 
-// The first exit handler of each role was registered before the service, so it runs when libiam has fallen silent.
-TEST(Role, DISABLED_ExitsWithAReaderAfterASecondStart)
-{
-    static auto& publisher = *new Publisher(4);
-    ASSERT_EQ(0, IAMShmDestroyPool(&publisher.pool));
-    std::atexit([] {
-        const bool ended = IAMShmDestroyPool(&publisher.pool) != 0 && receiver.closed == 0 && !SomebodyIsLetKnow();
-        const bool servesAgain = publisher.Serve() == 0 && publisher.MakePool(4) == 0 && !SomebodyIsLetKnow();
-        const bool endsAgain = IAMShmDestroyPool(&publisher.pool) == 0;
-        _exit(ended && servesAgain && endsAgain ? 0 : 7);
-    });
-    ASSERT_EQ(0, publisher.Serve());
-    ASSERT_EQ(0, publisher.MakePool(4));
-    static const auto* const reader = new Reader;  // stays open
-    ExpectDelivery(publisher, *reader);
-    exit(9);
-}
-
+// The first exit handler was registered before the service, so it runs when libiam has fallen silent.
 TEST(Role, DISABLED_ExitsDuringANotification)
 {
     static std::atomic<bool> exiting{false};
@@ -547,8 +530,7 @@ TEST(Role, DISABLED_ExitsInsideANotification)
 
 TEST_F(IamHostTest, NothingIsDeliveredOnceTheExitHandlersHaveBegun)
 {
-    for (const char* const role :
-         {"ExitsWithAReaderAfterASecondStart", "ExitsDuringANotification", "ExitsInsideANotification"}) {
+    for (const char* const role : {"ExitsDuringANotification", "ExitsInsideANotification"}) {
         EXPECT_EQ(0, StatusOf(StartRole(role))) << role;
         EXPECT_TRUE(fs::is_empty(directory)) << role;
     }
@@ -557,60 +539,17 @@ TEST_F(IamHostTest, NothingIsDeliveredOnceTheExitHandlersHaveBegun)
 // ---------------------------------------------------------------------------------------------------------------------
 // Observers
 
-TEST_F(IamHostTest, AnObserverSeesWhatTheReaderIsGivenTakesNothingAndIsToldWhatItLost)
-{
-    Publisher publisher;
-    ASSERT_EQ(0, publisher.Serve());
-    IAMHostObserve(1);
-    Reader early;
-    IAMHostObserve(0);
-    ASSERT_EQ(0, publisher.MakePool(1000));
-    EXPECT_EQ(1, publisher.Publish("nobody is there"));
-    const Reader reader;
-    setenv("IAM_OBSERVE", "1", 1);
-    const Reader observer;
-    setenv("IAM_OBSERVE", "0", 1);
-    EXPECT_EQ(1U, receiver.opened);
-    EXPECT_EQ(1, IAMHostReaderCount(NAME));
-    // All of them get the same; nobody waits for an observer.
-    std::thread reading([&] {
-        reader.ExpectNumbered(50, 3960);
-        EXPECT_STREQ(NAME, IAMHostResourceOfThisThread());
-        EXPECT_EQ("!EBADF", ReadFrom(-1));
-        EXPECT_EQ(nullptr, IAMHostResourceOfThisThread());
-    });
-    publisher.PublishNumbered(50, 3960);
-    reading.join();
-    observer.ExpectNumbered(50, 3960);
-    early.Close();
-    // 128 wait for the observer, then it misses some, then it gets the next.
-    publisher.PublishNumbered(300, 20);
-    EXPECT_EQ(172U, IAMHostLostRecords(NAME));
-    EXPECT_EQ(0U, IAMHostLostRecords("dp:/res/unit/another"));
-    reader.ExpectNumbered(300, 20);
-    EXPECT_EQ(1000U, publisher.FreeBlocks());
-    observer.ExpectNumbered(128, 20);
-    ExpectDelivery(publisher, observer);
-    EXPECT_EQ(172U, IAMHostLostRecords(NAME));
-    // At the end it gets what it was given, and is told.
-    ASSERT_EQ(0, publisher.Publish("last"));
-    ASSERT_EQ(0, IAMShmDestroyPool(&publisher.pool));
-    EXPECT_EQ(1U, receiver.closed);
-    EXPECT_EQ("last", observer.Read());
-    EXPECT_EQ("!EPIPE", observer.Read());
-}
-
 TEST_F(IamHostTest, ThereAreSixteenObserversAtMost)
 {
     Publisher publisher(4);
     const Reader reader;
-    IAMHostObserve(1);
+    setenv("IAM_OBSERVE", "1", 1);
     std::deque<Reader> observers(16);
     Reader another;
     EXPECT_EQ(ECONNREFUSED, another.error);
     observers.pop_front();
     EXPECT_TRUE(Eventually([&] { return another.Open(); }));
-    IAMHostObserve(0);
+    setenv("IAM_OBSERVE", "0", 1);
     ASSERT_EQ(0, publisher.Publish("to all"));
     EXPECT_EQ("to all", reader.Read());
     EXPECT_EQ("to all", another.Read());

@@ -449,25 +449,6 @@ struct RingPair {
     const Memory readers{READER_WORDS_BYTES, 0};
 };
 
-TEST(RingTest, OneWakeUpForOneSleep)
-{
-    const RingPair memory;
-    RingWriter writer = memory.Writer();
-    RingReader reader = memory.Reader();
-    EXPECT_FALSE(writer.Append(0, 0));  // nobody sleeps
-    for (int round = 0; round < 20; ++round) {
-        while (reader.Look() == RingReader::State::READY) {
-            reader.Pop();
-        }
-        EXPECT_EQ(RingReader::State::EMPTY, reader.FallAsleep());
-        EXPECT_TRUE(writer.Append(1, 1));
-        EXPECT_FALSE(writer.Append(2, 2));  // though the reader has not got up yet
-        EXPECT_EQ(0, reader.Sleep());       // returns at once: the kernel compares once more
-        reader.WakeUp();
-        EXPECT_FALSE(writer.Append(3, 3));
-    }
-}
-
 // Each record is appended just when the reader is about to sleep.
 TEST(RingTest, NoReaderSleepsThroughARecord)
 {

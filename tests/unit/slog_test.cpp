@@ -180,19 +180,6 @@ TEST(SlogHost, IsQuietOnRequestUnlessTheEnvironmentAsksForLines)
     ExpectErrorOutput("SLOG_EVENT_FILE", "/dev/null", log, "^01$");
 }
 
-TEST(SlogHost, HandsFailuresToAListenerWhileItIsQuiet)
-{
-    const auto log = [] {
-        SlogHostQuiet([](const char* text) { std::cerr << "<" << text << ">"; });
-        std::cerr << CheckLogLevel(54, 2) << CheckLogLevel(54, 3);
-        DlogInner(54, 3, "number %d", 1);
-        SlogHostBounded(71, 3, "number %d", 2);
-        DlogEventInner(0x1000036, "an event");
-    };
-    ExpectErrorOutput("SLOG_LEVELS", nullptr, log, "^01<number 1><number 2>$");
-    ExpectErrorOutput("SLOG_LEVELS", "3", log, "^01[^<]*: number 1\n[^<]*: number 2\n[^<]*: an event\n$");
-}
-
 // A path of this test's own, which the process started by it finds too.
 std::string EventPath()
 {
