@@ -18,7 +18,7 @@ namespace {
 // Consumed blocks are taken back once this many bytes have been queued since the last time, because looking at the
 // reader's count costs a cache miss, which many records share; and at the first record after one that has woken the
 // reader, which had then consumed everything: a stream that is keeping up goes on in the few blocks that are warm.
-constexpr uint64_t TAKE_BACK_BYTES = uint64_t{256} * 1024;
+constexpr uint64_t TAKE_BACK_BYTES = uint64_t{64} * 1024;
 
 constexpr char RING_MAKES_NO_SENSE[] = "its ring makes no sense";
 
