@@ -186,7 +186,6 @@ Record MakeRecord(const Json& event, bool forceLog)
 
 std::vector<CLI::Option*> RecordOptions::AddTo(CLI::App& app)
 {
-    given_ = Json::object();
     std::vector<CLI::Option*> all;
     all.push_back(app.add_option("--kind", kind_)->check(CLI::IsMember({"fault", "device", "security"})));
     all.push_back(app.add_flag("--force-log", forceLog_));

@@ -42,8 +42,8 @@ private:
 
     std::string kind_ = "fault";
     bool forceLog_ = false;
-    Json given_;     // by key of the format, what options say
-    Record record_;  // number 0
+    Json given_ = Json::object();  // by key of the format, what options say
+    Record record_;                // number 0
     std::string description_;
 };
 

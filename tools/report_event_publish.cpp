@@ -181,9 +181,9 @@ int Run(const Options& options)
 
 int main(int argc, char** argv)
 {
-    tools::Options options;
-    return tools::RunProgram(
-        argc, argv,
-        {"report-event-publish", REPORT_EVENT_VERSION, tools::HELP,
-         [&options](CLI::App& app) { tools::AddOptions(app, options); }, [&options] { return tools::Run(options); }});
+    std::optional<tools::Options> options;  // made where exceptions are caught
+    return tools::RunProgram(argc, argv,
+                             {"report-event-publish", REPORT_EVENT_VERSION, tools::HELP,
+                              [&options](CLI::App& app) { tools::AddOptions(app, options.emplace()); },
+                              [&options] { return tools::Run(*options); }});
 }
