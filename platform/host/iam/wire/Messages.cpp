@@ -5,15 +5,18 @@
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 namespace host_platform::iam {
 namespace {
 
-constexpr size_t MOST_DESCRIPTORS = 2;  // the kernel closes what is more, and says so
+constexpr size_t MOST_DESCRIPTORS = 2;
+// One more is taken and closed here; what is more still, the kernel closes, and says so. Emulators do not.
+constexpr size_t ROOM_FOR_DESCRIPTORS = MOST_DESCRIPTORS + 1;
 
 union ControlBuffer {
     cmsghdr header;
-    char bytes[CMSG_SPACE(MOST_DESCRIPTORS * sizeof(int))];
+    char bytes[CMSG_SPACE(ROOM_FOR_DESCRIPTORS * sizeof(int))];
 };
 
 // Takes every descriptor out of the control data; returns how many there were.
@@ -27,7 +30,10 @@ size_t TakeDescriptors(msghdr& header, std::array<UniqueFd, MOST_DESCRIPTORS>& d
     for (size_t i = 0; i < count; ++i) {
         int fd = -1;
         std::memcpy(&fd, CMSG_DATA(control) + i * sizeof(fd), sizeof(fd));
-        descriptors[i] = AboveStandard(fd);
+        UniqueFd descriptor = AboveStandard(fd);
+        if (i < descriptors.size()) {
+            descriptors[i] = std::move(descriptor);
+        }
     }
     return count;
 }
