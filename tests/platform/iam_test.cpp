@@ -196,15 +196,15 @@ TEST_F(Iam, NothingIsNotifiedOnceThePoolIsDestroyed)
             "after IAMShmDestroyPool has returned no notification runs, and its readers have lost the connection",
             "a publisher that is being destroyed would be called");
     for (int round = 0; round < 3; ++round) {
-        ASSERT_LE(0, publisher.MakePool());
-        Reader leaving;
-        Reader kept;
         std::atomic<bool> running{false};
         receiver.whenClosed = [&](IAMRTFSMgrFile*) {
             running = true;
             std::this_thread::sleep_for(std::chrono::milliseconds(100));  // it is waited for
             running = false;
         };
+        ASSERT_LE(0, publisher.MakePool());
+        Reader leaving;
+        Reader kept;
         leaving.Close();
         EXPECT_TRUE(Eventually([&] { return running.load(); }));
         EXPECT_EQ(0, IAMShmDestroyPool(&publisher.pool));

@@ -342,7 +342,10 @@ TEST_F(IamHostTest, WithoutMemoryCallsFailReadersReadAndLeaveAndLaterAllIsWell)
         EXPECT_TRUE(Eventually([] { return memoryIsShort.load(); }));
         size = IAMFastRead(reader.fd, buffer, sizeof(buffer));
     });
-    receiver.closes.reserve(8);
+    {
+        const std::lock_guard<std::mutex> lock(receiver.mutex);
+        receiver.closes.reserve(8);
+    }
     memoryIsShort = true;
     leaving.Close();
     const bool heard = Eventually([] { return receiver.closed == 1; });
