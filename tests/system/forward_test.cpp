@@ -159,7 +159,7 @@ TEST_F(Forward, SaysWhatAFullOutboxHasDropped)
 {
     const auto publisher = Serve(PM, "--kind device --count 150");
     const auto forwarder = Forwarder("--outbox-limit 100");
-    EXPECT_TRUE(publisher->WaitForOutput("150")) << publisher->Transcript();
+    EXPECT_TRUE(publisher->WaitForOutput("150/150 ")) << publisher->Transcript();
     publisher->Stop(SIGKILL);
     ExpectEnd(*forwarder, 1);  // nothing can arrive any more, and the last event was that
     EXPECT_TRUE(forwarder->WaitForError("is full: the oldest events are dropped")) << forwarder->Transcript();

@@ -105,8 +105,7 @@ void Sender::Run()
     try {
         KeepConnected();
     } catch (const std::exception& error) {
-        failure_ = error.what();
-        failed_.Raise();
+        failure_.Tell(error.what());
     }
     ended_.Raise();
 }

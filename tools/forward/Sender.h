@@ -12,6 +12,7 @@
 
 #include "tools/ToolSupport.h"
 #include "tools/forward/Connection.h"
+#include "tools/forward/Failure.h"
 #include "tools/forward/Outbox.h"
 
 namespace tools::forward {
@@ -36,12 +37,7 @@ public:
     // in looking up a host: then neither this nor the outbox may be destroyed.
     bool Stop();
 
-    // Readable once it has given up; then Failure says why.
-    int FailedDescriptor() const
-    {
-        return failed_.Descriptor();
-    }
-    const std::string& Failure() const
+    const Failure& GivenUp() const
     {
         return failure_;
     }
@@ -74,8 +70,7 @@ private:
     std::atomic<bool> isStopping_{false};
     Flag stop_;  // raised behind it
     Flag ended_;
-    Flag failed_;
-    std::string failure_;  // set before failed_ is raised
+    Failure failure_;
     std::thread thread_;
 
     // Of the thread.

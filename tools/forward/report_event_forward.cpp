@@ -12,7 +12,6 @@
 #include <cstdint>
 #include <cstdlib>
 #include <fstream>
-#include <mutex>
 #include <regex>
 #include <string>
 
@@ -20,6 +19,7 @@
 #include "tools/Platform.h"
 #include "tools/Subscription.h"
 #include "tools/ToolSupport.h"
+#include "tools/forward/Failure.h"
 #include "tools/forward/Outbox.h"
 #include "tools/forward/Sender.h"
 
@@ -126,41 +126,31 @@ public:
                 TopicLevel(event["resource"].get_ref<const std::string&>()) + "/" + event["kind"].get<std::string>();
             outbox_.Append(source, ToLine(event));
         } catch (const std::exception& error) {
-            const std::lock_guard<std::mutex> lock(mutex_);
-            failure_ = error.what();
-            failed_.Raise();
+            failure_.Tell(error.what());
         }
     }
-    int FailedDescriptor() const
+    const Failure& GivenUp() const
     {
-        return failed_.Descriptor();
-    }
-    std::string Failure() const
-    {
-        const std::lock_guard<std::mutex> lock(mutex_);
         return failure_;
     }
 
 private:
     Outbox& outbox_;
-    Flag failed_;
-    mutable std::mutex mutex_;
-    std::string failure_;
+    Failure failure_;
 };
 
 // Until something ends it. Returns the exit code.
-int Watch(Subscriptions& subscriptions, const StopSignals& signals, const Collector& collector, const Sender& sender)
+int Watch(Subscriptions& subscriptions, const StopSignals& signals, const Failure& taking, const Failure& sending)
 {
     for (;;) {
-        pollfd waited[] = {{signals.Descriptor(), POLLIN, 0},
-                           {collector.FailedDescriptor(), POLLIN, 0},
-                           {sender.FailedDescriptor(), POLLIN, 0}};
+        pollfd waited[] = {
+            {signals.Descriptor(), POLLIN, 0}, {taking.Descriptor(), POLLIN, 0}, {sending.Descriptor(), POLLIN, 0}};
         poll(waited, 3, static_cast<int>(Subscriptions::LOOK_INTERVAL.count()));
         if (waited[0].revents != 0) {
             return EXIT_SUCCESS;
         }
         if (waited[1].revents != 0 || waited[2].revents != 0) {
-            Complain(waited[1].revents != 0 ? collector.Failure() : sender.Failure());
+            Complain(waited[1].revents != 0 ? taking.Cause() : sending.Cause());
             return EXIT_RUNTIME_FAILURE;
         }
         subscriptions.Look();
@@ -190,7 +180,7 @@ int Run(Options& options)
     int exitCode = EXIT_RUNTIME_FAILURE;
     if (subscriptions.Start()) {
         sender.Start();
-        exitCode = Watch(subscriptions, signals, collector, sender);
+        exitCode = Watch(subscriptions, signals, collector.GivenUp(), sender.GivenUp());
     }
     subscriptions.Stop();
     if (!sender.Stop()) {
