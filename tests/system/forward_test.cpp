@@ -182,6 +182,20 @@ TEST_F(Forward, SaysWhatAFullOutboxHasDropped)
     EXPECT_EQ(notice["last"], 51);
 }
 
+TEST_F(Forward, EndsInTimeThoughTheBrokerIsFrozenAndKeepsWhatItHasNotAcknowledged)
+{
+    constexpr int COUNT = 500;
+    broker_.Start();
+    const auto forwarder = Forwarder("--follow");
+    EXPECT_TRUE(forwarder->WaitForError("connected to")) << forwarder->Transcript();
+    kill(broker_.Id(), SIGSTOP);
+    const auto publisher = Start(PUBLISHER, "--resource dp:/res/pm/fm --wait --quiet --kind device --count 500");
+    ExpectEnd(*publisher);
+    EXPECT_TRUE(forwarder->WaitForError("lost dp:/res/pm/fm")) << forwarder->Transcript();
+    ExpectStop(*forwarder, SIGTERM);
+    EXPECT_EQ(Held(), COUNT + 1);  // and the loss of the process manager
+}
+
 // A file that may not grow beyond two megabytes is a full disk.
 TEST_F(Forward, DropsTheOldestWhenTheDiskIsFullAndGoesOn)
 {
