@@ -40,39 +40,35 @@ std::string TextOf(const testing::TestInfo& test)
                                                     : std::string(test.test_suite_name()) + "." + test.name();
 }
 
+void Tell(const testing::TestInfo& test)
+{
+    if (test.result()->Failed()) {
+        std::printf("BROKEN    %s\n", TextOf(test).c_str());
+    } else if (test.result()->Skipped()) {
+        std::printf("NOT SEEN  %s (%s)\n", TextOf(test).c_str(), test.result()->GetTestPartResult(0).message());
+    }
+}
+
 class Verdict : public testing::EmptyTestEventListener {
     void OnTestStart(const testing::TestInfo& test) override
     {
         promised = TextOf(test);
         alarm(static_cast<unsigned>(4 * options.patience.count()));
     }
-    void OnTestEnd(const testing::TestInfo& test) override
+    void OnTestEnd(const testing::TestInfo& /*test*/) override
     {
         alarm(0);
-        if (test.result()->Failed()) {
-            lines_ += "BROKEN    " + TextOf(test) + "\n";
-            ++broken_;
-        } else if (test.result()->Skipped()) {
-            lines_ += "NOT SEEN  " + TextOf(test) + " (" + test.result()->GetTestPartResult(0).message() + ")\n";
-            ++unseen_;
-        } else {
-            ++kept_;
-        }
     }
-    void OnTestProgramEnd(const testing::UnitTest& /*all*/) override
+    void OnTestProgramEnd(const testing::UnitTest& all) override
     {
-        std::printf("%sVerdict: %d promises kept, %d broken, %d not looked at.\n", lines_.c_str(), kept_, broken_,
-                    unseen_);
-        unseen = unseen_;
+        for (int suite = 0; suite < all.total_test_suite_count(); ++suite) {
+            for (int test = 0; test < all.GetTestSuite(suite)->total_test_count(); ++test) {
+                Tell(*all.GetTestSuite(suite)->GetTestInfo(test));
+            }
+        }
+        std::printf("Verdict: %d promises kept, %d broken, %d not looked at.\n", all.successful_test_count(),
+                    all.failed_test_count(), all.skipped_test_count());
     }
-
-    std::string lines_;
-    int kept_ = 0;
-    int broken_ = 0;
-    int unseen_ = 0;
-
-public:
-    inline static int unseen = 0;
 };
 
 // The value of "--name=value", or nothing.
@@ -142,7 +138,7 @@ int Run(int argc, char** argv)
         }
     }
     const int failed = RUN_ALL_TESTS();
-    return failed != 0 || (everything && Verdict::unseen > 0) ? 1 : 0;
+    return failed != 0 || (everything && testing::UnitTest::GetInstance()->skipped_test_count() > 0) ? 1 : 0;
 }
 
 }  // namespace
