@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 #include <mutex>
+#include <optional>
 
 #include "iam.h"
 #include "tests/platform/Support.h"
@@ -34,52 +35,46 @@ struct Receiver {
     std::atomic<size_t> closed{0};
     std::atomic<size_t> misled{0};  // notifications to where a record points that is no longer valid
 };
-inline Receiver receiver;
+inline std::optional<Receiver> receiver;  // of the newest publisher
 
 inline int OnOpen(IAMRTFSMgrFile* file)
 {
     {
-        const std::lock_guard<std::mutex> lock(receiver.mutex);
-        receiver.current = file;
-        receiver.opens.push_back(file->dataHandle);
-        ++receiver.opened;
+        const std::lock_guard<std::mutex> lock(receiver->mutex);
+        receiver->current = file;
+        receiver->opens.push_back(file->dataHandle);
+        ++receiver->opened;
     }
-    if (receiver.whenOpened) {
-        receiver.whenOpened();
+    if (receiver->whenOpened) {
+        receiver->whenOpened();
     }
     return 0;
 }
 
 inline int OnClose(IAMRTFSMgrFile* file)
 {
-    if (receiver.whenClosed) {
-        receiver.whenClosed(file);
+    if (receiver->whenClosed) {
+        receiver->whenClosed(file);
     }
-    const std::lock_guard<std::mutex> lock(receiver.mutex);
-    if (receiver.current == file) {
-        receiver.current = nullptr;
+    const std::lock_guard<std::mutex> lock(receiver->mutex);
+    if (receiver->current == file) {
+        receiver->current = nullptr;
     }
-    receiver.closes.push_back(file->dataHandle);  // the object still lives
-    ++receiver.closed;
+    receiver->closes.push_back(file->dataHandle);  // the object still lives
+    ++receiver->closed;
     return 0;
 }
 
 inline int OnMisled(IAMRTFSMgrFile* /*file*/)
 {
-    return static_cast<int>(++receiver.misled);
+    return static_cast<int>(++receiver->misled);
 }
 
 struct Publisher {
     // Serves and has a pool, unless that is the test's affair.
     explicit Publisher(uint32_t blocks = 0, const std::string& name = options.resource) : name(name)
     {
-        receiver.current = nullptr;
-        receiver.whenOpened = nullptr;
-        receiver.whenClosed = nullptr;
-        receiver.opens.clear();
-        receiver.closes.clear();
-        receiver.opened = 0;
-        receiver.closed = 0;
+        receiver.emplace();
         if (blocks != 0) {
             EXPECT_EQ(0, Serve());
             EXPECT_EQ(0, MakePool(blocks));
@@ -111,8 +106,8 @@ struct Publisher {
     // 0, or the result of the call that failed; 1 when no reader is there.
     int Publish(const std::string& record)
     {
-        const std::lock_guard<std::mutex> lock(receiver.mutex);
-        if (receiver.current == nullptr) {
+        const std::lock_guard<std::mutex> lock(receiver->mutex);
+        if (receiver->current == nullptr) {
             return 1;
         }
         const auto size = static_cast<uint32_t>(record.size());
@@ -122,7 +117,7 @@ struct Publisher {
         }
         IAMDataPackage package{&pool, &block, 1};
         result = IAMShmWrite(&block, record.data(), size, 0);
-        result = result != 0 ? result : IAMRTDataEnqueue(receiver.current->dataHandle, &package);
+        result = result != 0 ? result : IAMRTDataEnqueue(receiver->current->dataHandle, &package);
         if (result != 0) {
             EXPECT_EQ(0, IAMShmFree(&pool, &block));
         }
@@ -137,7 +132,7 @@ struct Publisher {
     // How many blocks can be had right now; all are given back.
     size_t FreeBlocks()
     {
-        const std::lock_guard<std::mutex> lock(receiver.mutex);
+        const std::lock_guard<std::mutex> lock(receiver->mutex);
         std::vector<IAMShmBlockHandle> blocks;
         while (IAMShmHandleMalloc(&pool, 1, &block) == 0) {
             blocks.push_back(block);

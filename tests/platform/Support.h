@@ -56,9 +56,9 @@ inline int StatusOf(pid_t pid)
 
 constexpr char NO_SECOND_PROCESS[] = "no second process can be started";
 
-// Runs the test "Role.DISABLED_<role>" in a process of its own; it ends with 0 unless an expectation failed. Its
-// standard error goes to the file of this name, if there is one. -1 when no process can be started.
-inline pid_t StartRole(const std::string& role, const std::string& errors = "")
+// Runs the test "Role.DISABLED_<role>" in a process of its own; it ends with 0 unless an expectation failed. -1 when no
+// process can be started.
+inline pid_t StartRole(const std::string& role)
 {
     std::vector<std::string> words = options.starter;
     char self[4096] = "/proc/self/exe";
@@ -73,15 +73,8 @@ inline pid_t StartRole(const std::string& role, const std::string& errors = "")
         arguments.push_back(word.data());
     }
     arguments.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    if (!errors.empty()) {
-        posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, errors.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    }
     pid_t pid = -1;
-    errno = posix_spawnp(&pid, arguments[0], &actions, nullptr, arguments.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    return errno == 0 ? pid : -1;
+    return posix_spawnp(&pid, arguments[0], nullptr, nullptr, arguments.data(), environ) == 0 ? pid : -1;
 }
 
 }  // namespace platform_test

@@ -56,7 +56,6 @@ TEST(MessageTest, WhatIsNotExactlyOneSoundMessageIsRefused)
     } rows[] = {
         {"another magic", {1, PROTOCOL_VERSION, RING.type, RING_SIZE, ENTRIES, 0}},
         {"the version before", {PROTOCOL_MAGIC, PROTOCOL_VERSION - 1, RING.type, RING_SIZE, ENTRIES, 0}},
-        {"no type", Compose(MessageType{0}, 0, 0, 0)},
         {"an unknown type", Compose(MessageType{99}, 0, 0, 0)},
         {"HELLO without a role", Compose(MessageType::HELLO, 0, 0, 0)},
         {"HELLO with an unknown role", Compose(MessageType::HELLO, 0, 3, 0)},
@@ -66,7 +65,6 @@ TEST(MessageTest, WhatIsNotExactlyOneSoundMessageIsRefused)
         {"RING with a stride", Compose(MessageType::RING, RING_SIZE, ENTRIES, 1)},
         {"RING with more entries than bytes", Compose(MessageType::RING, RING_SIZE, 2 * ENTRIES, 0)},
         {"RING with fewer entries than bytes", Compose(MessageType::RING, RING_SIZE, ENTRIES / 2, 0)},
-        {"RING without entries", Compose(MessageType::RING, RingBytes(0), 0, 0)},
         {"RING with one entry", Compose(MessageType::RING, RingBytes(1), 1, 0)},
         {"RING with an odd number of entries", Compose(MessageType::RING, RingBytes(7), 7, 0)},
         {"RING with too many entries", Compose(MessageType::RING, RingBytes(1 << 17), 1 << 17, 0)},
@@ -121,10 +119,6 @@ struct Wire {
     {
         return SendBytes({reinterpret_cast<const char*>(&message), sizeof(message)}, fds);
     }
-    void HangUp(int how = SHUT_RDWR) const
-    {
-        shutdown(socket.Get(), how);
-    }
     // Waits for one message; false at the end of the connection.
     bool Receive()
     {
@@ -141,10 +135,10 @@ struct Wire {
         return true;
     }
     // Waits until the other side has hung up, whatever it still sent.
-    bool IsHungUp() const
+    bool IsHungUp(std::chrono::milliseconds patience = options.patience) const
     {
         pollfd waiting{socket.Get(), POLLRDHUP, 0};
-        return poll(&waiting, 1, static_cast<int>(std::chrono::milliseconds(options.patience).count())) == 1;
+        return poll(&waiting, 1, static_cast<int>(patience.count())) == 1;
     }
 
     UniqueFd socket;
@@ -152,18 +146,23 @@ struct Wire {
     std::vector<UniqueFd> received;  // all descriptors
 };
 
-Mapping Map(const UniqueFd& memory, size_t size, int protection = PROT_READ | PROT_WRITE)
+Mapping Map(const UniqueFd& memory, size_t size)
 {
-    void* const address = mmap(nullptr, size, protection, MAP_SHARED, memory.Get(), 0);
+    void* const address = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, memory.Get(), 0);
     return Mapping(static_cast<unsigned char*>(address), Unmap{size});
 }
 
+struct MemoryShape {
+    size_t size;
+    int seals;
+};
+
 struct Memory {
-    explicit Memory(size_t size, int seals) : fd(memfd_create("unit", MFD_ALLOW_SEALING | MFD_CLOEXEC))
+    explicit Memory(const MemoryShape& shape) : fd(memfd_create("unit", MFD_ALLOW_SEALING | MFD_CLOEXEC))
     {
-        EXPECT_EQ(0, ftruncate(fd.Get(), static_cast<off_t>(size)));
-        map = Map(fd, size);
-        EXPECT_EQ(0, fcntl(fd.Get(), F_ADD_SEALS, seals));
+        EXPECT_EQ(0, ftruncate(fd.Get(), static_cast<off_t>(shape.size)));
+        map = Map(fd, shape.size);
+        EXPECT_EQ(0, fcntl(fd.Get(), F_ADD_SEALS, shape.seals));
     }
     UniqueFd fd;
     Mapping map;
@@ -172,38 +171,37 @@ struct Memory {
 // ---------------------------------------------------------------------------------------------------------------------
 // A hostile service
 
-// The service's end of one reader's connection, and memories to send: sound ones and others.
+// The service's end of one reader's connection.
 struct ServiceByHand : Wire {
     using Wire::Wire;
 
-    const Memory own{RING_SIZE, SERVICE_SEALS};
-    const Memory readers{READER_WORDS_BYTES, READER_SEALS};
-    const Memory pool{POOL_SIZE, SERVICE_SEALS};
-    const Memory ringWithoutSeals{RING_SIZE, 0};
-    const Memory ringThatCanBeWritten{RING_SIZE, READER_SEALS};
-    const Memory ringThatCanShrink{RING_SIZE, F_SEAL_GROW | F_SEAL_SEAL | F_SEAL_FUTURE_WRITE};
-    const Memory smallRing{RING_SIZE - 8, SERVICE_SEALS};
-    const Memory largeRing{RING_SIZE + 8, SERVICE_SEALS};
-    const Memory smallReaders{READER_WORDS_BYTES - 8, READER_SEALS};
-    const Memory smallPool{POOL_SIZE - 1, SERVICE_SEALS};
-    const Memory poolThatCanBeWritten{POOL_SIZE, READER_SEALS};
+    ServiceWords& Words()
+    {
+        return *reinterpret_cast<ServiceWords*>(sent.at(0).map.get());
+    }
+    const ReaderWords& WordsOfReader()
+    {
+        return *reinterpret_cast<const ReaderWords*>(sent.at(1).map.get());
+    }
 
-    ServiceWords& words = *reinterpret_cast<ServiceWords*>(own.map.get());
-    const ReaderWords& readerWords = *reinterpret_cast<const ReaderWords*>(readers.map.get());
+    std::deque<Memory> sent;  // the two of the ring, then the pool
 };
 
 std::atomic<bool> opened{false};  // by its reader; here, because a service may be gone as soon as its reader is
 
 // What it does, step by step.
 using Step = std::function<void(ServiceByHand&)>;
-using SentMemory = const Memory ServiceByHand::*;
 
-Step Say(const Message& message, const std::vector<SentMemory>& memories)
+constexpr MemoryShape SERVICES{RING_SIZE, SERVICE_SEALS};
+constexpr MemoryShape READERS{READER_WORDS_BYTES, READER_SEALS};
+constexpr MemoryShape BLOCKS_OF_POOL{POOL_SIZE, SERVICE_SEALS};
+
+Step Say(const Message& message, const std::vector<MemoryShape>& memories)
 {
     return [=](ServiceByHand& service) {
         std::vector<int> fds;
-        for (const SentMemory memory : memories) {
-            fds.push_back((service.*memory).fd.Get());
+        for (const MemoryShape& shape : memories) {
+            fds.push_back(service.sent.emplace_back(shape).fd.Get());
         }
         service.Send(message, fds);
     };
@@ -212,41 +210,32 @@ Step SayBytes(const std::string& bytes)
 {
     return [=](ServiceByHand& service) { service.SendBytes(bytes); };
 }
-// Without waking the reader.
-Step AppendInSilence(uint64_t entry)
-{
-    return [=](ServiceByHand& service) {
-        reinterpret_cast<std::atomic<uint64_t>*>(&service.words + 1)[service.words.appended % ENTRIES] = entry;
-        ++service.words.appended;
-    };
-}
 Step SetAppended(uint32_t count)
 {
-    return [=](ServiceByHand& service) {
-        service.words.appended = count;
-        WakeSleepers(&service.words.appended);
-    };
+    return [=](ServiceByHand& service) { service.Words().appended = count; };
 }
 Step Append(uint64_t entry)
 {
     return [=](ServiceByHand& service) {
-        AppendInSilence(entry)(service);
-        WakeSleepers(&service.words.appended);
+        auto* const entries = reinterpret_cast<std::atomic<uint64_t>*>(&service.Words() + 1);
+        entries[service.Words().appended++ % ENTRIES] = entry;
     };
 }
 Step AwaitConsumed(uint32_t count)
 {
-    return
-        [=](ServiceByHand& service) { EXPECT_TRUE(Eventually([&] { return service.readerWords.consumed == count; })); };
+    return [=](ServiceByHand& service) {
+        EXPECT_TRUE(Eventually([&] { return service.WordsOfReader().consumed == count; }));
+    };
 }
-const Step ring = Say(RING, {&ServiceByHand::own, &ServiceByHand::readers});
-const Step pool = Say(POOL, {&ServiceByHand::pool});
+const Step ring = Say(RING, {SERVICES, READERS});
+const Step pool = Say(POOL, {BLOCKS_OF_POOL});
 const Step connected = Say(CONNECTED, {});
-const Step hangUp = [](ServiceByHand& service) { service.HangUp(); };
-const Step revoke = [](ServiceByHand& service) { service.words.revoked = 1; };
+const Step wake = [](ServiceByHand& service) { WakeSleepers(&service.Words().appended); };
+const Step hangUp = [](ServiceByHand& service) { shutdown(service.socket.Get(), SHUT_RDWR); };
+const Step revoke = [](ServiceByHand& service) { service.Words().revoked = 1; };
 const Step awaitOpen = [](ServiceByHand&) { EXPECT_TRUE(Eventually([] { return opened.load(); })); };
 const Step awaitSleep = [](ServiceByHand& service) {
-    EXPECT_TRUE(Eventually([&] { return service.readerWords.sleeping != 0; }));
+    EXPECT_TRUE(Eventually([&] { return service.WordsOfReader().sleeping != 0; }));
 };
 
 class HostileServiceTest : public IamTest {
@@ -266,7 +255,6 @@ protected:
         opened = false;
         const auto service = std::async(std::launch::async, [&] {
             ServiceByHand hand(accept4(listener.socket.Get(), nullptr, nullptr, SOCK_CLOEXEC));
-            std::memcpy(hand.pool.map.get() + (BLOCKS - 1) * STRIDE, "last", 4);
             for (const Step& step : steps) {
                 step(hand);
             }
@@ -301,31 +289,23 @@ protected:
 
 TEST_F(HostileServiceTest, OpenFailsInBoundedTimeWithTheRightCauseAndKeepsNothing)
 {
-    using Service = ServiceByHand;
-    const auto ringOf = [](SentMemory own, SentMemory readers) { return Say(RING, {own, readers}); };
     ExpectHeard({
-        {"!ETIMEDOUT", {}},
         {"!ETIMEDOUT", {ring}},
-        {"!ECONNREFUSED", {hangUp}},
         {"!ECONNREFUSED", {ring, hangUp}},
-        {"!ECONNREFUSED", {SayBytes("")}},
         {"!EPROTO", {SayBytes(std::string(100000, 'R'))}},
-        {"!EPROTO", {Say(RING, {})}},
-        {"!EPROTO", {Say(RING, {&Service::own})}},
-        {"!EPROTO", {Say(RING, {&Service::own, &Service::readers, &Service::pool})}},
-        {"!EPROTO", {ringOf(&Service::ringWithoutSeals, &Service::readers)}},
-        {"!EPROTO", {ringOf(&Service::ringThatCanBeWritten, &Service::readers)}},
-        {"!EPROTO", {ringOf(&Service::ringThatCanShrink, &Service::readers)}},
-        {"!EPROTO", {ringOf(&Service::smallRing, &Service::readers)}},
-        {"!EPROTO", {ringOf(&Service::largeRing, &Service::readers)}},
-        {"!EPROTO", {ringOf(&Service::own, &Service::smallReaders)}},
+        {"!EPROTO", {Say(RING, {SERVICES})}},
+        {"!EPROTO", {Say(RING, {SERVICES, READERS, BLOCKS_OF_POOL})}},
+        {"!EPROTO", {Say(RING, {{RING_SIZE, READER_SEALS}, READERS})}},
+        {"!EPROTO", {Say(RING, {{RING_SIZE, SERVICE_SEALS & ~F_SEAL_SHRINK}, READERS})}},
+        {"!EPROTO", {Say(RING, {{RING_SIZE - 8, SERVICE_SEALS}, READERS})}},
+        {"!EPROTO", {Say(RING, {{RING_SIZE + 8, SERVICE_SEALS}, READERS})}},
+        {"!EPROTO", {Say(RING, {SERVICES, {READER_WORDS_BYTES - 8, READER_SEALS}})}},
         {"!EPROTO", {pool}},
         {"!EPROTO", {connected}},
         {"!EPROTO", {ring, ring}},
         {"!EPROTO", {ring, pool, pool}},
-        {"!EPROTO", {ring, Say(POOL, {})}},
-        {"!EPROTO", {ring, Say(POOL, {&Service::smallPool})}},
-        {"!EPROTO", {ring, Say(POOL, {&Service::poolThatCanBeWritten})}},
+        {"!EPROTO", {ring, Say(POOL, {{POOL_SIZE - 1, SERVICE_SEALS}})}},
+        {"!EPROTO", {ring, Say(POOL, {{POOL_SIZE, READER_SEALS}})}},
     });
     // One that accepts nobody.
     const Wire full = Listener(0);
@@ -341,28 +321,26 @@ TEST_F(HostileServiceTest, AReadFailsOnWhatMakesNoSenseAndNeverLeavesThePool)
         for (const Step& step : {ring, pool, connected, awaitOpen}) {
             step(service);
         }
+        std::memcpy(service.sent.at(2).map.get() + (BLOCKS - 1) * STRIDE, "last", 4);
     };
     ExpectHeard({
         {",!EPIPE", {connect, Append(PackEntry(BLOCKS - 1, 0)), hangUp}},
         {"last,!EPIPE", {connect, Append(PackEntry(BLOCKS - 1, 4)), hangUp}},
-        {"!EPROTO", {connect, Append(PackEntry(BLOCKS, 1))}},
-        {"!EPROTO", {connect, Append(PackEntry(UINT32_MAX, 1))}},
-        {"!EPROTO", {connect, Append(PackEntry(0, STRIDE + 1))}},
-        {"!EPROTO", {connect, Append(PackEntry(0, UINT32_MAX))}},
-        {"!EPROTO", {connect, SetAppended(ENTRIES + 1)}},
-        {"!EPROTO", {connect, SetAppended(UINT32_MAX)}},
-        {",,!EPROTO", {connect, SetAppended(2), AwaitConsumed(2), awaitSleep, SetAppended(1)}},
+        {"!EPROTO", {connect, Append(PackEntry(BLOCKS, 1)), wake}},
+        {"!EPROTO", {connect, Append(PackEntry(0, STRIDE + 1)), wake}},
+        {"!EPROTO", {connect, SetAppended(ENTRIES + 1), wake}},
+        {",,!EPROTO", {connect, SetAppended(2), wake, AwaitConsumed(2), awaitSleep, SetAppended(1), wake}},
         {"!EPROTO", {connect, SayBytes("junk")}},
         {"!EPROTO", {connect, pool}},
         {"!EPROTO", {connect, connected}},
-        {"!EPROTO", {ring, connected, Append(0)}},  // before there is a pool
+        {"!EPROTO", {ring, connected, Append(0), wake}},  // before there is a pool
         // The pool comes while the reader sleeps, and the first record right behind it.
-        {",!EPIPE", {ring, connected, awaitSleep, pool, Append(0), AwaitConsumed(1), hangUp}},
+        {",!EPIPE", {ring, connected, awaitSleep, pool, Append(0), wake, AwaitConsumed(1), hangUp}},
         // What was queued before the hang-up is delivered, also when the reader hears of the hang-up first.
         {"!EPIPE", {connect, awaitSleep, hangUp}},
-        {",!EPIPE", {connect, awaitSleep, AppendInSilence(0), hangUp}},
+        {",!EPIPE", {connect, awaitSleep, Append(0), hangUp}},
         // It has lost its place, not its service.
-        {"!ESTALE", {connect, revoke, Append(PackEntry(BLOCKS - 1, 4))}},
+        {"!ESTALE", {connect, revoke, Append(PackEntry(BLOCKS - 1, 4)), wake}},
         {"!ESTALE", {connect, awaitSleep, revoke, hangUp}},
     });
 }
@@ -375,16 +353,8 @@ std::vector<std::string> Listed()
 {
     std::vector<std::string> lines;
     const auto visit = [](const IAMHostResource* resource, void* context) {
-        std::string line = resource->name;
-        line += resource->pid == getpid() ? " here" : " elsewhere";
-        line += resource->answers != 0 ? " answers:" : " does not answer";
-        for (size_t i = 0; i < resource->readerCount; ++i) {
-            const IAMHostReader& reader = resource->readers[i];
-            line += reader.pid == getpid() ? " own" : " other";
-            line += reader.current != 0 ? " current" : "";
-            line += reader.observer != 0 ? " observer" : " reader";
-        }
-        static_cast<std::vector<std::string>*>(context)->push_back(line);
+        const std::string answer = resource->answers != 0 ? " answers" : " does not answer";
+        static_cast<std::vector<std::string>*>(context)->push_back(resource->name + answer);
     };
     const auto begin = Clock::now();
     EXPECT_EQ(0, IAMHostList(visit, &lines));
@@ -392,18 +362,14 @@ std::vector<std::string> Listed()
     return lines;
 }
 
-TEST_F(HostileServiceTest, AListingTellsWhoReadsWhatAndWaitsForNobodyForLong)
+TEST_F(HostileServiceTest, AListingTellsWhoAnswersAndWaitsForNobodyForLong)
 {
     using Lines = std::vector<std::string>;
     EXPECT_EQ(-EINVAL, IAMHostList(nullptr, nullptr));
     EXPECT_EQ(Lines(), Listed());
-    Publisher publisher(4, "x:/res/unit/a.b");
-    const Reader older("x:/res/unit/a.b");
-    const Reader newer("x:/res/unit/a.b");
-    IAMHostObserve(1);
-    const Reader observer("x:/res/unit/a.b");
-    IAMHostObserve(0);
-    const std::string honest = "x:/res/unit/a.b here answers: own reader own current reader own observer";
+    const std::string honest = "x:/res/unit/a.b answers";
+    const std::string silent = std::string(NAME) + " does not answer";
+    const Publisher publisher(4, "x:/res/unit/a.b");
     EXPECT_EQ(Lines{honest}, Listed());
     // Others: nothing at all, a wrong message, a hang-up; one that accepts nobody; and what is no service.
     const Message listing = Compose(MessageType::LISTING, ListingBytes(1), 1, 0);
@@ -416,7 +382,7 @@ TEST_F(HostileServiceTest, AListingTellsWhoReadsWhatAndWaitsForNobodyForLong)
             while (hand.Receive()) {
             }
         });
-        EXPECT_EQ((Lines{std::string(NAME) + " here does not answer", honest}), Listed());
+        EXPECT_EQ((Lines{silent, honest}), Listed());
         EXPECT_EQ(0, unlink(SocketPath().c_str()));
     }
     const std::string foreign = directory + "/x%3A%2fres%2Fb";  // not spelt as libiam does
@@ -426,61 +392,11 @@ TEST_F(HostileServiceTest, AListingTellsWhoReadsWhatAndWaitsForNobodyForLong)
         const Wire other;
         EXPECT_EQ(0, other.WithAddress(bind, foreign));
         EXPECT_EQ(0, listen(other.socket.Get(), 1));
-        EXPECT_EQ((Lines{std::string(NAME) + " elsewhere does not answer", honest}), Listed());
+        EXPECT_EQ((Lines{silent, honest}), Listed());
     }
     EXPECT_EQ(Lines{honest}, Listed());  // what they left behind serves nobody
     EXPECT_EQ(0, unlink(SocketPath().c_str()));
     EXPECT_EQ(0, unlink(foreign.c_str()));
-}
-
-// ---------------------------------------------------------------------------------------------------------------------
-// The ring between two that are honest
-
-struct RingPair {
-    RingWriter Writer() const
-    {
-        return {Map(service.fd, RING_SIZE), Map(readers.fd, READER_WORDS_BYTES, PROT_READ), ENTRIES};
-    }
-    RingReader Reader() const
-    {
-        return {Map(service.fd, RING_SIZE, PROT_READ), Map(readers.fd, READER_WORDS_BYTES), ENTRIES};
-    }
-    const Memory service{RING_SIZE, 0};
-    const Memory readers{READER_WORDS_BYTES, 0};
-};
-
-// Each record is appended just when the reader is about to sleep.
-TEST(RingTest, NoReaderSleepsThroughARecord)
-{
-    const RingPair memory;
-    RingWriter writer = memory.Writer();
-    RingReader reader = memory.Reader();
-    constexpr uint32_t RECORDS = 100'000;
-    std::thread reading([&] {
-        for (uint32_t n = 0; n < RECORDS;) {
-            for (volatile uint32_t pause = n % 512; pause > 0;) {
-                pause = pause - 1;
-            }
-            if (reader.Look() == RingReader::State::READY) {
-                EXPECT_EQ(PackEntry(n % 8, n), reader.Front());
-                reader.Pop();
-                ++n;
-            } else if (reader.FallAsleep() == RingReader::State::EMPTY) {
-                EXPECT_EQ(0, reader.Sleep());
-            }
-            reader.WakeUp();
-        }
-    });
-    for (uint32_t n = 0; n < RECORDS; ++n) {
-        if (writer.Append(n % 8, n)) {
-            WakeSleepers(writer.Word());
-        }
-        if (!Eventually([&] { return writer.ClaimedConsumed() > n; })) {
-            ADD_FAILURE() << "record " << n << " was slept through";
-            WakeSleepers(writer.Word());
-        }
-    }
-    reading.join();
 }
 
 // ---------------------------------------------------------------------------------------------------------------------
@@ -492,7 +408,6 @@ struct ReaderByHand : Wire {
     {
         Send(hello);
         EXPECT_TRUE(Receive());
-        service = Map(received.at(0), message.bytes, PROT_READ);
         own = Map(received.at(1), READER_WORDS_BYTES);
         Send(READY);
         do {
@@ -505,7 +420,6 @@ struct ReaderByHand : Wire {
         return *reinterpret_cast<ReaderWords*>(own.get());
     }
 
-    Mapping service;
     Mapping own;
 };
 
@@ -537,12 +451,13 @@ TEST_F(HostileReaderTest, WrongMessagesEndTheConnectionAndNobodyHearsOfIt)
         for (const std::string& bytes : conversation) {
             wire.SendBytes(bytes);
         }
-        EXPECT_TRUE(wire.IsHungUp()) << conversation[0] << conversation.size();
+        // Sooner than one that is merely idle.
+        EXPECT_TRUE(wire.IsHungUp(std::chrono::milliseconds(1500))) << conversation[0] << conversation.size();
     }
-    EXPECT_LE(receiver.opened, 1U);  // the last one got that far
+    EXPECT_LE(receiver->opened, 1U);  // the last one got that far
     const Wire half(SocketPath());
     half.Send(HELLO);
-    half.HangUp(SHUT_WR);
+    shutdown(half.socket.Get(), SHUT_WR);
     EXPECT_TRUE(half.IsHungUp());
     // A descriptor is refused by the kernel where it can be, else by the service.
     constexpr int PASS_RIGHTS = 83;
@@ -566,7 +481,7 @@ TEST_F(HostileReaderTest, IdleConnectionsAreDroppedAndHoldNobodyUp)
     for (const auto& wire : idle) {
         EXPECT_TRUE(wire.IsHungUp());
     }
-    EXPECT_EQ(1U, receiver.opened);
+    EXPECT_EQ(1U, receiver->opened);
 }
 
 TEST_F(HostileReaderTest, WhatItWasHandedCannotBeUsedAgainstTheService)
@@ -591,7 +506,7 @@ TEST_F(HostileReaderTest, WhatItWasHandedCannotBeUsedAgainstTheService)
     }
     EXPECT_NE(0, publisher.Publish("full"));
     reader.socket.Reset();
-    EXPECT_TRUE(Eventually([&] { return receiver.closed == 1; }));
+    EXPECT_TRUE(Eventually([&] { return receiver->closed == 1; }));
 }
 
 // A reader, then an observer beside another reader claim to have read more than they were given.
@@ -607,7 +522,7 @@ TEST_F(HostileReaderTest, OneThatScribblesOverItsRingIsCutOffAndOthersMissNothin
         EXPECT_EQ(BLOCKS, accepted);  // none that it could not get any more
         EXPECT_TRUE(reader.IsHungUp());
     }
-    EXPECT_TRUE(Eventually([&] { return receiver.closed == 1; }));
+    EXPECT_TRUE(Eventually([&] { return receiver->closed == 1; }));
     const Reader reader;
     const ReaderByHand observer(SocketPath(), HELLO_OBSERVER);
     observer.Words().consumed = 1000;
@@ -616,7 +531,7 @@ TEST_F(HostileReaderTest, OneThatScribblesOverItsRingIsCutOffAndOthersMissNothin
         reader.ExpectNumbered(100, 20);
     }
     EXPECT_TRUE(observer.IsHungUp());
-    EXPECT_EQ(1U, receiver.closed);
+    EXPECT_EQ(1U, receiver->closed);
 }
 
 // ---------------------------------------------------------------------------------------------------------------------
@@ -652,7 +567,7 @@ TEST_F(IamTest, APeerOfAnotherUserIsRefused)
                   wire.Send(HELLO);
                   return wire.IsHungUp() && !wire.Receive();
               }));
-    EXPECT_EQ(0U, receiver.opened);
+    EXPECT_EQ(0U, receiver->opened);
 }
 
 }  // namespace

@@ -25,9 +25,9 @@ TEST_F(IamTest, WhatIsOutOfTurnOrOutOfBoundsFailsAndChangesNothing)
     EXPECT_EQ(EFAULT, errno);
     EXPECT_EQ("at last", reader.Read(7));
     // A second registration replaces the notifications.
-    EXPECT_EQ(0, publisher.Serve([](IAMRTFSMgrFile*) { return static_cast<int>(receiver.opened += 10); }, nullptr));
+    EXPECT_EQ(0, publisher.Serve([](IAMRTFSMgrFile*) { return static_cast<int>(receiver->opened += 10); }, nullptr));
     const Reader other;
-    EXPECT_EQ(11U, receiver.opened);
+    EXPECT_EQ(11U, receiver->opened);
 }
 
 TEST_F(IamTest, AHandleThatIsNotGoodMakesTheCallFailAndChangesNothing)
@@ -35,7 +35,7 @@ TEST_F(IamTest, AHandleThatIsNotGoodMakesTheCallFailAndChangesNothing)
     Publisher publisher(4);
     IAMShmPoolHandle* const pool = &publisher.pool;
     const Reader reader;
-    const uint64_t data = receiver.current->dataHandle;
+    const uint64_t data = receiver->current->dataHandle;
     IAMShmPoolHandle noPool{};
     IAMShmBlockHandle block{};
     IAMShmBlockHandle noBlock{};
@@ -125,26 +125,27 @@ TEST_F(IamTest, DestroyingThePoolLeavesReadersTheirRecordsAndMayHappenInsideANot
         Reader left;
         const Reader kept;
         left.Close();
-        EXPECT_TRUE(Eventually([&] { return receiver.closed == 1; }));
+        EXPECT_TRUE(Eventually([&] { return receiver->closed == 1; }));
         EXPECT_TRUE(left.Open());  // the newest, where the oldest was
         ASSERT_EQ(0, publisher.Publish("one"));
         ASSERT_EQ(0, publisher.Publish("two"));
         ASSERT_EQ(0, IAMShmDestroyPool(&publisher.pool));
-        EXPECT_EQ(receiver.opens, receiver.closes);  // in the order of the opens
+        EXPECT_EQ(receiver->opens, receiver->closes);  // in the order of the opens
         for (const char* const expected : {"one", "two", "!EPIPE", "!EPIPE"}) {
             EXPECT_EQ(expected, left.Read());
         }
     }
     // From inside a notification: no deadlock, and silence afterwards.
     Publisher publisher(4);
-    receiver.whenOpened = [&] { EXPECT_EQ(0, IAMShmDestroyPool(&publisher.pool)); };
+    receiver->whenOpened = [&] { EXPECT_EQ(0, IAMShmDestroyPool(&publisher.pool)); };
     const Reader last;
     EXPECT_TRUE(last.fd < 0 || last.Read() == "!EPIPE");
     EXPECT_TRUE(Eventually([&] { return publisher.Serve() == 0; }));
-    EXPECT_EQ(0U, receiver.closed);
+    EXPECT_EQ(0U, receiver->closed);
     ASSERT_EQ(0, publisher.MakePool(4));
-    receiver.whenOpened = nullptr;
+    receiver->whenOpened = nullptr;
     ExpectDelivery(publisher, Reader());
+    EXPECT_EQ(2U, receiver->opened);  // the next life is not silent
 }
 
 }  // namespace
