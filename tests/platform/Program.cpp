@@ -1,8 +1,10 @@
 // The program: reads the command line, runs the tests, and says which promises the platform keeps. A test that hangs or
 // crashes ends it, with the promise that was looked at.
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 #include <sstream>
 
 #include "Platform.h"
@@ -71,25 +73,20 @@ class Verdict : public testing::EmptyTestEventListener {
     }
 };
 
-// The value of "--name=value", or nothing.
-const char* ValueOf(const std::string& argument, const char* name)
-{
-    return argument.rfind(name, 0) == 0 ? argument.c_str() + std::strlen(name) : nullptr;
-}
-
 bool Understand(const std::string& argument)
 {
-    if (const char* const resource = ValueOf(argument, "--resource=")) {
-        options.resource = resource;
-    } else if (const char* const log = ValueOf(argument, "--log=")) {
-        options.log = log;
-    } else if (const char* const patience = ValueOf(argument, "--patience=")) {
-        options.patience = std::chrono::seconds(std::atoi(patience));
-    } else if (const char* const words = ValueOf(argument, "--start-with=")) {
-        std::istringstream text(words);
-        for (std::string word; text >> word;) {
-            options.starter.push_back(word);
-        }
+    const size_t nameEnd = std::min(argument.find('='), argument.size());
+    const std::string name = argument.substr(0, nameEnd);
+    const std::string value = argument.substr(std::min(nameEnd + 1, argument.size()));
+    if (name == "--resource") {
+        options.resource = value;
+    } else if (name == "--log") {
+        options.log = value;
+    } else if (name == "--patience") {
+        options.patience = std::chrono::seconds(std::atoi(value.c_str()));
+    } else if (name == "--start-with") {
+        std::istringstream words(value);
+        options.starter.assign(std::istream_iterator<std::string>(words), {});
     } else if (argument == "--everything") {
         everything = true;
     } else {

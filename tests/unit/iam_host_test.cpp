@@ -489,7 +489,7 @@ TEST_F(IamHostTest, AChildOfForkLeavesItsParentsServiceAndFilesAlone)
     }
 }
 
-TEST_F(IamHostTest, ItsThreadsTakeNoSignalAndADeadReaderRaisesNone)
+TEST_F(IamHostTest, ItsThreadsTakeNoSignal)
 {
     const uint64_t signals = 1ULL << (SIGTERM - 1) | 1ULL << (SIGPIPE - 1) | 1ULL << (SIGUSR1 - 1);
     size_t threads = 0;
@@ -503,16 +503,6 @@ TEST_F(IamHostTest, ItsThreadsTakeNoSignalAndADeadReaderRaisesNone)
         }
     }
     EXPECT_EQ(2U, threads);
-    // A reader gives up while the service thread is busy with it; then the publisher's thread sends it the pool.
-    Publisher publisher;
-    ASSERT_EQ(0, publisher.Serve());
-    std::atomic<bool> busy{true};
-    receiver->whenOpened = [&] { EXPECT_TRUE(Eventually([&] { return !busy; })); };
-    EXPECT_EQ(ETIMEDOUT, Reader().error);
-    EXPECT_EQ(0, publisher.MakePool(4));
-    busy = false;
-    EXPECT_TRUE(Eventually([&] { return receiver->closed == 1; }));
-    ExpectDelivery(publisher, Reader());
 }
 
 // The first exit handler was registered before the service, so it runs when libiam has fallen silent.

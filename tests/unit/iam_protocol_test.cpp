@@ -247,20 +247,25 @@ protected:
         EXPECT_EQ(0, listen(listener.socket.Get(), backlog));
         return listener;
     }
+    // Does this to whoever connects first, and waits until it is gone.
+    static std::future<void> Answer(const Wire& listener, const std::vector<Step>& steps)
+    {
+        return std::async(std::launch::async, [&listener, steps] {
+            ServiceByHand hand(accept4(listener.socket.Get(), nullptr, nullptr, SOCK_CLOEXEC));
+            for (const Step& step : steps) {
+                step(hand);
+            }
+            while (hand.Receive()) {
+            }
+        });
+    }
     // What a reader gets from a service that does this: the error of its open, or all that it reads up to an error,
     // which must stay.
     std::string Heard(const std::vector<Step>& steps) const
     {
         const Wire listener = Listener(8);
         opened = false;
-        const auto service = std::async(std::launch::async, [&] {
-            ServiceByHand hand(accept4(listener.socket.Get(), nullptr, nullptr, SOCK_CLOEXEC));
-            for (const Step& step : steps) {
-                step(hand);
-            }
-            while (hand.Receive()) {
-            }  // until the reader is gone
-        });
+        const auto service = Answer(listener, steps);
         const Reader reader;
         opened = true;
         EXPECT_EQ(0, unlink(SocketPath().c_str()));
@@ -275,14 +280,10 @@ protected:
         EXPECT_EQ(last, reader.Read());
         return heard + last;
     }
-    struct Row {
-        const char* heard;
-        std::vector<Step> steps;
-    };
-    void ExpectHeard(const std::vector<Row>& rows) const
+    void ExpectHeard(const std::vector<std::pair<std::string, std::vector<Step>>>& rows) const
     {
         for (size_t row = 0; row < rows.size(); ++row) {
-            EXPECT_EQ(rows[row].heard, Heard(rows[row].steps)) << "row " << row;
+            EXPECT_EQ(rows[row].first, Heard(rows[row].second)) << "row " << row;
         }
     }
 };
@@ -373,15 +374,11 @@ TEST_F(HostileServiceTest, AListingTellsWhoAnswersAndWaitsForNobodyForLong)
     EXPECT_EQ(Lines{honest}, Listed());
     // Others: nothing at all, a wrong message, a hang-up; one that accepts nobody; and what is no service.
     const Message listing = Compose(MessageType::LISTING, ListingBytes(1), 1, 0);
-    for (const Step& step : {Step([](ServiceByHand&) {}), Say(CONNECTED, {}), Say(listing, {}), hangUp}) {
+    const Step hear = [](ServiceByHand& service) { EXPECT_TRUE(service.Receive()); };
+    const std::vector<Step> answers[] = {{hear}, {hear, Say(CONNECTED, {})}, {hear, Say(listing, {})}, {hear, hangUp}};
+    for (const auto& steps : answers) {
         const Wire listener = Listener(8);
-        const auto service = std::async(std::launch::async, [&] {
-            ServiceByHand hand(accept4(listener.socket.Get(), nullptr, nullptr, SOCK_CLOEXEC));
-            EXPECT_TRUE(hand.Receive());
-            step(hand);
-            while (hand.Receive()) {
-            }
-        });
+        const auto service = Answer(listener, steps);
         EXPECT_EQ((Lines{silent, honest}), Listed());
         EXPECT_EQ(0, unlink(SocketPath().c_str()));
     }

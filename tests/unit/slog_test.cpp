@@ -2,9 +2,8 @@
 #include "slog.h"
 
 #include <poll.h>
-#include <pty.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
+#include <termios.h>
 
 #include <csignal>
 #include <fstream>
@@ -14,6 +13,7 @@
 
 #include "platform/host/slog/HostLog.h"
 #include "platform/host/slog/LineBudget.h"
+#include "tests/system/Ends.h"
 #include "tests/unit/iam_support.h"
 
 namespace {
@@ -54,68 +54,55 @@ void ExpectErrorOutput(const char* name, const char* value, const Operation& ope
     unsetenv(name);
 }
 
-int Socket(int* ends)
-{
-    return socketpair(AF_UNIX, SOCK_STREAM, 0, ends);
-}
-
-int Terminal(int* ends)
-{
-    return openpty(&ends[0], &ends[1], nullptr, nullptr, nullptr);
-}
-
 // In the place of standard error as long as it lives: lines come out at its other end.
-class Road {
-public:
-    explicit Road(int (*make)(int*))
+template <typename Ends>
+struct Road {
+    Road()
     {
         StartCountingAnew();
-        int ends[2];
-        EXPECT_EQ(make(ends), 0);
-        fcntl(ends[0], F_SETFL, O_NONBLOCK);
-        dup2(ends[1], STDERR_FILENO);
-        close(ends[1]);
-        out = ends[0];
+        fcntl(ends.reading, F_SETFL, O_NONBLOCK);
+        dup2(ends.writing, STDERR_FILENO);
     }
     ~Road()
     {
-        close(out);
-        dup2(before_, STDERR_FILENO);
-        close(before_);
+        dup2(before, STDERR_FILENO);
+        close(before);
     }
 
-    int out = -1;
-
-private:
-    const int before_ = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    Ends ends;
+    const int before = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
 };
+
+// Says what has become of SIGPIPE, which waits meanwhile or does not.
+template <typename Ends>
+void LogIntoNothing(bool waiting)
+{
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    pthread_kill(pthread_self(), waiting ? SIGPIPE : 0);
+    {
+        Road<Ends> road;
+        close(std::exchange(road.ends.reading, -1));
+        DlogInner(54, 3, "into nothing");
+    }
+    DlogInner(54, 3, "into a whole one");
+    pthread_sigmask(SIG_BLOCK, nullptr, &signals);
+    std::cerr << sigismember(&signals, SIGPIPE);
+    sigpending(&signals);
+    std::cerr << sigismember(&signals, SIGPIPE);
+}
 
 // Neither a SIGPIPE that waits is taken away by that of a line, nor one left behind.
 TEST(SlogHost, TakesAwayNoSigpipeLeavesNoneBehindAndStaysSilentAfterABrokenPipe)
 {
-    const auto log = [](int (*make)(int*), bool waiting) {
-        sigset_t signals;
-        sigemptyset(&signals);
-        sigaddset(&signals, SIGPIPE);
-        pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-        pthread_kill(pthread_self(), waiting ? SIGPIPE : 0);
-        {
-            Road road(make);
-            close(std::exchange(road.out, -1));
-            DlogInner(54, 3, "into nothing");
-        }
-        DlogInner(54, 3, "into a whole one");
-        pthread_sigmask(SIG_BLOCK, nullptr, &signals);
-        std::cerr << sigismember(&signals, SIGPIPE);
-        sigpending(&signals);
-        std::cerr << sigismember(&signals, SIGPIPE);
-    };
-    int (*const roads[])(int*) = {pipe, Socket};
-    for (const auto road : roads) {
-        for (const bool waiting : {false, true}) {
-            const auto operation = [&] { log(road, waiting); };
-            ExpectErrorOutput("SLOG_LEVELS", nullptr, operation, waiting ? "^11$" : "^10$");
-        }
+    for (const bool waiting : {false, true}) {
+        const std::string state = waiting ? "^11$" : "^10$";
+        const auto logIntoPipe = [&] { LogIntoNothing<system_test::Pipe>(waiting); };
+        const auto logIntoSocket = [&] { LogIntoNothing<system_test::Socket>(waiting); };
+        ExpectErrorOutput("SLOG_LEVELS", nullptr, logIntoPipe, state);
+        ExpectErrorOutput("SLOG_LEVELS", nullptr, logIntoSocket, state);
     }
 }
 
@@ -225,7 +212,7 @@ TEST(SlogHost, NeedsNoReaderForAFifoOfEventLines)
 
 // Logs to standard error, which takes no more, and then lets it go on: no line waits, and every gap in what comes out
 // of the road is stated.
-void ExpectNoWaitAndEveryGapStated(const Road& road, const Operation& letGo)
+void ExpectNoWaitAndEveryGapStated(int out, const Operation& letGo)
 {
     const int flags = fcntl(STDERR_FILENO, F_GETFL);
     int next = 0;
@@ -236,10 +223,10 @@ void ExpectNoWaitAndEveryGapStated(const Road& road, const Operation& letGo)
     std::string text;
     while (next < 2000 && text.find("left out") == std::string::npos) {
         DlogInner(54, 3, "%0700d", next++);
-        pollfd something{road.out, POLLIN, 0};
+        pollfd something{out, POLLIN, 0};
         poll(&something, 1, 10);
         char buffer[8192];
-        for (ssize_t size; (size = read(road.out, buffer, sizeof(buffer))) > 0;) {
+        for (ssize_t size; (size = read(out, buffer, sizeof(buffer))) > 0;) {
             text.append(buffer, size);
         }
     }
@@ -258,14 +245,14 @@ void ExpectNoWaitAndEveryGapStated(const Road& road, const Operation& letGo)
 
 TEST(SlogHost, NeverWaitsAndCountsTheLinesThatItLeavesOut)
 {
-    ExpectNoWaitAndEveryGapStated(Road(Socket), [] {});
-    ExpectNoWaitAndEveryGapStated(Road(pipe), [] {});
+    ExpectNoWaitAndEveryGapStated(Road<system_test::Socket>().ends.reading, [] {});
+    ExpectNoWaitAndEveryGapStated(Road<system_test::Pipe>().ends.reading, [] {});
     // A terminal, with and without a descriptor left to open it once more.
     for (const rlim_t descriptors : {256, STDERR_FILENO + 1}) {
-        const Road terminal(Terminal);
+        const Road<system_test::Terminal> terminal;
         tcflow(STDERR_FILENO, TCOOFF);  // as Ctrl-S does
         const Limit few(RLIMIT_NOFILE, descriptors);
-        ExpectNoWaitAndEveryGapStated(terminal, [] { tcflow(STDERR_FILENO, TCOON); });
+        ExpectNoWaitAndEveryGapStated(terminal.ends.reading, [] { tcflow(STDERR_FILENO, TCOON); });
     }
     EXPECT_LT(fcntl(200, F_GETFD), 0) << "descriptors were left open";
 }
