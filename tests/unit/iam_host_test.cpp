@@ -7,7 +7,6 @@
 #include <ctime>
 #include <deque>
 #include <fstream>
-#include <regex>
 
 #include "fte.h"
 #include "platform/host/common/Descriptor.h"
@@ -184,9 +183,12 @@ TEST(Role, DISABLED_Serves)
 
 TEST_F(IamHostTest, ALiveSocketAndAForeignFileAreNotReplacedAndTheLossOfTheSocketIsSaidOnce)
 {
-    const std::regex loss("[^\n]*its socket " + SocketPath() + " is gone[^\n]*\n");
     const std::string errors = ErrorsOf("LosesItsDirectoryAndLaterItsSocket");
-    EXPECT_EQ(2, std::distance(std::sregex_iterator(errors.begin(), errors.end(), loss), {})) << errors;
+    const std::string loss = "its socket " + SocketPath() + " is gone";
+    const size_t first = errors.find(loss);
+    const size_t last = errors.rfind(loss);
+    EXPECT_LT(first, last) << errors;
+    EXPECT_EQ(last, errors.find(loss, first + 1)) << errors;
     EXPECT_TRUE(fs::is_regular_file(SocketPath()));
     EXPECT_EQ(-EEXIST, Publisher().Serve());
     EXPECT_TRUE(fs::remove(SocketPath()));
@@ -542,7 +544,7 @@ TEST_F(IamHostTest, NothingIsDeliveredOnceTheExitHandlersHaveBegun)
 // ---------------------------------------------------------------------------------------------------------------------
 // Observers
 
-TEST_F(IamHostTest, ThereAreSixteenObserversAtMost)
+TEST_F(IamHostTest, ThereAreSixteenObserversAtMostAndEachIsWoken)
 {
     Publisher publisher(4);
     const Reader reader;
@@ -553,9 +555,19 @@ TEST_F(IamHostTest, ThereAreSixteenObserversAtMost)
     observers.pop_front();
     EXPECT_TRUE(Eventually([&] { return another.Open(); }));
     setenv("IAM_OBSERVE", "0", 1);
-    ASSERT_EQ(0, publisher.Publish("to all"));
-    EXPECT_EQ("to all", reader.Read());
-    EXPECT_EQ("to all", another.Read());
+    // One at a time, so that the observer falls asleep between.
+    std::atomic<int> observed{0};
+    std::thread observing([&] {
+        for (; observed < 50; ++observed) {
+            EXPECT_EQ("to all", another.Read());
+        }
+    });
+    for (int i = 0; i < 50; ++i) {
+        EXPECT_EQ(0, publisher.Publish("to all"));
+        EXPECT_EQ("to all", reader.Read());
+        EXPECT_TRUE(Eventually([&] { return observed > i; }));
+    }
+    observing.join();
     for (const Reader& observer : observers) {
         EXPECT_EQ("to all", observer.Read());
     }
