@@ -6,97 +6,107 @@ import contextlib
 import ctypes
 import signal
 
-from processes import ORDINARY
+from processes import OK, ORDINARY, Observer, Publisher, Reader
 
+RECONNECTING_STOP_BOUND = 300_000_000
 libc = ctypes.CDLL(None, use_errno=True)
 
 
+def connect(soak, subscriber):
+    """It connects at whatever happens next."""
+    soak.tell(subscriber, "stop")
+    subscriber.send("start")
+    soak.pause(0.002)
+
+
 def publisher_killed_or_restarted(soak, publisher, subscriber):
-    how = soak.random.choice(["kill", "quit"])
-    if soak.chance(0.5):
-        return soak.restart(publisher.resource, how)
-    soak.stop(subscriber)
-    subscriber.send("start")  # and connects just now
-    soak.a_moment()
-    soak.restart(publisher.resource, how)
-    soak.finish_start(subscriber)
+    connecting = soak.random.choice([True, False])
+    if connecting:
+        connect(soak, subscriber)
+    publisher.end(soak.random.choice(["kill", "quit"]))
+    soak.pause()
+    soak.serve(publisher.resource).ask("go")
+    if connecting:
+        soak.finish(subscriber, "start")
 
 
 def subscriber_killed(soak, _, subscriber):
-    if soak.chance(0.5):
-        soak.stop(subscriber)
-        subscriber.send("start")  # and dies while it connects
-        soak.a_moment()
-    soak.start(soak.replace(subscriber, "kill"))
+    if soak.random.choice([True, False]):
+        connect(soak, subscriber)
+    subscriber.end("kill")
+    soak.tell(type(subscriber)(soak), "start")
 
 
 def subscriber_leaves_and_returns(soak, _, subscriber):
-    soak.stop(subscriber)
-    soak.pause_between()
-    soak.start(subscriber)
+    soak.tell(subscriber, "stop")
+    soak.pause()
+    soak.tell(subscriber, "start")
 
 
 def storm_of_sigpipe_at_read_threads(soak, _, subscriber):
-    threads, leaving = list(subscriber.read_threads()), soak.chance(0.3)
+    threads = [int(task.name) for task in (subscriber.proc / "task").iterdir()
+               if (task / "comm").read_text().startswith("Rd_")]
+    leaving = soak.random.random() < 0.3
     if leaving:
         subscriber.send("stop")
     for thread in threads * soak.random.randint(20, 300):
         libc.tgkill(subscriber.pid, thread, signal.SIGPIPE)  # the thread may be gone by now
     if leaving:
-        soak.finish_stop(subscriber)
-        soak.start(subscriber)
+        soak.finish(subscriber, "stop")
+        soak.tell(subscriber, "start")
 
 
 @contextlib.contextmanager
 def one_reader(soak):
     """It, and one of those that are stopped meanwhile: none may reconnect just now and take the stream."""
-    reader, *others = soak.random.sample(soak.readers(), len(soak.readers()))
+    reader, *others = soak.random.sample(soak.alive(Reader), len(soak.alive(Reader)))
     for other in others:
-        soak.stop(other)
+        soak.tell(other, "stop")
     soak.start_again(reader)
     yield reader, others[0]
     for other in others:
         if not other.started:
-            soak.start(other)
+            soak.tell(other, "start")
 
 
 def superseded_reader_that_stalls(soak, *_):
     """It is cut off when it holds the blocks of an empty pool, and must not take the stream from the newest reader."""
     with one_reader(soak) as (older, newer):
-        older.stall(asleep=soak.chance(0.5))
-        for publisher in soak.publishers:
-            soak.until_pool_is_empty(publisher)
+        older.stop_reading()
+        soak.until_pools_are_empty()
         soak.start_again(newer)
-        for publisher in soak.publishers:
+        for publisher in soak.alive(Publisher):
             soak.until_stream_goes_on(publisher, newer)
-        older.go_on()
-        for publisher in soak.publishers:
+        older.read_on()
+        for publisher in soak.alive(Publisher):
             soak.until_stream_goes_on(publisher, newer)
 
 
 def observer_beside_a_reader(soak, publisher, _):
     """It reads, then it does not for a while, and is told how many records that has cost it."""
-    observer = soak.random.choice(soak.observers())
+    observer = soak.random.choice(soak.alive(Observer))
     with one_reader(soak) as (reader, _):
         publisher.ask("pause")
-        before = sum(publisher.board.accepted)
         soak.start_again(observer)
+        before = publisher.count(OK)
         publisher.ask("go")
         soak.until_stream_goes_on(publisher, reader)
-        observer.stall(asleep=soak.chance(0.5))
+        observer.stop_reading()
         soak.until_stream_goes_on(publisher, reader)
-        observer.go_on()
+        observer.read_on()
         publisher.ask("pause")
-        soak.until_observer_knows(observer, publisher, sum(publisher.board.accepted) - before)
+        soak.until_observer_knows(observer, publisher, publisher.count(OK) - before)
         publisher.ask("go")
 
 
 def stop_during_a_reconnection(soak, _, subscriber):
-    soak.retire(soak.publishers[ORDINARY], "kill")
-    soak.pause_between()
-    soak.stop(subscriber, reconnecting=True)
+    [ordinary] = [publisher for publisher in soak.alive(Publisher) if publisher.resource == ORDINARY]
+    ordinary.end("kill")
+    soak.pause()
+    subscriber.send("stop")
+    soak.finish(subscriber, "stop", "stop while reconnecting", RECONNECTING_STOP_BOUND)
     soak.serve(ORDINARY).ask("go")
-    soak.start(subscriber)
+    soak.tell(subscriber, "start")
 
 
 FAULTS = [publisher_killed_or_restarted, subscriber_killed, subscriber_leaves_and_returns,

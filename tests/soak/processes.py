@@ -1,8 +1,8 @@
-"""The processes of the soak as its runner sees them: what they answer, what stands on their boards, what they hold."""
-import bisect
-import ctypes
+"""The processes of the soak as its runner sees them: what they answer, what their journals say, what they hold."""
+import collections
+import errno
+import fcntl
 import json
-import mmap
 import os
 import pathlib
 import signal
@@ -11,65 +11,56 @@ import time
 
 NEVER = 1 << 63
 HANGS = 60  # seconds
-RESOURCES = ORDINARY, PROCESS_MANAGER, _ = range(3)
-
-# The boards, laid out as in Board.h.
-Word, TIMES_KEPT = ctypes.c_uint64, 1 << 18
-Lanes, TIMES = Word * 2, Word * TIMES_KEPT * 2
+RESOURCES = ORDINARY, PROCESS_MANAGER, _ = "x:/res/soak", "dp:/res/pm/fm", "dp:/res/iam/sec_event"
+OK, NO_BLOCK = 0, 0xF10209
 
 
-class Gone(Exception):
-    """A process has ended by itself or hangs: the run cannot go on."""
+def file_in_memory():
+    file = os.memfd_create("soak")
+    fcntl.fcntl(file, fcntl.F_SETFL, os.O_APPEND)  # threads write side by side
+    return open(file, "rb", buffering=0)
 
 
-def hangs(*_):
-    raise Gone("a process neither answers nor ends in time")
-
-
-class PublisherBoard(ctypes.Structure):
-    _fields_ = [("poolBlocks", Word), ("accepted", Lanes), ("calls", Word), ("slowCalls", Word), ("slowest", Lanes),
-                ("noBlock", Word), ("otherCode", Word), ("begun", TIMES), ("returned", TIMES)]
-
-
-class Connection(ctypes.Structure):
-    _fields_ = [("resource", Word), ("begun", Word), ("ended", Word), ("openError", Word), ("reopened", Word),
-                ("run", Word), ("first", Lanes), ("next", Lanes), ("missed", Word), ("disorder", Word),
-                ("failures", Word), ("error", Word), ("failed", Word)]
-
-
-class SubscriberBoard(ctypes.Structure):
-    _fields_ = [("opens", Word), ("losses", Word), ("altered", Word), ("connections", Connection * (1 << 17))]
+def content(file, start=0):
+    return os.pread(file.fileno(), os.fstat(file.fileno()).st_size - start, start)
 
 
 class Child:
-    """A process of the soak, its board and its log. Answers come in the order of the commands."""
+    """A process of the soak. It writes a journal, in which its answers come in the order of the commands, and a log."""
+    environment = {}
 
     def __init__(self, soak, *arguments):
-        soak.processes += 1
-        self.soak, self.log = soak, soak.work / f"{soak.processes}.log"
-        self.name = f"{self.kind} {soak.processes}"
-        board, size = os.memfd_create("board"), ctypes.sizeof(self.layout)
-        os.truncate(board, size)
-        self.board = self.layout.from_buffer(mmap.mmap(board, size))
-        command = [soak.programs / f"soak_{self.kind}", board, *arguments, soak.sabotage]
-        with open(self.log, "ab") as log:
-            self.process = subprocess.Popen(map(str, command), stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-                                            stderr=log, text=True, env=soak.environment, pass_fds=[board])
-        os.close(board)
+        self.soak, self.name = soak, f"{type(self).__name__} {len(soak.children) + 1}"
+        self.journal, self.log, self.known = file_in_memory(), file_in_memory(), 0
+        command = [soak.options.programs.resolve() / f"soak_{self.program}", soak.sabotage, *arguments]
+        self.process = subprocess.Popen(map(str, command), stdin=subprocess.PIPE, stdout=self.journal, stderr=self.log,
+                                        text=True, bufsize=1, env=soak.environment | self.environment)
         self.pid, self.ending, self.died = self.process.pid, NEVER, NEVER
-        self.proc = pathlib.Path(f"/proc/{self.pid}")
+        self.proc, self.answers = pathlib.Path(f"/proc/{self.pid}"), collections.deque()
         soak.children.append(self)
 
+    def look(self):
+        """Takes in what the journal has got since the last look. A line that a kill has cut off does not count."""
+        news = content(self.journal, self.known)
+        lines = news[:news.rfind(b"\n") + 1]
+        self.known += len(lines)
+        for what, *values in map(json.loads, lines.decode().splitlines()):
+            getattr(self, f"note_{what}")(*values)
+        return self
+
+    def note_answer(self, answer):
+        self.answers.append(answer)
+
     def answer(self):
-        line = self.process.stdout.readline()
-        if not line:
-            raise Gone(f"{self.name} has ended by itself, with code {self.process.wait()}")
-        return json.loads(line)
+        deadline = time.monotonic() + HANGS
+        while not self.look().answers:
+            if self.process.poll() is not None or time.monotonic() > deadline:
+                raise ChildProcessError(f"{self.name} has ended by itself or hangs: code {self.process.returncode}")
+            time.sleep(0.001)
+        return self.answers.popleft()
 
     def send(self, command):
-        signal.alarm(HANGS)
         self.process.stdin.write(f"{command}\n")
-        self.process.stdin.flush()
 
     def ask(self, command):
         self.send(command)
@@ -79,13 +70,12 @@ class Child:
         """SIGKILL, or in order with "quit"."""
         self.ending = time.monotonic_ns()
         self.send("quit") if how == "quit" else self.process.kill()
-        code = self.process.wait()
+        code = self.process.wait(HANGS)
         self.soak.check(code == (0 if how == "quit" else -signal.SIGKILL), f"{self.name} ended with code {code}")
         self.died = time.monotonic_ns()
 
-    def stopped(self):
-        return all((task / "stat").read_text().rsplit(")", 1)[1].split()[0] == "T"
-                   for task in (self.proc / "task").iterdir())
+    def log_lines(self):
+        return content(self.log).decode(errors="replace").splitlines()
 
     def held(self):
         """What the process holds. Anonymous memory by its size: neighbouring pieces may or may not be one mapping."""
@@ -99,61 +89,85 @@ class Child:
 
 
 class Publisher(Child):
-    kind, layout = "publisher", PublisherBoard
+    program = "publisher"
 
-    def __init__(self, soak, number):
-        self.run, self.resource, self.begun = soak.processes + 1, number, time.monotonic_ns()
-        super().__init__(soak, number, self.run)
-        self.seen = [0] * len(self.board.accepted)  # in earlier rounds
+    def __init__(self, soak, resource):
+        self.resource, self.begun = resource, time.monotonic_ns()
+        first = 2 * len(soak.children)
+        self.accepted = {first: [], first + 1: []}  # of each stream, when each call began and returned
+        self.times, self.results = [], collections.Counter()  # of all calls
+        super().__init__(soak, resource, first)
 
-    def accepted(self, lane, after=0, before=NEVER, begun_too=False):
-        """The records of this round accepted by calls that returned between two times, or that also began there."""
-        numbers = range(self.seen[lane], self.board.accepted[lane])
-        self.soak.check(len(numbers) < TIMES_KEPT, "too many records in one round for the runner to follow")
-        begun, returned = (lambda number, times=times[lane]: times[number % TIMES_KEPT]
-                           for times in (self.board.begun, self.board.returned))
-        first = bisect.bisect_right(numbers, after, key=begun if begun_too else returned)
-        return numbers[first:bisect.bisect_left(numbers, before, key=returned)]
+    def note_publish(self, stream, begun, returned, result):
+        self.times.append(returned - begun)
+        self.results[result] += 1
+        if result == OK:
+            self.accepted[stream].append((begun, returned))
+
+    def count(self, result):
+        """How many calls have had it."""
+        return self.look().results[result]
+
+
+class Connection:
+    """An attempt to open a resource, and what came over the connection."""
+
+    def __init__(self, owner, resource, begun, reopened):
+        self.owner, self.observes = owner, isinstance(owner, Observer)
+        self.resource, self.begun, self.reopened = resource, begun, reopened  # by the thread that lost the one before
+        self.name = f"{owner.name}, open of {resource} at {begun}"
+        self.ended, self.open_error = None, errno.EINPROGRESS
+        self.came = collections.defaultdict(list)  # of each stream the numbers
+        self.errors, self.failed = [], 0  # of reads, and when the last one failed
 
 
 class Subscriber(Child):
-    kind, layout = "subscriber", SubscriberBoard
+    program = "subscriber"
 
-    def __init__(self, soak, observes):
-        self.observes, self.started = observes, False
-        self.seen = self.losses = self.managers_ended = 0  # in earlier rounds
-        self.stalls = []  # of this round, from and to
-        super().__init__(soak, "observe" if observes else "read")
+    def __init__(self, soak):
+        self.started, self.connections = False, []  # those that have not been settled
+        self.opening, self.files, self.newest = {}, {}, {}  # by thread, by number, by resource
+        self.losses = self.managers_ended = 0
+        self.stalls = []  # from and to
+        super().__init__(soak, ORDINARY, PROCESS_MANAGER)
 
-    def connections(self):
-        """Those of this round as they are now."""
-        for number in range(self.seen, self.board.opens):
-            connection = Connection.from_buffer_copy(self.board.connections[number])
-            connection.owner, connection.number = self, number
-            yield connection
+    def note_open(self, thread, resource, begun):
+        self.opening[thread] = Connection(self, resource, begun, reopened=thread != self.pid)
+        self.connections.append(self.opening[thread])
 
-    def newest(self, resource_number):
-        """The newest connection to the resource that it has made in this round."""
-        return [c for c in self.connections() if c.resource == resource_number and c.ended and not c.openError][-1]
+    def note_opened(self, thread, file, error, ended):
+        connection = self.opening.pop(thread)
+        connection.open_error, connection.ended = error, ended
+        if not error:
+            self.files[file] = self.newest[connection.resource] = connection
 
-    def received(self, resource_number):
-        connection = self.newest(resource_number)
-        return sum(connection.next) - sum(connection.first) - connection.missed
+    def note_came(self, file, stream, number):
+        self.files[file].came[stream].append(number)
 
-    def read_threads(self):
-        return [int(task.name) for task in (self.proc / "task").iterdir()
-                if (task / "comm").read_text().startswith("Rd_")]
+    def note_loss(self, losses):
+        self.losses += losses
 
-    def stall(self, asleep):
-        """Until it goes on, it reads nothing: the whole process is stopped, or its callbacks do not return."""
+    def note_failed(self, file, error, when):
+        self.files[file].errors.append(error)
+        self.files[file].failed = when
+
+    def received(self, resource):
+        """How many records have come over the newest connection."""
+        return sum(map(len, self.look().newest[resource].came.values()))
+
+    def stop_reading(self):
         self.stalls.append([time.monotonic_ns(), NEVER])
-        if asleep:
-            self.process.send_signal(signal.SIGSTOP)
-            self.soak.wait_until(self.stopped, f"{self.name} is not stopped")
-        else:
-            self.ask("hold")
+        self.process.send_signal(signal.SIGSTOP)
+        os.waitid(os.P_PID, self.pid, os.WSTOPPED | os.WEXITED | os.WNOWAIT)
 
-    def go_on(self):
-        self.process.send_signal(signal.SIGCONT)
-        self.ask("release")
+    def read_on(self):
         self.stalls[-1][1] = time.monotonic_ns()
+        self.process.send_signal(signal.SIGCONT)
+
+
+class Reader(Subscriber):
+    pass
+
+
+class Observer(Subscriber):
+    environment = {"IAM_OBSERVE": "1"}
