@@ -1,17 +1,14 @@
 // Plays many machines against one real broker: outboxes to which events are added at a steady rate, each with a sender
-// of its own, and connections that are lost at random moments. A collector sees to it that nothing is lost or out of
-// order. Prints the figures; fails when something is amiss.
+// of its own, and connections that are lost at random moments. Prints what a collector receives, and when; fails when
+// something is lost or out of order.
 // Usage: fleet OUTBOXES EVENTS_PER_SECOND SECONDS RECONNECTIONS
 #include <mosquitto.h>
 #include <sys/resource.h>
-#include <sys/times.h>
 
 #include <algorithm>
-#include <atomic>
 #include <fstream>
 #include <iostream>
 #include <map>
-#include <mutex>
 #include <random>
 #include <thread>
 
@@ -21,7 +18,7 @@
 namespace system_test {
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using Clock = std::chrono::system_clock;  // which the collector stamps with
 using tools::forward::BrokerOptions;
 using tools::forward::Outbox;
 using tools::forward::Sender;
@@ -36,74 +33,69 @@ struct Machine {
     Sender sender;
 };
 
-// Subscribed to all events, on a thread of the MQTT library.
-class Collector {
-public:
-    explicit Collector(int port) : client_(mosquitto_new("collector", true, this))
-    {
-        mosquitto_connect_callback_set(client_, [](mosquitto* client, void*, int) {
-            mosquitto_subscribe(client, nullptr, "report_event/+/+/+", 1);
-        });
-        mosquitto_subscribe_callback_set(client_, [](mosquitto*, void* collector, int, int, const int*) {
-            static_cast<Collector*>(collector)->isReady_ = true;
-        });
-        mosquitto_message_callback_set(client_, [](mosquitto*, void* collector, const mosquitto_message* message) {
-            static_cast<Collector*>(collector)->Take(
-                {static_cast<const char*>(message->payload), static_cast<size_t>(message->payloadlen)});
-        });
-        mosquitto_connect(client_, "127.0.0.1", port, 60);
-        mosquitto_loop_start(client_);
-        Await([this] { return isReady_.load(); });
-    }
-    ~Collector()
-    {
-        mosquitto_disconnect(client_);
-        mosquitto_loop_stop(client_, false);
-        mosquitto_destroy(client_);
-    }
-    Collector(const Collector&) = delete;
+struct Plan {
+    size_t outboxes;
+    size_t rate;
+    size_t seconds;
+    size_t reconnections;
 
-    bool HasAll(uint64_t count)
+    size_t Total() const
     {
-        return Await([&] { return received_ >= count; });
+        return outboxes * rate * seconds;
     }
-    // Of a collector that gets no more.
-    uint64_t repeats_ = 0;
-    uint64_t gaps_ = 0;
-    std::vector<double> milliseconds_;
-    std::atomic<uint64_t> received_{0};
-
-private:
-    void Take(std::string_view payload)
-    {
-        const Json event = Json::parse(payload);
-        const int64_t sequence = event["seq"];
-        int64_t& last = last_[event["outbox"]];
-        if (sequence <= last) {
-            ++repeats_;
-            return;
-        }
-        gaps_ += sequence == last + 1 ? 0 : 1;
-        last = sequence;
-        const Clock::duration age = Clock::now().time_since_epoch() - Clock::duration(event["sent"].get<int64_t>());
-        milliseconds_.push_back(std::chrono::duration<double, std::milli>(age).count());
-        ++received_;
-    }
-
-    mosquitto* const client_;
-    std::atomic<bool> isReady_{false};
-    std::map<std::string, int64_t> last_;
 };
 
 // The broker ends the connection of a client when another one comes with its identifier.
-void Interrupt(const Machine& machine, int port)
+void Interrupt(const Machine& machine, const Broker& broker)
 {
-    mosquitto* const other = mosquitto_new(("report-event-" + machine.outbox.Identifier()).c_str(), true, nullptr);
-    if (mosquitto_connect(other, "127.0.0.1", port, 60) == MOSQ_ERR_SUCCESS) {
-        mosquitto_loop(other, 100, 1);
-        mosquitto_disconnect(other);
+    const std::string client = "report-event-" + machine.outbox.Identifier();
+    Start("mosquitto_pub", "-p " + std::to_string(broker.Port()) + " -t interrupted -n -i " + client)->Wait();
+}
+
+// Adds the events of all machines, spread over time, with interruptions in between.
+void Play(const Plan& plan, const std::vector<std::unique_ptr<Machine>>& machines, const Broker& broker)
+{
+    std::minstd_rand random(std::random_device{}());
+    const auto start = Clock::now();
+    size_t interruptions = plan.reconnections;
+    for (size_t next = 0; next < plan.Total(); ++next) {
+        std::this_thread::sleep_until(start + next * std::chrono::seconds(plan.seconds) / plan.Total());
+        const std::string sent = std::to_string(Clock::now().time_since_epoch().count());
+        machines[next % machines.size()]->outbox.Append(
+            "simulated/device",
+            "{\"kind\":\"device\",\"sent\":" + sent + ",\"eventName\":\"" + std::string(250, 'n') + "\"}");
+        if (random() % (plan.Total() - next) < interruptions) {
+            --interruptions;
+            Interrupt(*machines[random() % machines.size()], broker);
+        }
     }
-    mosquitto_destroy(other);
+}
+
+// What the collector has received: lines of the time in seconds and the event.
+struct Received {
+    size_t repeats = 0;
+    size_t gaps = 0;
+    std::vector<double> milliseconds;  // that each event took, in order
+};
+
+Received Evaluate(const Words& lines)
+{
+    Received received;
+    std::map<std::string, int64_t> last;
+    for (const std::string& line : lines) {
+        const Json event = Json::parse(line.substr(line.find('{')));
+        const int64_t sequence = event["seq"];
+        int64_t& lastOfOutbox = last[event["outbox"]];
+        if (sequence <= lastOfOutbox) {
+            ++received.repeats;
+            continue;
+        }
+        received.gaps += sequence == lastOfOutbox + 1 ? 0 : 1;
+        lastOfOutbox = sequence;
+        received.milliseconds.push_back(std::stod(line) * 1e3 - event["sent"].get<double>() / 1e6);
+    }
+    std::sort(received.milliseconds.begin(), received.milliseconds.end());
+    return received;
 }
 
 std::string StatusOf(int process, const std::string& key)
@@ -122,44 +114,6 @@ double ProcessorSeconds(int process)
     return (std::stod(words.at(13)) + std::stod(words.at(14))) / static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
-struct Plan {
-    size_t outboxes;
-    size_t rate;
-    size_t seconds;
-    size_t reconnections;
-};
-
-// Adds the events of all machines, spread over time, with interruptions in between.
-void Play(const Plan& plan, std::vector<std::unique_ptr<Machine>>& machines, int port)
-{
-    std::minstd_rand random(std::random_device{}());
-    const size_t total = plan.outboxes * plan.rate * plan.seconds;
-    std::vector<size_t> moments(plan.reconnections);
-    std::generate(moments.begin(), moments.end(), [&] { return random() % total; });
-    std::sort(moments.begin(), moments.end());
-    std::thread interrupting;
-    const auto start = Clock::now();
-    size_t next = 0;
-    std::atomic<size_t> done{0};
-    interrupting = std::thread([&] {
-        for (const size_t moment : moments) {
-            while (done < moment) {
-                std::this_thread::sleep_for(std::chrono::milliseconds(1));
-            }
-            Interrupt(*machines[random() % machines.size()], port);
-        }
-    });
-    for (; next < total; done = ++next) {
-        std::this_thread::sleep_until(start +
-                                      next * std::chrono::nanoseconds(1000000000) / (plan.outboxes * plan.rate));
-        const std::string sent = std::to_string(Clock::now().time_since_epoch().count());
-        machines[next % machines.size()]->outbox.Append(
-            "simulated/device",
-            "{\"kind\":\"device\",\"sent\":" + sent + ",\"eventName\":\"" + std::string(250, 'n') + "\"}");
-    }
-    interrupting.join();
-}
-
 int Run(const Plan& plan)
 {
     rlimit files{};
@@ -170,33 +124,37 @@ int Run(const Plan& plan)
     const PrivateDirectory directory;
     Broker broker(directory);
     broker.Start();
+    Expect(broker, "report_event/+/+/+");
+    const Running collector = Collect(broker, "report_event/+/+/+", "-F %U%p");
     BrokerOptions options;
     options.host = "127.0.0.1";
     options.port = broker.Port();
-    Collector collector(broker.Port());
     const std::string before = StatusOf(broker.Id(), "VmRSS");
     std::vector<std::unique_ptr<Machine>> machines;
     for (size_t i = 0; i < plan.outboxes; ++i) {
         const std::string host = "machine-" + std::to_string(i);
         machines.push_back(std::make_unique<Machine>(directory / host, options, host));
     }
-    Play(plan, machines, broker.Port());
-    const size_t total = plan.outboxes * plan.rate * plan.seconds;
-    const bool hasAll = collector.HasAll(total);
-    std::vector<double> times = collector.milliseconds_;
-    std::sort(times.begin(), times.end());
-    times.resize(std::max<size_t>(times.size(), 1));
-    std::cout << collector.received_ << " of " << total << " events received, " << collector.gaps_ << " gaps, "
-              << collector.repeats_ << " repeats\n"
-              << "from outbox to collector: p50 " << times[times.size() / 2] << " ms, p99 "
-              << times[times.size() * 99 / 100] << " ms, longest " << times.back() << " ms\n"
-              << "broker: memory " << before << " idle, " << StatusOf(broker.Id(), "VmRSS") << " with " << plan.outboxes
+    Play(plan, machines, broker);
+    Received received;
+    const bool hasAll = Await([&] {
+        received = Evaluate(collector->Output());
+        return received.milliseconds.size() >= plan.Total();
+    });
+    const std::vector<double>& times = received.milliseconds;
+    std::cout << times.size() << " of " << plan.Total() << " events received, " << received.gaps << " gaps, "
+              << received.repeats << " repeats\n";
+    if (hasAll) {
+        std::cout << "from outbox to collector: p50 " << times[times.size() / 2] << " ms, p99 "
+                  << times[times.size() * 99 / 100] << " ms, longest " << times.back() << " ms\n";
+    }
+    std::cout << "broker: memory " << before << " idle, " << StatusOf(broker.Id(), "VmRSS") << " with " << plan.outboxes
               << " connections; " << ProcessorSeconds(broker.Id()) << " s of processor time in " << plan.seconds
               << " s\n";
     for (const auto& machine : machines) {
         machine->sender.Stop();
     }
-    return hasAll && collector.gaps_ == 0 && collector.received_ == total ? 0 : 1;
+    return hasAll && received.gaps == 0 && times.size() == plan.Total() ? 0 : 1;
 }
 
 }  // namespace
