@@ -23,7 +23,7 @@ PUBLISH_RESULTS = {OK, NO_BLOCK, 0xF1020B}  # the reader is leaving
 STOP_BOUND, PUBLISH_BOUND, SLOW_PUBLISH = SECOND, SECOND, SECOND // 20
 SUBSCRIBERS = [Reader, Reader, Reader, Observer, Observer]
 POOL = 1000  # blocks
-PATIENCE, SELF_CHECK_PATIENCE = 20, 2  # seconds for what must come, for what is kept back on purpose
+PATIENCE, DOUBT = 20, 2  # seconds for what must come, and once something is amiss or was put in on purpose
 VIOLATIONS_TOLD = 12
 
 
@@ -32,7 +32,6 @@ class Round:
 
     def __init__(self, options, chosen, figures, sabotage="none"):
         self.options, self.random, self.figures, self.sabotage = options, chosen, figures, sabotage
-        self.patience = PATIENCE if sabotage == "none" else SELF_CHECK_PATIENCE
         self.directory = tempfile.TemporaryDirectory(prefix="soak-")
         # Memory that allocation and threads would keep would count as mappings that did not go away.
         self.environment = os.environ | {"IAM_RUNTIME_DIR": self.directory.name, "SLOG_LEVELS": "2,3,16",
@@ -58,7 +57,7 @@ class Round:
         self.check(nanoseconds <= bound, f"{who}: {what} took {nanoseconds / 1e6:.0f} ms")
 
     def wait_until(self, condition, text):
-        deadline = time.monotonic() + self.patience
+        deadline = time.monotonic() + (DOUBT if self.violations or self.sabotage != "none" else PATIENCE)
         while not condition():
             if time.monotonic() > deadline:
                 return self.violations.append(text() if callable(text) else text)
