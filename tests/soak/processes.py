@@ -44,7 +44,7 @@ class Child:
         news = content(self.journal, self.known)
         lines = news[:news.rfind(b"\n") + 1]
         self.known += len(lines)
-        for what, *values in map(json.loads, lines.decode().splitlines()):
+        for what, *values in json.loads(b"[%b]" % lines.strip().replace(b"\n", b",")):
             getattr(self, f"note_{what}")(*values)
         return self
 
