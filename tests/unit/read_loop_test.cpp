@@ -9,7 +9,6 @@
 namespace recording {
 
 const std::string MANAGER = "process-manager";
-const std::string CAUGHT = "log 16 server catch signal=13";
 
 static std::string Report(const std::string& name)
 {
@@ -72,16 +71,12 @@ TEST_F(ReadLoop, EveryFailureIsClassedByItsErrno)
             SCOPED_TRACE(Text(file.name, " errno ", error));
             const std::string expected = AfterFailure(file, error);
             const bool readsOn = expected.find(file.Told("next")) != std::string::npos;
-            Fail(file.name, error, nullptr, -7);
+            Next(file.name, Failure(error));
             if (readsOn) {
-                Deliver(file.name, file.Record("next"));
+                Next(file.name, Success(file.Record("next")));
             }
             Start(file);
-            if (readsOn) {
-                AwaitBlocked(file.name);
-            } else {
-                AwaitThreads();
-            }
+            Await(readsOn ? file.Told("next") : "end");
             EXPECT_EQ(Opened(file.name) + " | " + expected, Journal("open close sleep log fte deliver"));
             Stop(file);
             Journal();
@@ -92,87 +87,57 @@ TEST_F(ReadLoop, EveryFailureIsClassedByItsErrno)
 TEST_F(ReadLoop, AReconnectionWithoutAnEntryMakesOne)
 {
     server_->secEvtRunning_ = true;
-    int fd = TakeNumber(SEC);
+    int fd = Open(SEC);
     EXPECT_TRUE(server_->TryReconnectServer(fd, SEC, SECURITY_EVENT));
     EXPECT_EQ(fd, server_->secEvtSrcMap_.at(SEC).fd);
     EXPECT_EQ("close(1000) | open(" + SEC + ", 0) = 1000", Journal("open close"));
     Stop(SECURITY_FILE);
 }
 
-TEST_F(ReadLoop, TheFlagEndsTheThreadWithoutAWord)
-{
-    const auto scenario = [&](const File& file, const std::string& journal) {
-        Start(file);
-        AwaitThreads();
-        EXPECT_EQ(Opened(file.name) + journal, Journal("log fte deliver open close read"));
-        server_->faultEvtRunning_ = server_->secEvtRunning_ = true;
-        server_->StopSubscribeEvent({file.name}, FAULT_EVENT);
-        server_->StopSubscribeEvent({file.name}, SECURITY_EVENT);
-        Journal();
-    };
-    const Hook clear = [&] {
-        server_->faultEvtRunning_ = server_->secEvtRunning_ = false;
-        errno = EPIPE;
-    };
-    for (const File& file : {File{PM}, SECURITY_FILE}) {
-        Next("prctl", clear);  // before the thread has read anything
-        scenario(file, "");
-        Fail(file.name, 0, clear);  // during a read that fails: no report, no reconnection
-        scenario(file, " | read(1000) = -1");
-        Deliver(file.name, file.Record("last"), clear);  // during one that succeeds: its record is delivered
-        scenario(file, " | read(1000) = 362 | " + file.Told("last"));
-    }
-}
-
 TEST_F(ReadLoop, TheBufferIsZeroBeforeEveryRecordAlsoAfterOneThatFailed)
 {
-    const std::string zeroed = " | memset_s(3960, 0, 3960)";
+    const std::string zeroed = " | memset_s(3960, 0, 3960) | read(1000)";
     const std::string failed = " | log 3 fault deserialize/callback failed, data read from " + SEC;
     for (const Bytes& record : {Raw(0x11, "good"), Bytes(3960, 0xFF), Bytes()}) {
-        Deliver(SEC, record);
+        Next(SEC, Success(record));
     }
     char name[16] = {};
     server_->idsEventReportCb = [&](const dsmi_event&) { prctl(PR_GET_NAME, name); };
     Start(SECURITY_FILE);
-    AwaitBlocked(SEC);
+    Await("read(", 4);
     EXPECT_STREQ("Rd_dp:/res/iam/", name);
-    EXPECT_EQ(Opened(SEC) + " | name Rd_" + SEC + zeroed + " | read(1000) = 362 | prctl 16" + zeroed +
-                  " | read(1000) = 3960 | log 3 invalid header, header=0xff" + failed + zeroed +
-                  " | read(1000) = 0 | log 3 deserialize data failed, header is null or size error" + failed + zeroed,
+    EXPECT_EQ(Opened(SEC) + " | name Rd_" + SEC + zeroed + " | prctl 16" + zeroed +
+                  " | log 3 invalid header, header=0xff" + failed + zeroed +
+                  " | log 3 deserialize data failed, header is null or size error" + failed + zeroed,
               Journal("open prctl memset_s read log deliver"));
     Stop(SECURITY_FILE);
 }
 
 TEST_F(ReadLoop, AThreadWithoutMemoryForItsBufferEndsWithAMessage)
 {
-    Next("begin", [] { heap.failing = 1; });
+    Next("prctl", {[] { heap.failing = 1; }});
     Start(SECURITY_FILE);
-    AwaitThreads();
+    Await("end");
     EXPECT_EQ(Opened(SEC) + " | log 3 unique point fail, errno=12 " + SEC, Journal("open log memset_s read"));
     Stop(SECURITY_FILE);
 }
 
-// Sent while the thread is blocked in a read, between a failed read and its classing, and in the pauses of a
-// reconnection, which tries for five seconds; the first pause is cut short in the middle and slept to its end.
-TEST_F(ReadLoop, ASigpipeDisturbsNeitherTheStreamNorErrnoNorTheFiveSecondsOfAReconnection)
+// Sent between a failed read and its classing, and in the pauses of a reconnection, which tries for five seconds; the
+// first pause is cut short in the middle and slept to its end.
+TEST_F(ReadLoop, ASigpipeDisturbsNeitherErrnoNorTheFiveSecondsOfAReconnection)
 {
-    EXPECT_EQ(RESULT_OK, server_->RegIDSEventReportHandlerImpl(Teller("security")));
-    AwaitBlocked(SEC);
-    Journal();
-    EXPECT_EQ(0, pthread_kill(blocked.at(SEC), SIGPIPE));
-    Await(CAUGHT);
-    Fail(SEC, EAGAIN, [] { raise(SIGPIPE); });
-    Deliver(SEC, Raw(0x11, "on"));
-    Await("security on");
-    EXPECT_EQ(CAUGHT + " | " + CAUGHT + " | security on", Journal("log deliver close"));
-    SetAbsent(SEC);
     const Hook signal = [] { raise(SIGPIPE); };
-    Next("sleep", signal, EINTR);
-    Always("sleep", signal);
-    Fail(SEC, EBADMSG);
-    AwaitThreads();
-    const std::string open = " | open(" + SEC + ", 0) = -1 | sleep 100000 us | " + CAUGHT;
-    std::string expected = "close(1000)" + open + " | sleep 50000 us | " + CAUGHT;
+    Next(SEC, Failure(EAGAIN, signal));
+    Next(SEC, Failure(EBADMSG));
+    Next("open " + SEC, {});
+    Always("open " + SEC, {nullptr, -1});
+    Next("sleep", {signal, EINTR});
+    Always("sleep", {signal});
+    EXPECT_EQ(RESULT_OK, server_->RegIDSEventReportHandlerImpl(nullptr));
+    Await("end");
+    const std::string caught = " | log 16 server catch signal=13";
+    const std::string open = " | open(" + SEC + ", 0) = -1 | sleep 100000 us" + caught;
+    std::string expected = Opened(SEC) + caught + " | close(1000)" + open + " | sleep 50000 us" + caught;
     for (int i = 1; i <= 50; ++i) {
         expected += open;
     }
@@ -198,7 +163,7 @@ TEST_F(ReadLoop, TheLossOfAProcessManagerIsReportedInThreeHundredBytes)
     server_->ReportPmEvent(PM);
     Results("strncpy_s", {34});
     server_->ReportPmEvent(SEA);
-    Always("check", nullptr, 0);
+    Always("check", {nullptr, 0});
     server_->ReportPmEvent(PM);
     EXPECT_EQ("log 3 FTEReport begin, " + Report(MANAGER) + " | MidFTEReport | " +
                   "log 3 PROCMGR FTEReport err res=0xFFFFFFFE, " + Report(MANAGER) +

@@ -8,30 +8,22 @@
 
 namespace recording {
 
-// A callable for any kind of event that tells when it is copied, called and, its last copy, destroyed.
-struct Callable {
-    Hook copying;
-    Hook calling;
-    std::shared_ptr<void> held;
+// Part of a callback: tells when that is copied.
+struct CopyTeller {
+    Hook tell;
 
-    Callable(Hook onCopy, Hook onCall, Hook onEnd)
-        : copying(std::move(onCopy)), calling(std::move(onCall)), held(nullptr, [onEnd](void*) { onEnd(); })
+    explicit CopyTeller(Hook hook) : tell(std::move(hook))
     {
     }
-    Callable(const Callable& other) : copying(other.copying), calling(other.calling), held(other.held)
+    CopyTeller(const CopyTeller& other) : tell(other.tell)
     {
-        copying();
-    }
-    template <typename... Event>
-    void operator()(const Event&...) const
-    {
-        calling();
+        tell();
     }
 };
 
 class Registration : public LibraryTest {
 protected:
-    int Register(const Names& files, const std::string& who = "device")
+    int Register(const Names& files, const char* who = "device ")
     {
         return server_->FmRegisterMidReportEventImpl(
             files, [](const EventInfo&, const UDSInfoForCpp&) {}, Teller(who));
@@ -69,13 +61,13 @@ TEST_F(Registration, TheFirstOneInstallsTheSigpipeHandlerForTheLifeOfTheProcess)
 TEST_F(Registration, CallbacksAreStoredFirstAndTheFaultLibraryComesLastWhateverTheOutcome)
 {
     server_->reportEventMidCb = nullptr;
-    Next("open", [&] { EXPECT_TRUE(server_->reportEventCb && server_->reportEventMidCb); });
+    Next("open " + PM, {[&] { EXPECT_TRUE(server_->reportEventCb && server_->reportEventMidCb); }});
     EXPECT_EQ(RESULT_OK, Register({PM}));
     EXPECT_EQ(Opened(PM) + " | FTERegisterCallback", Journal("open log fte"));
     Results("fte", {-1, 0x2F});
-    EXPECT_EQ(RESULT_OK, Register({"bad", ONE}, "second")) << "running: only the callbacks are replaced";
-    Deliver(PM, Raw(0x01, "alpha"));
-    AwaitBlocked(PM);
+    EXPECT_EQ(RESULT_OK, Register({"bad", ONE}, "second ")) << "running: only the callbacks are replaced";
+    Next(PM, Success(Raw(0x01, "alpha")));
+    Await("second alpha");
     EXPECT_EQ(RESULT_BAD_NAME, server_->FmUnregisterReportEventImpl({"bad", PM}));
     EXPECT_TRUE(server_->reportEventCb && server_->reportEventMidCb);
     EXPECT_EQ(RESULT_OK, server_->FmUnregisterReportEventImpl({"bad"}));
@@ -96,9 +88,8 @@ TEST_F(Registration, TheSecurityFamilyHasOneFileAndNothingToDoWithTheFaultLibrar
 {
     server_->idsEventReportCb = nullptr;
     EXPECT_EQ(RESULT_OK, server_->UnregIDSEventReportHandlerImpl());
-    SetAbsent(SEC);
-    Next("open", [&] { EXPECT_TRUE(server_->idsEventReportCb); });
-    EXPECT_EQ(RESULT_OPEN_FAILED, server_->RegIDSEventReportHandlerImpl(Teller("ids")));
+    Next("open " + SEC, {[&] { EXPECT_TRUE(server_->idsEventReportCb); }, -1});
+    EXPECT_EQ(RESULT_OPEN_FAILED, server_->RegIDSEventReportHandlerImpl(Teller("ids ")));
     EXPECT_EQ(RESULT_BAD_NAME, server_->UnregIDSEventReportHandlerImpl());
     EXPECT_EQ(
         "open(dp:/res/iam/sec_event, 2) = -1 | "
@@ -107,9 +98,8 @@ TEST_F(Registration, TheSecurityFamilyHasOneFileAndNothingToDoWithTheFaultLibrar
         "log 3 Illegal fileName=dp:/res/iam/sec_event, cannot find resfile in secEvtSrcMap_ | "
         "log 3 stop subscribe security event failed, ret=0xF10206\n",
         Journal("open log fte"));
-    SetAbsent(SEC, false);
-    EXPECT_EQ(RESULT_OK, server_->RegIDSEventReportHandlerImpl(Teller("ids")));
-    Deliver(SEC, Raw(0x11, "login"));
+    EXPECT_EQ(RESULT_OK, server_->RegIDSEventReportHandlerImpl(Teller("ids ")));
+    Next(SEC, Success(Raw(0x11, "login")));
     Await("ids login");
     EXPECT_EQ(RESULT_OK, server_->UnregIDSEventReportHandlerImpl());
     EXPECT_TRUE(server_->idsEventReportCb);
@@ -130,8 +120,8 @@ TEST_F(Registration, NoOperationIsCancelledInTheMiddle)
                                [&] { server_->RegIDSEventReportHandlerImpl(nullptr); },
                                [&] { server_->UnregIDSEventReportHandlerImpl(); },
                                [&] { publisher.RegisterResService(PM); }};
-    for (const char* call : {"open", "close", "fte", "iam"}) {
-        Always(call, [&] { expectState(PTHREAD_CANCEL_DISABLE); });
+    for (const std::string& call : {"open " + PM, std::string("close"), std::string("fte"), std::string("iam")}) {
+        Always(call, {[&] { expectState(PTHREAD_CANCEL_DISABLE); }});
     }
     for (const int before : {PTHREAD_CANCEL_DISABLE, PTHREAD_CANCEL_ENABLE}) {
         pthread_setcancelstate(before, nullptr);
@@ -140,7 +130,7 @@ TEST_F(Registration, NoOperationIsCancelledInTheMiddle)
             expectState(before);
         }
     }
-    Always("iam", nullptr);  // called once more at the publisher's end
+    Always("iam", {});  // called once more at the publisher's end
 }
 
 TEST_F(Registration, FaultsFromTheFaultLibraryTakeTheSameRoad)
@@ -149,75 +139,68 @@ TEST_F(Registration, FaultsFromTheFaultLibraryTakeTheSameRoad)
     const Bytes record = Raw(0x01, "inbound");
     Journal();
     EXPECT_EQ(0, faultCallback(record.data(), 362));
-    Background([&] {
-        pthread_setname_np(pthread_self(), "fifteen_letters");
-        EXPECT_EQ(-1, faultCallback(record.data(), 2));
-        Results("prctl", {-1});
-        EXPECT_EQ(-1, faultCallback(nullptr, 362));
-    }).Join();
+    pthread_setname_np(pthread_self(), "fifteen_letters");
+    EXPECT_EQ(-1, faultCallback(record.data(), 2));
+    Results("prctl", {-1});
+    EXPECT_EQ(-1, faultCallback(nullptr, 362));
     const std::string refused = " | log 3 deserialize data failed, header is null or size error | prctl 16 | ";
     EXPECT_EQ("device inbound" + refused + "log 3 fault reported failed by thread=fifteen_letters" + refused +
                   "log 3 fault reported failed by thread=",
               Journal("log prctl deliver"));
 }
 
-// The replacement waits for a copy that is being made for a delivery, not for the call. The old callable dies with its
-// last delivery, or else with the replacement, outside every lock: a callable and its destructor, which is client code
+// A replacement waits for a copy that is being made for a delivery, not for the call. The old callback dies with its
+// last delivery, or else with the replacement, outside every lock: a callback and its destructor, which is client code
 // too, may receive and register.
 TEST_F(Registration, ACallbackIsReplacedWhileItRuns)
 {
-    const auto use = [&](unsigned char header, const Callable& client) {
-        if (header == 0x11) {
-            server_->RegIDSEventReportHandlerImpl(client);
-        } else if (header == 0x01) {
-            server_->FmRegisterMidReportEventImpl({}, nullptr, client);
-        } else {
-            server_->FmRegisterMidReportEventImpl({}, client, nullptr);
-        }
+    struct Kind {
+        unsigned char header;
+        std::string replaced;  // the locks taken up to the replacement
+        std::string then;      // and after it
     };
-    const Hook nothing = [] {};
-    const Callable silent(nothing, nothing, nothing);
-    const Callable next(
-        nothing, [&] { Record("deliver", "new"); }, nothing);
+    const std::string lock = " | lock 1 | unlock";
+    const auto say = [&](const char* what) {
+        const Offstage offstage;
+        Record("deliver", what);
+    };
     deserialize = [](auto...) { return 0; };
-    for (const unsigned char header : {0x00, 0x01, 0x11}) {
-        SCOPED_TRACE(+header);
-        const unsigned char other = header == 0x11 ? 0x01 : 0x11;
-        const Bytes record = Raw(header, "");
-        std::atomic<bool> isDelivering{false};
-        std::unique_ptr<Background> replacing;
-        int farewells = 0;
-        Gate calling;
-        const Hook copy = [&] {
-            if (isDelivering.exchange(false)) {
-                replacing = std::make_unique<Background>([&] { use(header, next); });
-                Await("lock wait");
+    for (const Kind& kind : {Kind{0x00, lock, lock}, Kind{0x01, lock + lock, ""}, Kind{0x11, lock, ""}}) {
+        const Bytes record = Raw(kind.header, "");
+        const auto deliver = [&] { EXPECT_TRUE(server_->DeSerializeDataAndCallback(record.data(), 362)); };
+        const auto use = [&](const auto& callback) {
+            if (kind.header == 0x11) {
+                server_->RegIDSEventReportHandlerImpl(callback);
+            } else if (kind.header == 0x01) {
+                server_->FmRegisterMidReportEventImpl({}, nullptr, callback);
+            } else {
+                server_->FmRegisterMidReportEventImpl({}, callback, nullptr);
             }
         };
-        const Hook call = [&] {
-            Record("deliver", "old");
-            use(other, silent);
-            calling.Hold();
+        const auto useNew = [&] { use([&](const auto&...) { say("new"); }); };
+        const auto useOld = [&] {
+            const auto end = [&](void*) {
+                say("ends");
+                deliver();
+            };
+            const std::shared_ptr<void> life(nullptr, end);
+            use([&, life, copied = CopyTeller([&] { say("copied"); })](const auto&...) {
+                say("called");
+                useNew();
+                say("returns");
+            });
         };
-        const Hook farewell = [&] {
-            ++farewells;
-            use(other, silent);
-            EXPECT_TRUE(server_->DeSerializeDataAndCallback(record.data(), 362));
-        };
-        use(header, Callable(copy, call, farewell));
+        useOld();
         Journal();
-        isDelivering = true;
-        Background delivery([&] { EXPECT_EQ(0, faultCallback(record.data(), 362)); });
-        calling.AwaitArrival();
-        replacing->Join();
-        EXPECT_EQ(0, farewells);
-        calling.Open();
-        delivery.Join();
-        EXPECT_EQ("old | new", Journal("deliver"));
-        EXPECT_EQ(1, farewells);
-        use(header, Callable(nothing, nothing, farewell));
-        use(header, silent);
-        EXPECT_EQ(2, farewells);
+        deliver();
+        EXPECT_EQ(
+            "lock 1 | copied | unlock | called" + kind.replaced + kind.then + " | returns | ends" + lock + " | new",
+            Journal("lock unlock deliver"));
+        useOld();
+        Journal();
+        say("idle");
+        useNew();
+        EXPECT_EQ("idle" + kind.replaced + " | ends" + lock + " | new" + kind.then, Journal("lock unlock deliver"));
     }
     server_->UnregIDSEventReportHandlerImpl();
 }

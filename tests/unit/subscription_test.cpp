@@ -5,54 +5,9 @@
 
 namespace recording {
 
-const std::string THREE = "c:/res/three";
 const std::string NEXT = " | ";
 
-class Subscription : public LibraryTest {
-protected:
-    // Loses the connection of `name`, whose thread then waits in the first pause of its reconnection.
-    void HoldInPause(const std::string& name, Gate& gate)
-    {
-        SetAbsent(name);
-        Next("sleep", [&] { gate.Hold(); });
-        Fail(name, EPIPE);
-        gate.AwaitArrival();
-    }
-
-    void HoldInCallback(const std::string& name, Gate& gate)
-    {
-        server_->reportEventMidCb = [&, tell = Teller("device")](const dsmi_event& event) {
-            if (event.eventName == std::string("held")) {
-                gate.Hold();
-            }
-            tell(event);
-        };
-        Deliver(name, Raw(0x01, "held"));
-        gate.AwaitArrival();
-    }
-
-    // Runs `stop` on a thread of its own, and `release` once it waits in a join (or has ended without one).
-    void StopMeanwhile(const Hook& stop, const Hook& release)
-    {
-        std::atomic<bool> joinsOrEnded{false};
-        Next("join", [&] { joinsOrEnded = true; });
-        Background stopper([&] {
-            stop();
-            joinsOrEnded = true;
-        });
-        AwaitCondition("a join", [&] { return joinsOrEnded.load(); });
-        release();
-        stopper.Join();
-    }
-
-    void StartAfresh()
-    {
-        SetAbsent(SEC, false);
-        server_->StopSubscribeEvent({}, SECURITY_EVENT);
-        server_->StartSubscribeEvent({SEC}, SECURITY_EVENT);
-        Journal();
-    }
-};
+class Subscription : public LibraryTest {};
 
 TEST_F(Subscription, AStartOpensWhatTheNamesAllowInOrderAndReportsTheRest)
 {
@@ -66,8 +21,6 @@ TEST_F(Subscription, AStartOpensWhatTheNamesAllowInOrderAndReportsTheRest)
     const auto check = [&](EventType family, const Names& list, int result, const std::string& journal) {
         SCOPED_TRACE(testing::PrintToString(list));
         EXPECT_EQ(result, server_->StartSubscribeEvent(list, family));
-        EXPECT_EQ(family == FAULT_EVENT, server_->faultEvtRunning_);
-        EXPECT_EQ(family == SECURITY_EVENT, server_->secEvtRunning_);
         EXPECT_EQ(RESULT_OK, server_->StartSubscribeEvent({"bad", TWO}, family)) << "running: nothing is looked at";
         EXPECT_EQ(journal, Journal("open log thread close join"));
         server_->StopSubscribeEvent(list, family);
@@ -75,7 +28,7 @@ TEST_F(Subscription, AStartOpensWhatTheNamesAllowInOrderAndReportsTheRest)
         EXPECT_TRUE(server_->secEvtSrcMap_.empty());
         Journal();
     };
-    SetAbsent("x:/res/no");
+    Always("open x:/res/no", {nullptr, -1});
     check(FAULT_EVENT, {SEA, PM}, RESULT_OK, started(PM, 1000) + NEXT + started(SEA, 1001));
     check(FAULT_EVENT, {PM, PM, PM}, RESULT_BAD_NAME, twice + twice + started(PM, 1000));
     check(FAULT_EVENT, {"dp:/res/pm/fm.1", ".", "dp/res/pm/fm", "", "dp:res/pm/fm", "a:b:/res/x", "dp:/res", "x:/resx"},
@@ -99,13 +52,11 @@ TEST_F(Subscription, AStopClearsTheFlagThenClosesThenJoinsWhatIsListed)
     EXPECT_EQ("", Journal());
     server_->StartSubscribeEvent({ONE, TWO}, FAULT_EVENT);
     server_->StartSubscribeEvent({SEC}, SECURITY_EVENT);
-    for (const std::string& name : {ONE, TWO, SEC}) {
-        AwaitBlocked(name);
-    }
-    Next("close", [&] {
-        EXPECT_FALSE(server_->faultEvtRunning_);
-        EXPECT_TRUE(server_->secEvtRunning_);
-    });
+    Await("read(", 3);
+    Next("close", {[&] {
+             EXPECT_FALSE(server_->faultEvtRunning_);
+             EXPECT_TRUE(server_->secEvtRunning_);
+         }});
     Journal();
     EXPECT_EQ(RESULT_BAD_NAME, server_->StopSubscribeEvent({TWO, "unknown", ONE}, FAULT_EVENT));
     EXPECT_EQ(RESULT_BAD_NAME, server_->StopSubscribeEvent({ONE, SEC}, SECURITY_EVENT));
@@ -114,174 +65,134 @@ TEST_F(Subscription, AStopClearsTheFlagThenClosesThenJoinsWhatIsListed)
                   Joined(ONE, "StopSubscribeEvent") + " | log 3 Illegal fileName=" + ONE +
                   ", cannot find resfile in secEvtSrcMap_ | close(1002) | " + Joined(SEC, "StopSubscribeEvent"),
               Journal("open close join log fte"));
-    EXPECT_TRUE(server_->faultEvtSrcMap_.empty());
-    EXPECT_TRUE(server_->secEvtSrcMap_.empty());
 }
 
 TEST_F(Subscription, AThreadThatCannotBeStartedLeavesTheFilesBeforeItSubscribed)
 {
-    Next("thread");
-    Results("thread", {EAGAIN});
-    EXPECT_THROW(server_->StartSubscribeEvent({ONE, TWO, THREE}, FAULT_EVENT), std::system_error);
-    EXPECT_EQ(Opened(ONE, 1000) + " | thread | " + Opened(TWO, 1001) + " | close(1001)",
+    Results("thread", {0, EAGAIN});
+    EXPECT_THROW(server_->StartSubscribeEvent({ONE, TWO, "c:/res/three"}, FAULT_EVENT), std::system_error);
+    EXPECT_EQ(Opened(ONE, 1000) + " | thread | " + Opened(TWO, 1001) + " | thread | close(1001)",
               Journal("open log thread close"));
     EXPECT_EQ(1u, server_->faultEvtSrcMap_.size());
     EXPECT_TRUE(server_->faultEvtRunning_);
-    Deliver(ONE, Raw(0x01, "still"));
+    Next(ONE, Success(Raw(0x01, "still")));
     Await("device still");
-    EXPECT_EQ(RESULT_BAD_NAME, server_->StopSubscribeEvent({ONE, TWO, THREE}, FAULT_EVENT));
+    EXPECT_EQ(RESULT_BAD_NAME, server_->StopSubscribeEvent({ONE, TWO}, FAULT_EVENT));
 }
 
 TEST_F(Subscription, TheDestructorStopsBothFamiliesInKeyOrderAndFlushesLast)
 {
-    Gate callback;
-    Gate pause;
     server_->StartSubscribeEvent({SEC}, SECURITY_EVENT);
     server_->StartSubscribeEvent({TWO, ONE}, FAULT_EVENT);
-    AwaitBlocked(TWO);
-    HoldInPause(SEC, pause);
-    HoldInCallback(ONE, callback);
+    Await("read(", 3);
     const std::atomic<bool>& faultsRun = server_->faultEvtRunning_;
     const std::atomic<bool>& securityRuns = server_->secEvtRunning_;
-    Next("log", [&] { EXPECT_TRUE(faultsRun) << "the first message"; });
-    Always("close", [&] { EXPECT_FALSE(faultsRun || securityRuns); });
+    Next("log", {[&] { EXPECT_TRUE(faultsRun) << "the first message"; }});
+    Next("close", {[&] { EXPECT_FALSE(faultsRun || securityRuns); }});
     Journal();
-    const auto release = [&] {
-        callback.Open();
-        Await("join", 5);  // three begun, two done
-        pause.Open();
-    };
-    StopMeanwhile([&] { server_.reset(); }, release);
-    EXPECT_EQ("log 16 ~ReportEventServerImpl... | close(1001) | " + Joined(ONE, "JoinReadThread", " | device held") +
-                  " | close(1002) | " + Joined(TWO, "JoinReadThread") + NEXT +
-                  Joined(SEC, "JoinReadThread", GaveUp(SEC, EPIPE)) + " | flush",
-              Journal("open close join log fte deliver flush"));
+    server_.reset();
+    EXPECT_EQ("log 16 ~ReportEventServerImpl... | close(1001) | " + Joined(ONE, "JoinReadThread") +
+                  " | close(1002) | " + Joined(TWO, "JoinReadThread") + " | close(1000) | " +
+                  Joined(SEC, "JoinReadThread") + " | flush",
+              Journal("open close join log fte flush"));
 }
 
-// What a stop did not list is retired by the next start, before the family runs again, whatever its thread is doing.
-TEST_F(Subscription, NoLeftoverOfAStopSurvivesTheNextStart)
+// Whatever a thread is doing when its subscription ends: it ends, nothing of its file stays open, and what a stop did
+// not list is retired by the next start before the family runs again.
+TEST_F(Subscription, AThreadIsStoppedWhereverItIs)
 {
-    enum State { BLOCKED, PAUSED, CALLING };
-    const auto scenario = [&](State state, const Names& stopped, const Names& started) {
-        SCOPED_TRACE(Text(state, testing::PrintToString(stopped), testing::PrintToString(started)));
-        Gate gate;
-        Journal();
-        EXPECT_EQ(RESULT_OK, server_->StartSubscribeEvent({ONE, TWO}, FAULT_EVENT));
-        AwaitBlocked(ONE);
-        AwaitBlocked(TWO);
-        if (state == PAUSED) {
-            HoldInPause(ONE, gate);
-        }
-        if (state == CALLING) {
-            HoldInCallback(ONE, gate);
-        }
-        EXPECT_EQ(RESULT_OK, server_->StopSubscribeEvent(stopped, FAULT_EVENT));
-        SetAbsent(ONE, false);
-        Always("close", [&] { EXPECT_FALSE(server_->faultEvtRunning_); });
-        StopMeanwhile([&] { server_->StartSubscribeEvent(started, FAULT_EVENT); }, [&] { gate.Open(); });
-        Always("close", nullptr);
-        AwaitThreads(static_cast<int>(started.size()));
-        EXPECT_EQ(1u, Count("JoinReadThread: join thead of resfile=" + ONE));
-
-        EXPECT_EQ(1u, server_->faultEvtSrcMap_.count(ONE));
-        for (const auto& [name, info] : server_->faultEvtSrcMap_) {
-            const bool isSubscribed = std::count(started.begin(), started.end(), name) != 0;
-            EXPECT_EQ(isSubscribed, info.fd != -1) << name;
-            EXPECT_EQ(isSubscribed, info.readThread.joinable()) << name;
-        }
-        for (const std::string& name : started) {
-            Deliver(name, Raw(0x01, "after " + name));
-            Await("device after " + name);
-        }
-        EXPECT_EQ(state == CALLING ? 1u : 0u, Count("device held"));
-        EXPECT_EQ(2 + started.size() + (state == PAUSED ? 1 : 0), Count("open("));
-        server_->StopSubscribeEvent({ONE, TWO, THREE}, FAULT_EVENT);
-        EXPECT_TRUE(server_->faultEvtSrcMap_.empty());
+    struct Place {
+        std::string name;
+        Hook hold;
+        std::string closed;     // before the join
+        std::string meanwhile;  // what the thread writes before it ends
+        int number = FIRST_NUMBER;
+        int reopened = FIRST_NUMBER;
     };
-    for (const State state : {BLOCKED, PAUSED, CALLING}) {
-        for (const Names& stopped : {Names{}, Names{TWO}}) {
-            for (const Names& started : {Names{ONE, TWO}, Names{THREE}, Names{}}) {
-                scenario(state, stopped, started);
-            }
-        }
-    }
-}
-
-// By the time the read thread goes into its reconnection, the stop has closed the descriptor and the process has taken
-// its number for a file of its own: the number is not closed again.
-TEST_F(Subscription, ANumberThatTheProcessHasTakenIsNotClosedByAReconnection)
-{
-    StartAfresh();
-    Gate lost;
-    std::atomic<bool> isDue{true};
-    Fail(SEC, EPIPE, [&] {  // then hold the thread where it first takes a lock or closes
-        const auto hold = [&] {
-            if (threadName == "Rd_" + SEC && isDue.exchange(false)) {
-                lost.Hold();
-            }
-        };
-        Always("lock", hold);
-        Always("close", hold);
+    const std::string open = "open " + ONE;
+    const Script record = Success(Raw(0x01, "held"));
+    const Script lost = Failure(EPIPE);
+    const auto holdReopening = [&](const Script& script) {
+        Next(ONE, lost);
+        Next(open, {});
+        Hold(open, script);
+    };
+    const Hook holdBeforeReconnection = [&] {
+        Hold("lock");
         errno = EPIPE;
-    });
-    lost.AwaitArrival();
-    Next("closed", [&] { EXPECT_EQ(FIRST_NUMBER, TakeNumber(FOREIGN)); });
-    StopMeanwhile([&] { server_->StopSubscribeEvent({SEC}, SECURITY_EVENT); }, [&] { lost.Open(); });
-    EXPECT_EQ("close(1000) | " + Joined(SEC, "StopSubscribeEvent", GaveUp(SEC, EPIPE)), Journal("open close join log"));
-}
-
-// The reopen is under way while the stop closes and joins: its descriptor is closed after the join, whether or not its
-// number is the one from before.
-TEST_F(Subscription, ADescriptorReopenedDuringAStopIsClosedByIt)
-{
-    const Hook stopIt = [&] { server_->StopSubscribeEvent({SEC}, SECURITY_EVENT); };
-    const Hook startAgain = [&] {
-        server_->StopSubscribeEvent({}, SECURITY_EVENT);
-        server_->StartSubscribeEvent({}, SECURITY_EVENT);
     };
-    const Hook destroyIt = [&] { server_ = std::make_unique<Server>(); };
-    for (const int number : {FIRST_NUMBER, 1500}) {
-        for (const Hook& stop : {stopIt, startAgain, destroyIt}) {
-            firstNumber = FIRST_NUMBER;
-            StartAfresh();
-            Gate reopening;
-            Next("open", [&] { reopening.Hold(); });
-            Fail(SEC, EBADMSG);
-            reopening.AwaitArrival();
-            firstNumber = number;
-            StopMeanwhile(stop, [&] { reopening.Open(); });
-            EXPECT_EQ(Text("close(1000) | open(", SEC, ", 0) = ", number, " | close(", number, ")"),
-                      Journal("open close"));
+    const auto reconnected = [](int number) {
+        return Text(" | open(", ONE, ", 0) = ", number, " | ", Reconnected(ONE, number), " | close(", number, ")");
+    };
+    const std::string notReopened = " | open(" + ONE + ", 0) = -1" + GaveUp(ONE, EPIPE);
+    const Place places[] = {
+        {"before its first read", [&] { Hold("prctl"); }, "close(1000) | ", ""},
+        {"in a read that succeeds", [&] { Hold(ONE, record); }, "close(1000) | ", " | device held"},
+        {"in a read that fails", [&] { Hold(ONE, lost); }, "close(1000) | ", ""},
+        {"in the callback", [&] { Next(ONE, record), Hold("deliver"); }, "close(1000) | ", " | device held"},
+        {"lost", [&] { Next(ONE, Failure(EPIPE, holdBeforeReconnection)); }, "close(1000) | ", GaveUp(ONE, EPIPE)},
+        {"not reopened",
+         [&] {
+             holdReopening({nullptr, -1});
+         },
+         "", notReopened},
+        {"reopened", [&] { holdReopening({}); }, "", reconnected(1000)},
+        {"reopened with another number", [&] { holdReopening({}); }, "", reconnected(1500), FIRST_NUMBER, 1500},
+        {"reopened with number zero", [&] { holdReopening({}); }, "", reconnected(0), 0, 0},
+    };
+    struct End {
+        Hook begin;
+        std::string first;
+        std::string joinedBy;
+    };
+    const Hook stop = [&] { EXPECT_EQ(RESULT_OK, server_->StopSubscribeEvent({ONE}, FAULT_EVENT)); };
+    const Hook startAgain = [&] {
+        server_->StopSubscribeEvent({}, FAULT_EVENT);
+        server_->StartSubscribeEvent({}, FAULT_EVENT);
+    };
+    const Hook destroy = [&] { server_ = std::make_unique<Server>(); };
+    const End ends[] = {{stop, "", "StopSubscribeEvent"},
+                        {startAgain, "", "JoinReadThread"},
+                        {destroy, "log 16 ~ReportEventServerImpl... | ", "JoinReadThread"}};
+    for (const Place& place : places) {
+        for (const End& end : ends) {
+            SCOPED_TRACE(place.name + ", " + end.joinedBy);
+            server_ = std::make_unique<Server>();
+            server_->reportEventMidCb = Teller("device ");
+            firstNumber = place.number;
+            place.hold();
+            server_->StartSubscribeEvent({ONE}, FAULT_EVENT);
+            AwaitHeld();
+            firstNumber = place.reopened;
+            Next("join", {[&] { isHeld = false; }});
+            Journal();
+            end.begin();
+            EXPECT_EQ(end.first + place.closed + Joined(ONE, end.joinedBy, place.meanwhile),
+                      Journal("open close read join log deliver"));
+            server_->StopSubscribeEvent({}, FAULT_EVENT);
+            server_->StartSubscribeEvent({ONE}, FAULT_EVENT);
+            EXPECT_EQ(Opened(ONE, place.reopened), Journal("open close join log"));
         }
     }
 }
 
-// Also when a descriptor is zero. Giving the old number up and storing the new one take one lock, copying the callback
-// another.
+// Giving the old number up and storing the new one take one lock, copying the callback another; nothing else happens
+// under them.
 TEST_F(Subscription, AThreadMayReconnectBeforeTheStartHasFinishedWithIt)
 {
-    for (const auto& [lost, found] : {std::pair(FIRST_NUMBER, 1600), std::pair(0, 0)}) {
-        const int next = found;
-        firstNumber = lost;
-        std::vector<const void*> locks;
-        Always("lock", [&] {
-            if (!threadName.empty()) {
-                locks.push_back(wantedLock);
-            }
-        });
-        Fail(SEC, EBADF);
-        Next("closed", [&] { firstNumber = next; });
-        Next("thread started", [&] { Await(Reconnected(SEC, next)); });
-        EXPECT_EQ(RESULT_OK, server_->StartSubscribeEvent({SEC}, SECURITY_EVENT));
-        EXPECT_EQ(next, server_->secEvtSrcMap_.at(SEC).fd);
-        Deliver(SEC, Raw(0x11, "soon"));
-        Await("security soon");
-        EXPECT_EQ(RESULT_OK, server_->StopSubscribeEvent({SEC}, SECURITY_EVENT));
-        ASSERT_EQ(3u, locks.size());
-        EXPECT_EQ(locks[0], locks[1]);
-        EXPECT_NE(locks[1], locks[2]);
-        EXPECT_EQ(Text("close(", lost, ") | close(", next, ")"), Journal("close"));
-    }
+    Next(SEC, Failure(EBADF));
+    Next("close", {[&] { firstNumber = 1600; }});
+    Next("thread started", {[&] { Await("read(1600)"); }});
+    EXPECT_EQ(RESULT_OK, server_->StartSubscribeEvent({SEC}, SECURITY_EVENT));
+    Next(SEC, Success(Raw(0x11, "soon")));
+    Await("security soon");
+    EXPECT_EQ(RESULT_OK, server_->StopSubscribeEvent({SEC}, SECURITY_EVENT));
+    const std::string lock = " | lock 1 | unlock";
+    EXPECT_EQ(Opened(SEC) + lock + " | thread" + lock + " | close(1000) | open(" + SEC + ", 0) = 1600" + lock + " | " +
+                  Reconnected(SEC, 1600) + " | lock 2 | unlock | security soon" + lock + lock +
+                  " | close(1600) | join" + lock + " | log 16 StopSubscribeEvent: join thead of resfile=" + SEC +
+                  " success" + lock,
+              Journal("lock unlock open close log thread join deliver"));
 }
 
 }  // namespace recording
