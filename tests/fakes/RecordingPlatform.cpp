@@ -14,10 +14,6 @@
 #include "c_sec.h"
 #include "slog.h"
 
-#define STEADY_NOW _ZNSt6chrono3_V212steady_clock3nowEv
-#define THREAD_JOIN _ZNSt6thread4joinEv
-#define THREAD_START _ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE
-
 namespace recording {
 
 // A read thread of the library: what it has named itself. Its end is in the journal.
@@ -33,56 +29,24 @@ struct ReadThread {
 };
 static thread_local ReadThread readThread;
 
-int LibraryTest::Open(const std::string& name)
+// Waits until a read of the file is scripted or the descriptor closed.
+Script LibraryTest::AwaitRead(int fd)
 {
-    const Locked locked(mutex);
-    int number = firstNumber;
-    while (descriptors.count(number) != 0) {
-        ++number;
-    }
-    descriptors[number] = std::make_shared<OpenFile>(OpenFile{name});
-    return number;
-}
-
-// False: not one of the simulated numbers.
-bool LibraryTest::Close(int fd)
-{
-    const Locked locked(mutex);
+    std::unique_lock<std::mutex> lock(mutex);
     const auto found = descriptors.find(fd);
     if (found == descriptors.end()) {
-        EXPECT_TRUE(fd >= 0 && fd < FIRST_NUMBER) << "closed a descriptor that is not the library's: " << fd;
-        return false;
+        return Failure(EBADF);
     }
-    lines.emplace_back("close", Text("close(", fd, ")"));
-    found->second->closed = true;
-    descriptors.erase(found);
-    readable.notify_all();
-    return true;
-}
-
-int64_t LibraryTest::Read(int fd, unsigned char* buffer)
-{
-    Record("read", Text("read(", fd, ")"));
-    std::unique_lock<std::mutex> lock(mutex);
-    Script read = Failure(EBADF);  // closed meanwhile
-    const auto found = descriptors.find(fd);
-    if (found != descriptors.end()) {
-        const std::shared_ptr<OpenFile> file = found->second;
-        EXPECT_EQ(readThread.name, "Rd_" + file->name) << "reads what is not its file";
-        std::deque<Script>& queue = scripts[file->name];
-        readable.wait(lock, [&] { return file->closed || !queue.empty(); });
-        if (!file->closed) {
-            read = queue.front();
-            queue.pop_front();
-        }
+    const std::shared_ptr<OpenFile> file = found->second;
+    EXPECT_EQ(readThread.name, "Rd_" + file->name) << "reads what is not its file";
+    std::deque<Script>& queue = scripts[file->name];
+    changed.wait(lock, [&] { return file->closed || !queue.empty(); });
+    if (file->closed) {
+        return Failure(EBADF);
     }
-    lock.unlock();
-    errno = read.error;
-    if (read.hook) {
-        read.hook();
-    }
-    std::copy(read.record.begin(), read.record.end(), buffer);
-    return read.result.value();
+    const Script read = queue.front();
+    queue.pop_front();
+    return read;
 }
 
 namespace {
@@ -114,14 +78,15 @@ struct Call {
     }
 };
 
-const char* Name(const IAMShmPoolHandle* pool)
+const char* Name(const void* object)
 {
-    return pool == &Client::poolHandle_ ? "pool" : "other pool";
-}
-
-const char* Name(const IAMShmBlockHandle* block)
-{
-    return block == &Client::blockHdl_ ? "block" : "other block";
+    if (object == &Client::dataPakg_) {
+        return "package";
+    }
+    if (object == &Client::poolHandle_) {
+        return "pool";
+    }
+    return object == &Client::blockHdl_ ? "block" : "other";
 }
 
 bool Recording()
@@ -193,10 +158,7 @@ void operator delete(void* memory, size_t) noexcept
 extern "C" {
 
 // A wrapped call: the real one for what is not the library's.
-#define REAL(name) JOINED(__real_, name)
-#define JOINED(prefix, name) prefix##name
-#define WRAP(type, name, parameters, arguments) WRAPPED(type, name, parameters, arguments)
-#define WRAPPED(type, name, parameters, arguments)                                \
+#define WRAP(type, name, parameters, arguments)                                   \
     type __real_##name parameters;                                                \
     static type Recorded_##name parameters;                                       \
     type __wrap_##name parameters                                                 \
@@ -214,8 +176,14 @@ const char* __tsan_default_options()
 WRAP(int, open, (const char* name, int flags, [[maybe_unused]] int mode), (name, flags, mode))
 {
     Call call;
-    const auto scripted = call.platform.Scripted(Text("open ", name));
-    const int number = scripted.has_value() ? static_cast<int>(*scripted) : call.platform.Open(name);
+    int number = static_cast<int>(call.platform.Scripted(Text("open ", name)).value_or(call.platform.firstNumber));
+    if (number >= 0) {
+        const Locked locked(call.platform.mutex);
+        while (call.platform.descriptors.count(number) != 0) {
+            ++number;
+        }
+        call.platform.descriptors[number] = std::make_shared<OpenFile>(OpenFile{name});
+    }
     call.platform.Record("open", Text("open(", name, ", ", flags, ") = ", number));
     return number;
 }
@@ -224,7 +192,18 @@ WRAP(int, close, (int fd), (fd))
 {
     Call call;
     call.platform.Scripted("close");
-    return call.platform.Close(fd) ? 0 : __real_close(fd);
+    {
+        const Locked locked(call.platform.mutex);
+        const auto found = call.platform.descriptors.find(fd);
+        if (found == call.platform.descriptors.end()) {
+            EXPECT_TRUE(fd >= 0 && fd < FIRST_NUMBER) << "closed a descriptor that is not the library's: " << fd;
+            return __real_close(fd);
+        }
+        found->second->closed = true;
+        call.platform.descriptors.erase(found);
+    }
+    call.platform.Record("close", Text("close(", fd, ")"));
+    return 0;
 }
 
 // The thread's real name is set and read, unless a script says that the call fails.
@@ -274,27 +253,30 @@ void __wrap_syslog(int priority, const char* format, ...)
     call.Done("syslog", "syslog ", priority, " ", text);
 }
 
-// A time point is returned like its count of nanoseconds.
-WRAP(int64_t, STEADY_NOW, (), ())
+// std::chrono::steady_clock::now: a time point is returned like its count of nanoseconds.
+WRAP(int64_t, _ZNSt6chrono3_V212steady_clock3nowEv, (), ())
 {
     return LibraryTest::running->nanoseconds;
 }
 
-WRAP(void, THREAD_JOIN, (std::thread * thread), (thread))
+// std::thread::join
+WRAP(void, _ZNSt6thread4joinEv, (std::thread * thread), (thread))
 {
     Call().Done("join", "join");
-    REAL(THREAD_JOIN)(thread);
+    __real__ZNSt6thread4joinEv(thread);
 }
 
-// A scripted result is a thread that cannot be started; "thread started" runs before the library hears of it.
-WRAP(void, THREAD_START, (std::thread * thread, std::thread::_State_ptr body, void (*depend)()),
-     (thread, std::move(body), depend))
+// The start of a std::thread. A scripted result is one that cannot be started; "thread started" runs before the library
+// hears of it.
+WRAP(void, _ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE,
+     (std::thread * thread, std::thread::_State_ptr body, void (*depend)()), (thread, std::move(body), depend))
 {
     Call call;
     if (call.Done("thread", "thread") != 0) {
         throw std::system_error(EAGAIN, std::system_category());
     }
-    REAL(THREAD_START)(thread, std::move(body), depend);
+    __real__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE(
+        thread, std::move(body), depend);
     call.platform.Scripted("thread started");
 }
 
@@ -332,9 +314,15 @@ int64_t IAMFastRead(int fd, void* buffer, size_t length)
     Call call;
     EXPECT_EQ(3960u, length);
     EXPECT_TRUE(AllZero(buffer, 3960));
-    const int64_t result = call.platform.Read(fd, static_cast<unsigned char*>(buffer));
+    call.platform.Record("read", Text("read(", fd, ")"));
+    const Script read = call.platform.AwaitRead(fd);
+    errno = read.error;
+    if (read.hook) {
+        read.hook();
+    }
     call.error = errno;
-    return result;
+    std::copy(read.record.begin(), read.record.end(), static_cast<unsigned char*>(buffer));
+    return read.result.value();
 }
 
 int FTEDeSerialize(const unsigned char* data, unsigned int length, FTEInfo* info, UDSInfo* uds)
@@ -410,9 +398,8 @@ int IAMShmWrite(IAMShmBlockHandle* block, const char* data, uint32_t size, uint3
 
 int IAMRTDataEnqueue(uint64_t dataHandle, IAMDataPackage* package)
 {
-    const char* const which = package == &Client::dataPakg_ ? ", package of " : ", other of ";
-    return Call().Done("iam", "enqueue(", dataHandle, which, Name(package->pool), ", ", Name(package->block), ", ",
-                       package->count, ")");
+    return Call().Done("iam", "enqueue(", dataHandle, ", ", Name(package), " of ", Name(package->pool), ", ",
+                       Name(package->block), ", ", package->count, ")");
 }
 
 int IAMShmFree(IAMShmPoolHandle* pool, IAMShmBlockHandle* block)

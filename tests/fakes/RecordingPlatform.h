@@ -160,6 +160,11 @@ inline std::string Joined(const std::string& name, const std::string& by, const 
     return Text("join", meanwhile, " | log 16 ", by, ": join thead of resfile=", name, " success");
 }
 
+struct OpenFile {
+    std::string name;
+    bool closed = false;
+};
+
 // What every test of the library's objects starts from: one subscriber on a fresh platform, with callbacks that write
 // what they get into the journal. A test finds here what it says and sees.
 class LibraryTest : public testing::Test {
@@ -205,6 +210,7 @@ public:
     {
         const Locked locked(mutex);
         lines.emplace_back(operation, text);
+        changed.notify_all();
     }
 
     // The lines since the last look: those of the listed operations ("open close log"), or all, one after the other.
@@ -223,44 +229,30 @@ public:
 
     // ---- Waiting
 
-    // On the system clock: the steady one is the library's.
-    void AwaitCondition(const std::string& what, const std::function<bool()>& condition)
-    {
-        using Clock = std::chrono::system_clock;
-        const Offstage offstage;
-        const auto deadline = Clock::now() + std::chrono::seconds(HasFailure() ? 1 : 20);
-        while (!condition()) {
-            if (Clock::now() > deadline) {
-                ADD_FAILURE() << "waited in vain for " << what << " after " << Journal();
-                return;
-            }
-            std::this_thread::sleep_for(std::chrono::microseconds(200));
-        }
-    }
-
     // Until this many of the lines since the last look hold the text.
     void Await(const std::string& part, int count = 1)
     {
+        const Offstage offstage;
+        std::unique_lock<std::mutex> lock(mutex);
         const auto holds = [&](const auto& line) { return line.second.find(part) != std::string::npos; };
-        AwaitCondition(part, [&] {
-            const Locked locked(mutex);
-            return std::count_if(lines.begin(), lines.end(), holds) >= count;
-        });
+        const auto isWritten = [&] { return std::count_if(lines.begin(), lines.end(), holds) >= count; };
+        EXPECT_TRUE(changed.wait_for(lock, std::chrono::seconds(HasFailure() ? 1 : 20), isWritten))
+            << "waited in vain for " << part << " after " << testing::PrintToString(lines);
     }
 
-    // The thread that makes the next call of the operation is held until the test clears isHeld.
+    // The thread that makes the next call of the operation is held there until Release.
     void Hold(const std::string& operation, Script script = {})
     {
         script.hook = [this] {
-            isHeld = true;
-            AwaitCondition("a release", [this] { return !isHeld; });
+            Record("hold", "held");
+            Await("released");
         };
         Next(operation, script);
     }
 
-    void AwaitHeld()
+    void Release()
     {
-        AwaitCondition("a call to hold", [this] { return isHeld.load(); });
+        Record("hold", "released");
     }
 
     // ---- Scripts
@@ -270,7 +262,7 @@ public:
     {
         const Locked locked(mutex);
         scripts[operation].push_back(script);
-        readable.notify_all();
+        changed.notify_all();
     }
 
     void Results(const std::string& operation, const std::vector<int64_t>& results)
@@ -314,25 +306,17 @@ public:
         return locks.emplace(lock, locks.size() + 1).first->second;
     }
 
-    int Open(const std::string& name);
-    bool Close(int fd);
-    int64_t Read(int fd, unsigned char* buffer);
-
-    struct OpenFile {
-        std::string name;
-        bool closed = false;
-    };
+    Script AwaitRead(int fd);
 
     static inline LibraryTest* running = nullptr;
     std::mutex mutex;
-    std::condition_variable readable;                        // for reads; no signal handler notifies it
+    std::condition_variable changed;                         // a line, a script, a file
     std::vector<std::pair<std::string, std::string>> lines;  // operation and text
     std::map<std::string, std::deque<Script>> scripts;
     std::map<std::string, Script> always;
     std::map<int, std::shared_ptr<OpenFile>> descriptors;
     std::map<const void*, size_t> locks;
     std::atomic<int> firstNumber{FIRST_NUMBER};  // descriptors are the lowest free ones from here on, at once reused
-    std::atomic<bool> isHeld{false};
     std::atomic<int64_t> nanoseconds{0};
 
     // What was handed over last, kept beyond the call.

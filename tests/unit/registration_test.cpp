@@ -98,13 +98,8 @@ TEST_F(Registration, TheSecurityFamilyHasOneFileAndNothingToDoWithTheFaultLibrar
         "log 3 Illegal fileName=dp:/res/iam/sec_event, cannot find resfile in secEvtSrcMap_ | "
         "log 3 stop subscribe security event failed, ret=0xF10206\n",
         Journal("open log fte"));
-    EXPECT_EQ(RESULT_OK, server_->RegIDSEventReportHandlerImpl(Teller("ids ")));
-    Next(SEC, Success(Raw(0x11, "login")));
-    Await("ids login");
-    EXPECT_EQ(RESULT_OK, server_->UnregIDSEventReportHandlerImpl());
     EXPECT_TRUE(server_->idsEventReportCb);
     EXPECT_FALSE(server_->reportEventCb);
-    EXPECT_EQ("", Journal("fte"));
 }
 
 // A cancellation waits until the operation is over, and the thread's own setting stays as it was.
@@ -202,7 +197,6 @@ TEST_F(Registration, ACallbackIsReplacedWhileItRuns)
         useNew();
         EXPECT_EQ("idle" + kind.replaced + " | ends" + lock + " | new" + kind.then, Journal("lock unlock deliver"));
     }
-    server_->UnregIDSEventReportHandlerImpl();
 }
 
 }  // namespace recording
