@@ -71,19 +71,16 @@ std::string Text(const Parts&... parts)
 enum Stage { LIBRARY, PLATFORM, HANDED_OVER };
 inline thread_local Stage stage = LIBRARY;
 
-class Offstage {
-public:
-    explicit Offstage(Stage as = PLATFORM) : saved_(std::exchange(stage, as))
+struct Offstage {
+    const Stage saved;
+
+    explicit Offstage(Stage as = PLATFORM) : saved(std::exchange(stage, as))
     {
     }
     ~Offstage()
     {
-        stage = saved_;
+        stage = saved;
     }
-    Offstage(const Offstage&) = delete;
-
-private:
-    const Stage saved_;
 };
 
 // A lock of the platform's own.
@@ -240,7 +237,7 @@ public:
             << "waited in vain for " << part << " after " << testing::PrintToString(lines);
     }
 
-    // The thread that makes the next call of the operation is held there until Release.
+    // The thread that makes the next call of the operation is held there until the line "released" is written.
     void Hold(const std::string& operation, Script script = {})
     {
         script.hook = [this] {
@@ -250,18 +247,14 @@ public:
         Next(operation, script);
     }
 
-    void Release()
-    {
-        Record("hold", "released");
-    }
-
     // ---- Scripts
 
-    // Scripts the next call of an operation or read of a file.
-    void Next(const std::string& operation, const Script& script)
+    // Scripts the next calls of an operation or reads of a file.
+    void Next(const std::string& operation, const Script& script, size_t times = 1)
     {
         const Locked locked(mutex);
-        scripts[operation].push_back(script);
+        std::deque<Script>& queue = scripts[operation];
+        queue.insert(queue.end(), times, script);
         changed.notify_all();
     }
 
@@ -272,13 +265,6 @@ public:
         }
     }
 
-    // Scripts every call of an operation from now on that has no script of its own.
-    void Always(const std::string& operation, const Script& script)
-    {
-        const Locked locked(mutex);
-        always[operation] = script;
-    }
-
     // Plays what is scripted for a call of the operation.
     std::optional<int64_t> Scripted(const std::string& operation)
     {
@@ -286,8 +272,8 @@ public:
         {
             const Locked locked(mutex);
             std::deque<Script>& queue = scripts[operation];
-            script = queue.empty() ? always[operation] : queue.front();
             if (!queue.empty()) {
+                script = queue.front();
                 queue.pop_front();
             }
         }
@@ -313,7 +299,6 @@ public:
     std::condition_variable changed;                         // a line, a script, a file
     std::vector<std::pair<std::string, std::string>> lines;  // operation and text
     std::map<std::string, std::deque<Script>> scripts;
-    std::map<std::string, Script> always;
     std::map<int, std::shared_ptr<OpenFile>> descriptors;
     std::map<const void*, size_t> locks;
     std::atomic<int> firstNumber{FIRST_NUMBER};  // descriptors are the lowest free ones from here on, at once reused

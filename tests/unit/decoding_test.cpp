@@ -34,15 +34,6 @@ static int DecodeThreeDids(const unsigned char*, unsigned int, FTEInfo* info, UD
     return 0;
 }
 
-// So that what is left uninitialised below this frame is not zero by chance.
-__attribute__((noinline)) static void SoilTheStack()
-{
-    volatile unsigned char bytes[4096];
-    for (volatile unsigned char& byte : bytes) {
-        byte = 0xDD;
-    }
-}
-
 class Decoding : public LibraryTest {
 protected:
     // A raw record is decoded and delivered without heap use; whatever a fault event needs is released.
@@ -133,7 +124,6 @@ TEST_F(Decoding, AFaultEventIsConvertedWholeAndItsArrayReleasedOnEveryWayOut)
             diagnosis += Text(" ", did.did, "=", std::string(did.data.begin(), did.data.end()));
         }
     };
-    SoilTheStack();
     check(converted, true);
     EXPECT_EQ("60002 61840=abc 61841= 61842=z", diagnosis);
     Results("memcpy_s", {34});
@@ -157,28 +147,23 @@ TEST_F(Decoding, AnExceptionPassesAndLeavesNothingBehind)
     const unsigned char record[] = {0x00, 0x00, 'p'};
     const std::string thrown(100, 'c');
     server_->reportEventCb = [thrown](const EventInfo&, const UDSInfoForCpp&) { throw thrown; };
-    int failures = 0;
-    for (bool isCalled = false; !isCalled; ++failures) {
-        const int64_t liveBefore = heap.live;
-        heap.failing = failures + 1;
-        try {
-            server_->DeSerializeDataAndCallback(record, sizeof(record));
-            FAIL() << "nothing was thrown";
-        } catch (const std::bad_alloc&) {
-            ASSERT_EQ(liveBefore, heap.live) << "allocation " << failures;
-        } catch (const std::string&) {
-            isCalled = true;
-        }
+    const auto decode = [&] { server_->DeSerializeDataAndCallback(record, sizeof(record)); };
+    const HeapUse before = heap;
+    EXPECT_THROW(decode(), std::string);
+    const int64_t allocations = heap.allocations - before.allocations;
+    EXPECT_LT(4, allocations);  // the copied callback, the vector of records, the bytes of two of them, what is thrown
+    for (int64_t failing = 1; failing <= allocations; ++failing) {
+        heap.failing = failing;
+        EXPECT_THROW(decode(), std::bad_alloc) << failing;
+        EXPECT_EQ(before.live, heap.live) << failing;
     }
-    heap.failing = 0;
-    EXPECT_GT(failures, 4);  // the copied callback, the vector of records, the bytes of two of them
 }
 
 TEST_F(Decoding, OnlyAResultOfOneLetsADiagnosticThroughAndNothingFiltersTheEventLog)
 {
     server_->reportEventMidCb = nullptr;
     for (const int result : {0, 2, -1}) {
-        Always("check", {nullptr, result});
+        Next("check", {nullptr, result}, 3);
         Check(EventLog(1), false, Raw(0x01, "disk", 1));
         Check("", false, Raw(0x01, "disk"), 100);
     }

@@ -146,10 +146,10 @@ TEST_F(Publisher, AReaderMayCloseWhileThePublisherEnds)
         ReportEventClient::GetInstance().RegisterResService(PM);
         Client::MyOpen(&reader);
         Journal();
-        Always("iam", {[] {
-                   const Offstage onstage(LIBRARY);
-                   Client::MyClose(&reader);
-               }});
+        Next("iam", {[] {
+                 const Offstage onstage(LIBRARY);
+                 Client::MyClose(&reader);
+             }});
     });
 }
 
