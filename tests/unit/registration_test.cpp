@@ -112,6 +112,7 @@ TEST_F(Registration, NoOperationIsCancelledInTheMiddle)
     const Script expectNone = {[&] { expectState(PTHREAD_CANCEL_DISABLE); }};
     for (const int before : {PTHREAD_CANCEL_DISABLE, PTHREAD_CANCEL_ENABLE}) {
         Next("open " + PM, expectNone);
+        Next("open " + SEC, expectNone);
         Next("close", expectNone, 2);
         Next("fte", expectNone, 2);
         Next("iam", expectNone, 2);
