@@ -46,6 +46,7 @@ TEST_F(Registration, TheFirstOneInstallsTheSigpipeHandlerForTheLifeOfTheProcess)
                 later();
             }
             EXPECT_EQ(SIG_IGN, signal(SIGPIPE, installed.sa_handler));
+            server_.reset();
             Journal();
             raise(SIGPIPE);
         });
