@@ -140,12 +140,12 @@ void* operator new[](size_t size, const std::nothrow_t&) noexcept
     return Fails() ? nullptr : operator new[](size);
 }
 
-// Overwrites what is released: whoever still uses it shall notice.
+// Overwrites what is released: whoever still uses it shall notice. A memset before free is left out by compilers.
 void operator delete(void* memory) noexcept
 {
     if (memory != nullptr) {
         heap.live -= stage == PLATFORM ? 0 : 1;
-        std::memset(memory, 0xDD, malloc_usable_size(memory));
+        explicit_bzero(memory, malloc_usable_size(memory));
         std::free(memory);
     }
 }
