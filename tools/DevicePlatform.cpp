@@ -1,6 +1,5 @@
 #include <sys/prctl.h>
 
-#include "tools/EventJson.h"
 #include "tools/Platform.h"
 #include "tools/Subscription.h"
 
@@ -13,11 +12,6 @@ void Quiet()
 Listing List()
 {
     return {};
-}
-
-std::string RuntimeDirectory()
-{
-    return "";
 }
 
 void Observe()

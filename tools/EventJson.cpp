@@ -3,45 +3,26 @@
 #include <utility>
 
 #include "report_event/ResourceNames.h"
-#include "tools/EventFields.h"
 
 namespace tools {
 
 namespace {
 
-// Appends members: one that is appended is not looked for.
-class Writer {
-public:
-    // `name` is the whole area of the event's name.
-    Writer(const char* kind, std::string_view resource, SystemTime arrival, uint32_t eventId, std::string_view name)
-    {
-        members_.reserve(16);
-        (*this)("kind", kind);
-        (*this)("resource", resource);
-        (*this)("arrival", TimeText(arrival, true));
-        (*this)("eventId", eventId);
-        const std::string_view text = name.substr(0, name.find('\0'));
-        const std::string_view bytes = name.substr(0, name.find_last_not_of('\0') + 1);
-        (*this)("eventName", text);
-        if (text.size() != bytes.size() || !IsUtf8(text)) {
-            (*this)("eventNameHex", ToHexadecimal(bytes.data(), bytes.size()));
-        }
+// What every event starts with; `name` is the whole area of its name.
+Json Begin(const char* kind, std::string_view resource, SystemTime arrival, uint32_t eventId, std::string_view name)
+{
+    const std::string_view text = name.substr(0, name.find('\0'));
+    const std::string_view bytes = name.substr(0, name.find_last_not_of('\0') + 1);
+    Json object = {{"kind", kind},
+                   {"resource", resource},
+                   {"arrival", TimeText(arrival, true)},
+                   {"eventId", eventId},
+                   {"eventName", text}};
+    if (text.size() != bytes.size() || !IsUtf8(text)) {
+        object["eventNameHex"] = ToHexadecimal(bytes.data(), bytes.size());
     }
-
-    template <typename T>
-    void operator()(const char* key, T&& value) const
-    {
-        members_.emplace_back(key, std::forward<T>(value));
-    }
-    Json Take()
-    {
-        return std::move(object_);
-    }
-
-private:
-    Json object_ = Json::object();
-    Json::object_t& members_ = object_.get_ref<Json::object_t&>();
-};
+    return object;
+}
 
 const char* KindOf(std::string_view resource, ReportEvent::EventType family, const dsmi_event& device)
 {
@@ -56,25 +37,25 @@ const char* KindOf(std::string_view resource, ReportEvent::EventType family, con
 
 Json ToJson(std::string_view resource, SystemTime arrival, const EventInfo& fault, const UDSInfoForCpp& uds)
 {
-    Writer write("fault", resource, arrival, fault.eventId, {fault.eventPara.buf, sizeof(fault.eventPara.buf)});
-    VisitFaultNumbers(fault, uds.udsId, write);
-    Json dids = Json::array();
+    const std::string_view name(fault.eventPara.buf, sizeof(fault.eventPara.buf));
+    Json event = Begin("fault", resource, arrival, fault.eventId, name);
+    VisitFaultNumbers(fault, uds.udsId, [&event](const char* key, auto number) { event[key] = number; });
+    Json& dids = event["dids"] = Json::array();
     for (const DidInfoForCpp& did : uds.didInfo) {
         dids.push_back({{"did", did.did}, {"data", ToHexadecimal(did.data.data(), did.data.size())}});
     }
-    write("dids", std::move(dids));
-    return write.Take();
+    return event;
 }
 
 Json ToJson(std::string_view resource, SystemTime arrival, ReportEvent::EventType family, const dsmi_event& device)
 {
-    Writer write(KindOf(resource, family, device), resource, arrival, device.eventId,
-                 {device.eventName, sizeof(device.eventName)});
-    VisitDeviceNumbers(device, write);
+    const std::string_view name(device.eventName, sizeof(device.eventName));
+    Json event = Begin(KindOf(resource, family, device), resource, arrival, device.eventId, name);
+    VisitDeviceNumbers(device, [&event](const char* key, auto number) { event[key] = number; });
     std::string reserved;
-    VisitReserved(device, [&reserved](const uint8_t* area, size_t size) { reserved += ToHexadecimal(area, size); });
-    write("reserved", std::move(reserved));
-    return write.Take();
+    VisitReserved(device, [&reserved](const auto& area) { reserved += ToHexadecimal(&area, sizeof(area)); });
+    event["reserved"] = std::move(reserved);
+    return event;
 }
 
 bool IsPmLost(const Json& event)

@@ -25,6 +25,45 @@ constexpr const char* PM_LOST = "pm-lost";
 Json ToJson(std::string_view resource, SystemTime arrival, const EventInfo& fault, const UDSInfoForCpp& uds);
 Json ToJson(std::string_view resource, SystemTime arrival, ReportEvent::EventType family, const dsmi_event& device);
 
+// What the JSON form takes from an event: one list for writing an object and for reading one. `visit` is called for
+// each field in the order of the format; the event may be const or not.
+
+// The numbers behind the identifier and the name, with their keys.
+template <typename Device, typename Visit>
+void VisitDeviceNumbers(Device& event, const Visit& visit)
+{
+    visit("severity", event.severity);
+    visit("assertion", event.assertion);
+    visit("nodeId", event.nodeId);
+    visit("deviceId", event.deviceId);
+    visit("osId", event.osId);
+    visit("eventSerialNum", event.eventSerialNum);
+    visit("notifySerialNum", event.notifySerialNum);
+    visit("eventArisedTime", event.eventArisedTime);
+}
+
+// The same of a fault.
+template <typename Fault, typename UdsId, typename Visit>
+void VisitFaultNumbers(Fault& event, UdsId& udsId, const Visit& visit)
+{
+    visit("assertion", event.assertion);
+    visit("nodeId", event.nodeId);
+    visit("deviceId", event.deviceId);
+    visit("osId", event.osId);
+    visit("udsId", udsId);
+}
+
+// The areas of a device event that have no field.
+template <typename Device, typename Visit>
+void VisitReserved(Device& event, const Visit& visit)
+{
+    visit(event.reserved0);
+    visit(event.reserved14);
+    visit(event.reserved16);
+    visit(event.reserved28);
+    visit(event.reserved329);
+}
+
 bool IsPmLost(const Json& event);
 
 // On one line, without a line feed: valid UTF-8 without control characters, whatever bytes its texts hold.

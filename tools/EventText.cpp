@@ -11,13 +11,6 @@ namespace {
 constexpr size_t DATE_LENGTH = sizeof("2024-05-06") - 1;
 constexpr size_t MILLISECONDS_LENGTH = sizeof("07:08:09.012") - 1;
 
-std::string Hex(const Json& number)
-{
-    char text[16];
-    std::snprintf(text, sizeof(text), "0x%04X", number.get<uint32_t>());
-    return text;
-}
-
 // What does not apply to this kind of event is a dash.
 std::string NumberText(const Json& event, const char* key)
 {
@@ -70,9 +63,9 @@ std::string Details(const Json& event)
 {
     std::string details = Quoted(event["eventName"].get<std::string>());
     if (event.contains("udsId")) {
-        details += " uds=" + Hex(event["udsId"]);
+        details += " uds=" + Hex(event["udsId"].get<uint32_t>());
         for (const Json& did : event["dids"]) {
-            details += " did:" + Hex(did["did"]) + "=" + did["data"].get<std::string>();
+            details += " did:" + Hex(did["did"].get<uint32_t>()) + "=" + did["data"].get<std::string>();
         }
     }
     if (event.value("notifySerialNum", 0) != 0) {
@@ -123,8 +116,8 @@ std::string ToRow(const RowStyle& style, const Json& event, SystemTime arrival, 
     const std::string row =
         Align(style,
               {FirstColumn(style, arrival, before), ArisedTime(style, event, arrival), event["kind"].get<std::string>(),
-               Hex(event["eventId"]), NumberText(event, "severity"), NumberText(event, "assertion"), place,
-               NumberText(event, "eventSerialNum"), Printable(event["resource"].get<std::string>())}) +
+               Hex(event["eventId"].get<uint32_t>()), NumberText(event, "severity"), NumberText(event, "assertion"),
+               place, NumberText(event, "eventSerialNum"), Printable(event["resource"].get<std::string>())}) +
         Details(event);
     return style.colour ? ColourOf(event) + row + "\033[0m" : row;
 }

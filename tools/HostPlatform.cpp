@@ -2,7 +2,6 @@
 
 #include "platform/host/iam/HostService.h"
 #include "platform/host/slog/HostLog.h"
-#include "tools/EventJson.h"
 #include "tools/Platform.h"
 #include "tools/ToolSupport.h"
 
@@ -22,12 +21,20 @@ void TellDroppedRecord(const char* text)
 
 void AddResource(const IAMHostResource* served, void* listing)
 {
-    Resource resource = {served->pid, served->answers != 0, {}};
+    Json& resource = static_cast<Listing*>(listing)->resources[served->name];
+    resource = {{"resource", served->name},
+                {"pid", served->pid},
+                {"answers", served->answers != 0},
+                {"readers", Json::array()},
+                {"observers", Json::array()}};
     for (size_t i = 0; i < served->readerCount; ++i) {
         const IAMHostReader& reader = served->readers[i];
-        resource.readers.push_back({reader.pid, reader.current != 0, reader.observer != 0});
+        if (reader.observer != 0) {
+            resource["observers"].push_back({{"pid", reader.pid}});
+        } else {
+            resource["readers"].push_back({{"pid", reader.pid}, {"current", reader.current != 0}});
+        }
     }
-    static_cast<Listing*>(listing)->resources.emplace(served->name, std::move(resource));
 }
 
 }  // namespace
@@ -40,14 +47,10 @@ void Quiet()
 Listing List()
 {
     Listing listing;
+    char path[256] = {};
+    listing.directory = IAMHostRuntimeDirectory(path, sizeof(path)) == 0 ? path : "";
     listing.error = -IAMHostList(AddResource, &listing);
     return listing;
-}
-
-std::string RuntimeDirectory()
-{
-    char path[256] = {};
-    return IAMHostRuntimeDirectory(path, sizeof(path)) == 0 ? path : "";
 }
 
 void Observe()

@@ -4,9 +4,10 @@
 #define REPORT_EVENT_TOOLS_PLATFORM_H
 
 #include <cstdint>
-#include <map>
 #include <string>
 #include <vector>
+
+#include "tools/EventJson.h"
 
 namespace tools::platform {
 
@@ -20,28 +21,14 @@ constexpr bool IS_HOST = false;
 // the library drops is told in a line of the program's own.
 void Quiet();
 
-struct Reader {
-    int pid;
-    bool isCurrent;   // the stream is this reader's
-    bool isObserver;  // it watches, and is never the current reader
-};
-
-struct Resource {
-    int pid;       // of the process that serves it
-    bool answers;  // it has told its readers
-    std::vector<Reader> readers;
-};
-
 struct Listing {
-    int error = 0;  // with which the runtime directory could not be read
-    std::map<std::string, Resource> resources;
+    std::string directory;            // in which resources are looked for; empty when there is none
+    int error = 0;                    // with which the runtime directory could not be read
+    Json resources = Json::object();  // by name, each as --list --json prints it
 };
 
 // The resources that are served in the runtime directory. May take half a second.
 Listing List();
-
-// The directory in which resources are looked for; empty when there is none.
-std::string RuntimeDirectory();
 
 // From now on, files are opened to watch what their readers get, and take nothing from them.
 void Observe();

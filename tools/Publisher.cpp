@@ -1,6 +1,7 @@
 #include "tools/Publisher.h"
 
 #include <algorithm>
+#include <stdexcept>
 #include <utility>
 
 #include "platform/host/iam/HostService.h"
@@ -23,45 +24,37 @@ bool HasReader(const std::string& resource)
 Publisher::Publisher(const PublisherOptions& options, const StopSignals& signals, Output& output)
     : options_(options), signals_(signals), output_(output)
 {
-}
-
-bool Publisher::Serve()
-{
     const int result = ReportEventClient::GetInstance().RegisterResService(options_.resource);
     if (result != ReportEvent::RESULT_OK) {
-        Complain(options_.resource + ": cannot serve it: " + DescribeResult(result) +
-                 "; is the name well-formed and served by no other process?");
-        return false;
+        throw std::runtime_error(options_.resource + ": cannot serve it: " + DescribeResult(result) +
+                                 "; is the name well-formed and served by no other process?");
     }
     Say("serving " + options_.resource);
-    return true;
 }
 
-Publisher::Wait Publisher::WaitForReader() const
+bool Publisher::WaitForReader() const
 {
     constexpr milliseconds LOOK_INTERVAL{10};
     const Clock::time_point start = Clock::now();
     while (options_.wait && !HasReader(options_.resource)) {
         if (options_.timeout != 0 && Clock::now() - start >= std::chrono::seconds(options_.timeout)) {
-            Complain("nobody has opened " + options_.resource + " within " + std::to_string(options_.timeout) + " s");
-            return Wait::TIMEOUT;
+            throw std::runtime_error("nobody has opened " + options_.resource + " within " +
+                                     std::to_string(options_.timeout) + " s");
         }
         if (signals_.WaitFor(LOOK_INTERVAL)) {
-            return Wait::STOP_SIGNAL;
+            return false;
         }
     }
-    return Wait::OVER;
+    return true;
 }
 
 bool Publisher::WaitForTurn(std::optional<SystemTime> arrival)
 {
-    Seconds pause{0};
-    if (std::exchange(first_, false)) {
+    const bool isFirst = std::exchange(isFirst_, false);
+    if (isFirst) {
         start_ = Clock::now();
-        lastArrival_ = arrival;
-    } else {
-        pause = options_.timing == 0 ? milliseconds(options_.interval) : PauseByTiming(arrival);
     }
+    const Seconds pause = options_.timing == 0 ? milliseconds(isFirst ? 0 : options_.interval) : PauseByTiming(arrival);
     return !signals_.WaitFor(std::chrono::ceil<std::chrono::nanoseconds>(pause));
 }
 
@@ -83,8 +76,13 @@ Publisher::Seconds Publisher::PauseByTiming(std::optional<SystemTime> arrival)
     return std::clamp<Seconds>(due_ - (Clock::now() - start_), Seconds(0), LONGEST);
 }
 
-bool Publisher::Publish(const Record& record, const std::string& description)
+bool Publisher::Publish(const std::string& description, std::optional<SystemTime> arrival,
+                        const std::function<Record()>& make)
 {
+    if (!WaitForTurn(arrival)) {
+        return false;
+    }
+    const Record record = make();
     const bool hadReader = HasReader(options_.resource);
     const std::optional<int> result = PublishWhenThereIsRoom(record);
     if (!result) {
@@ -103,8 +101,10 @@ bool Publisher::Publish(const Record& record, const std::string& description)
     return true;
 }
 
-bool Publisher::Summarise(const std::string& remark)
+bool Publisher::Summarise(uint64_t passedOver)
 {
+    const std::string remark =
+        passedOver == 0 ? "" : "; " + std::to_string(passedOver) + " events of other resources passed over";
     Say(options_.resource + ": " + std::to_string(published_) + " records with result 0, " + std::to_string(failed_) +
         " failed; " + std::to_string(retried_) + " tries met a full pool" + remark);
     if (unread_ > 0 && !options_.wait) {

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 
@@ -25,36 +26,34 @@ struct PublisherOptions {
 // Used by one thread. What it refers to outlives it.
 class Publisher {
 public:
+    // Serves the resource. Throws std::runtime_error with the cause when that fails.
     Publisher(const PublisherOptions& options, const StopSignals& signals, Output& output);
 
-    // Serves the resource. False when that failed, which has been reported.
-    bool Serve();
+    // Waits for a reader, if that was asked for. False when a stop signal came first. Throws std::runtime_error when
+    // none has come in time.
+    bool WaitForReader() const;
 
-    enum class Wait { OVER, STOP_SIGNAL, TIMEOUT };
-    // Waits for a reader, if that was asked for.
-    Wait WaitForReader() const;
+    // Waits until the next record is due, makes it and publishes it, waiting while the pool is full. `arrival` says
+    // when it arrived where it was recorded. False when a stop signal came first.
+    bool Publish(const std::string& description, std::optional<SystemTime> arrival,
+                 const std::function<Record()>& make);
 
-    // Waits until the next record is due; `arrival` says when it arrived where it was recorded. False when a stop
-    // signal came first.
-    bool WaitForTurn(std::optional<SystemTime> arrival);
-    // Publishes a record, waiting while the pool is full. False when a stop signal came first.
-    bool Publish(const Record& record, const std::string& description);
-
-    // The closing line; `remark` is added to it. Returns false when a record was not published.
-    bool Summarise(const std::string& remark);
+    // The closing line; `passedOver` events were not meant. Returns false when a record was not published.
+    bool Summarise(uint64_t passedOver);
 
 private:
     using Clock = std::chrono::steady_clock;
     using Seconds = std::chrono::duration<double>;
 
     void Say(const std::string& line);
+    bool WaitForTurn(std::optional<SystemTime> arrival);
     Seconds PauseByTiming(std::optional<SystemTime> arrival);
     std::optional<int> PublishWhenThereIsRoom(const Record& record);
 
     const PublisherOptions& options_;
     const StopSignals& signals_;
     Output& output_;
-    bool first_ = true;        // nothing was due yet
+    bool isFirst_ = true;      // nothing was due yet
     Clock::time_point start_;  // when the first record was due
     Seconds due_{0};           // after the start: the record that is due
     std::optional<SystemTime> lastArrival_;

@@ -46,37 +46,27 @@ std::optional<RecordedRecord> Recording::Next(const StopSignals& signals)
 
 std::optional<std::string> Recording::NextLine(const StopSignals& signals)
 {
-    size_t searched = 0;
-    for (;;) {
-        const size_t end = buffer_.find('\n', searched);
-        if (end != std::string::npos) {
-            return TakeLine(end, end + 1);
-        }
-        searched = buffer_.size();
+    size_t end = buffer_.find('\n');
+    while (end == std::string::npos) {
+        const size_t searched = buffer_.size();
         if (searched > LINE_LENGTH_MAX) {
             ++lineNumber_;
             throw std::runtime_error(Position() + "line too long");
         }
-        if (!WaitForInput(signals)) {
+        if (!WaitForInput(signals) || !ReadMore()) {
             return std::nullopt;
         }
-        if (!ReadMore()) {
-            return buffer_.empty() ? std::nullopt : std::optional(TakeLine(searched, searched));
-        }
+        end = buffer_.find('\n', searched);
     }
+    ++lineNumber_;
+    std::string line = buffer_.substr(0, end);
+    buffer_.erase(0, end + 1);
+    return line;
 }
 
 std::string Recording::Position() const
 {
     return name_ + ", line " + std::to_string(lineNumber_) + ": ";
-}
-
-std::string Recording::TakeLine(size_t length, size_t taken)
-{
-    ++lineNumber_;
-    std::string line = buffer_.substr(0, length);
-    buffer_.erase(0, taken);
-    return line;
 }
 
 bool Recording::WaitForInput(const StopSignals& signals) const
@@ -87,7 +77,7 @@ bool Recording::WaitForInput(const StopSignals& signals) const
     return waited[1].revents == 0;
 }
 
-// False at the end of the input.
+// False at the end of the input, which ends the last line, too.
 bool Recording::ReadMore()
 {
     char piece[4096];
@@ -97,6 +87,9 @@ bool Recording::ReadMore()
     }
     if (count > 0) {
         buffer_.append(piece, static_cast<size_t>(count));
+    } else if (count == 0 && !buffer_.empty()) {
+        buffer_ += '\n';
+        return true;
     }
     return count != 0;
 }

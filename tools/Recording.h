@@ -44,7 +44,6 @@ public:
 
 private:
     std::optional<std::string> NextLine(const StopSignals& signals);
-    std::string TakeLine(size_t length, size_t taken);
     bool WaitForInput(const StopSignals& signals) const;
     bool ReadMore();
     std::optional<RecordedRecord> Parse(const std::string& line);

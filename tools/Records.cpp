@@ -5,12 +5,10 @@
 #include <limits>
 #include <optional>
 #include <stdexcept>
-#include <type_traits>
 #include <utility>
 
 #include "platform/host/fte/FaultRecordEncoder.h"
 #include "report_event/EventRecord.h"
-#include "tools/EventFields.h"
 #include "tools/ToolSupport.h"
 
 namespace tools {
@@ -63,18 +61,12 @@ struct NumberReader {
     void operator()(const char* key, T& number) const
     {
         const Json& value = Find(object, key);
-        const bool isNegative = value.is_number_integer() && !value.is_number_unsigned() && value.get<int64_t>() < 0;
-        const bool fits =
-            isNegative
-                ? value.get<int64_t>() >= static_cast<int64_t>(std::numeric_limits<T>::min()) && std::is_signed_v<T>
-                : value.is_number_integer() &&
-                      value.get<uint64_t>() <= static_cast<uint64_t>(std::numeric_limits<T>::max());
-        if (fits) {
-            number = value.get<T>();
-            return;
+        number = value.is_number_integer() ? value.get<T>() : T();
+        if (std::to_string(number) != value.dump()) {
+            using Limits = std::numeric_limits<T>;
+            throw Fault(key, value.dump() + " is not a whole number from " + std::to_string(Limits::min()) + " to " +
+                                 std::to_string(Limits::max()));
         }
-        throw Fault(key, value.dump() + " is not a whole number from " + std::to_string(std::numeric_limits<T>::min()) +
-                             " to " + std::to_string(std::numeric_limits<T>::max()));
     }
 };
 
@@ -121,11 +113,11 @@ dsmi_event ReadDevice(const Json& object)
     std::memcpy(device.eventName, name.data(), name.size());
     const std::vector<unsigned char> reserved = ReadBytes(object, "reserved");
     size_t used = 0;
-    VisitReserved(device, [&](uint8_t* area, size_t size) {
-        if (used + size <= reserved.size()) {
-            std::memcpy(area, &reserved[used], size);
+    VisitReserved(device, [&](auto& area) {
+        if (used + sizeof(area) <= reserved.size()) {
+            std::memcpy(&area, &reserved[used], sizeof(area));
         }
-        used += size;
+        used += sizeof(area);
     });
     if (used != reserved.size()) {
         throw Fault("reserved", "not " + std::to_string(used) + " bytes");
@@ -136,12 +128,8 @@ dsmi_event ReadDevice(const Json& object)
 // ---------------------------------------------------------------------------------------------------------------------
 // Options
 
-struct NumberOption {
-    const char* option;
-    const char* key;
-};
-
-constexpr NumberOption NUMBERS[] = {
+// Options and the keys that they set.
+constexpr std::pair<const char*, const char*> NUMBERS[] = {
     {"--event-id", "eventId"},
     {"--severity", "severity"},
     {"--assertion", "assertion"},
@@ -191,15 +179,15 @@ std::vector<CLI::Option*> RecordOptions::AddTo(CLI::App& app)
     all.push_back(app.add_flag("--force-log", forceLog_));
     all.push_back(app.add_option_function<std::string>(
         "--name", [this](const std::string& name) { given_["eventName"] = name; }));
-    for (const NumberOption& number : NUMBERS) {
+    for (const auto& number : NUMBERS) {
         const auto read = [this, &number](const std::string& text) {
             const std::optional<uint64_t> value = ParseNumber(text);
             if (!value) {
-                throw CLI::ValidationError(number.option, "'" + text + "' is not a number");
+                throw CLI::ValidationError(number.first, "'" + text + "' is not a number");
             }
-            given_[number.key] = *value;
+            given_[number.second] = *value;
         };
-        all.push_back(app.add_option_function<std::string>(number.option, read));
+        all.push_back(app.add_option_function<std::string>(number.first, read));
     }
     const auto addDids = [this](const std::vector<std::string>& texts) {
         for (const std::string& text : texts) {
@@ -213,11 +201,10 @@ std::vector<CLI::Option*> RecordOptions::AddTo(CLI::App& app)
 void RecordOptions::Check()
 {
     try {
-        const Json event = Describe();
-        record_ = MakeRecord(event, forceLog_);
-        char id[32];
-        std::snprintf(id, sizeof(id), " event 0x%04X ", event["eventId"].get<uint32_t>());
-        description_ = kind_ + id + Quoted(event["eventName"].get<std::string>());
+        event_ = Describe();
+        MakeRecord(event_, forceLog_);
+        description_ = kind_ + " event " + Hex(event_["eventId"].get<uint32_t>()) + " " +
+                       Quoted(event_["eventName"].get<std::string>());
     } catch (const std::logic_error& error) {
         throw CLI::ValidationError("a " + kind_ + " event", error.what());
     }
@@ -225,21 +212,16 @@ void RecordOptions::Check()
 
 Record RecordOptions::Make(uint64_t index) const
 {
-    Record record = record_;
-    if (kind_ == "fault") {
-        return record;
-    }
-    dsmi_event event;
-    unsigned char* const payload = &record[ReportEvent::RECORD_PREFIX_SIZE];
-    std::memcpy(&event, payload, sizeof(event));
     constexpr uint64_t SERIALS = 1ULL << 31;
-    event.eventSerialNum = static_cast<int32_t>((static_cast<uint64_t>(event.eventSerialNum) + index) % SERIALS);
-    if (!given_.contains("eventArisedTime")) {
-        const std::chrono::nanoseconds now = std::chrono::system_clock::now().time_since_epoch();
-        event.eventArisedTime = static_cast<uint64_t>(now.count());
+    Json event = event_;
+    if (kind_ != "fault") {
+        event["eventSerialNum"] = (event["eventSerialNum"].get<uint64_t>() + index) % SERIALS;
     }
-    std::memcpy(payload, &event, sizeof(event));
-    return record;
+    if (kind_ != "fault" && !given_.contains("eventArisedTime")) {
+        const std::chrono::nanoseconds now = std::chrono::system_clock::now().time_since_epoch();
+        event["eventArisedTime"] = now.count();
+    }
+    return MakeRecord(event, forceLog_);
 }
 
 // An event without anything, and what is known about it.

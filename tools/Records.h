@@ -43,7 +43,7 @@ private:
     std::string kind_ = "fault";
     bool forceLog_ = false;
     Json given_ = Json::object();  // by key of the format, what options say
-    Record record_;                // number 0
+    Json event_;                   // number 0
     std::string description_;
 };
 

@@ -33,11 +33,7 @@ constexpr int LOOKS_UNTIL_OVER = 6;
 
 std::string Join(const std::vector<std::string>& names)
 {
-    std::string text;
-    for (const std::string& name : names) {
-        text += (text.empty() ? "" : ", ") + name;
-    }
-    return text;
+    return CLI::detail::join(names, ", ");
 }
 
 // The library keeps one read thread per subscribed file and ends it when the file is lost for good; it has no call that
@@ -65,11 +61,11 @@ std::set<std::string> FilesWithoutReadThread(const std::vector<std::string>& fil
 }
 
 // The other process that is the current reader of the file; 0 when none is known.
-int OtherReaderOf(platform::Listing& listing, const std::string& file)
+int OtherReaderOf(const platform::Listing& listing, const std::string& file)
 {
-    for (const platform::Reader& reader : listing.resources[file].readers) {
-        if (reader.isCurrent && reader.pid != getpid()) {
-            return reader.pid;
+    for (const Json& reader : listing.resources.value(file, Json::object()).value("readers", Json::array())) {
+        if (reader["current"] == true && reader["pid"] != getpid()) {
+            return reader["pid"].get<int>();
         }
     }
     return 0;
@@ -77,7 +73,7 @@ int OtherReaderOf(platform::Listing& listing, const std::string& file)
 
 void TellWhoseStreamsAreTaken(const std::vector<std::string>& files)
 {
-    platform::Listing listing = platform::List();
+    const platform::Listing listing = platform::List();
     for (const std::string& file : files) {
         if (const int reader = OtherReaderOf(listing, file)) {
             Notify("taking the stream of " + file + " from process " + std::to_string(reader));
@@ -85,19 +81,11 @@ void TellWhoseStreamsAreTaken(const std::vector<std::string>& files)
     }
 }
 
-void TellThatPlaceIsLost(const std::string& file)
-{
-    platform::Listing listing = platform::List();
-    const int reader = OtherReaderOf(listing, file);
-    const std::string who = reader == 0 ? "" : " (process " + std::to_string(reader) + ")";
-    Notify("another reader has taken " + file + who + "; it is not taken back");
-}
-
 // Why a registration of `files` has returned `result`, for people.
 std::string DescribeFailure(const std::vector<std::string>& files, int result)
 {
     const platform::Listing listing = platform::List();
-    const std::string where = " in " + platform::RuntimeDirectory();
+    const std::string where = " in " + listing.directory;
     if (!platform::IS_HOST) {
         return Join(files) + ": " + DescribeResult(result);
     }
@@ -107,10 +95,10 @@ std::string DescribeFailure(const std::vector<std::string>& files, int result)
     for (const std::string& file : files) {
         const auto found = listing.resources.find(file);
         if (found == listing.resources.end()) {
-            return std::string(file).append(": nobody serves it").append(where);
+            return file + ": nobody serves it" + where;
         }
-        if (!found->second.answers) {
-            return file + ": process " + std::to_string(found->second.pid) + " serves it and does not answer";
+        if (found->at("answers") == false) {
+            return file + ": process " + found->at("pid").dump() + " serves it and does not answer";
         }
     }
     return Join(files) + ": " + DescribeResult(result) + where;
@@ -171,10 +159,13 @@ Subscriptions::Subscriptions(const SubscriptionOptions& options, Deliver deliver
     }
     // In this order: a file of faults that carries security events, too, finds both callbacks.
     if (options.security) {
-        AddSecurity();
+        families_.push_back({ReportEvent::SECURITY_EVENT, {{ReportEvent::SECURITY_RESOURCE, State::UNKNOWN}}});
     }
     if (!options.faultFiles.empty()) {
-        AddFaults(options.faultFiles);
+        families_.push_back({ReportEvent::FAULT_EVENT, {}});
+    }
+    for (const std::string& file : options.faultFiles) {
+        families_.back().files.emplace(file, State::UNKNOWN);
     }
 }
 
@@ -183,41 +174,25 @@ Subscriptions::~Subscriptions()
     Stop();
 }
 
-// The callbacks of either family get what comes in on the files of both. They capture one pointer each: every delivery
-// copies them.
-void Subscriptions::AddFaults(const Files& files)
+template <typename... Event>
+void Subscriptions::HandOn(const Event&... event) const
 {
-    ReportEventServer& server = ReportEventServer::GetInstance();
-    const auto onFault = [this](const EventInfo& event, const UDSInfoForCpp& uds) {
-        const SystemTime arrival = Now();
-        deliver_(ToJson(platform::SourceOfThisThread(files_), arrival, event, uds), arrival);
-    };
-    const auto onDevice = [this](const dsmi_event& event) {
-        const SystemTime arrival = Now();
-        deliver_(ToJson(platform::SourceOfThisThread(files_), arrival, ReportEvent::FAULT_EVENT, event), arrival);
-    };
-    Family family;
-    family.registerFiles = [&server, onFault, onDevice](const Files& names) {
-        return server.FmRegisterMidReportEventImpl(names, onFault, onDevice);
-    };
-    family.unregisterFiles = [&server](const Files& names) { return server.FmUnregisterReportEventImpl(names); };
-    for (const std::string& file : files) {
-        family.files[file] = State::UNKNOWN;
-    }
-    families_.push_back(std::move(family));
+    const SystemTime arrival = Now();
+    deliver_(ToJson(platform::SourceOfThisThread(files_), arrival, event...), arrival);
 }
 
-void Subscriptions::AddSecurity()
+// The callbacks of either family get what comes in on the files of both. They capture one pointer each: every delivery
+// copies them.
+int Subscriptions::Register(const Family& family) const
 {
     ReportEventServer& server = ReportEventServer::GetInstance();
-    const auto onSecurity = [this](const dsmi_event& event) {
-        const SystemTime arrival = Now();
-        deliver_(ToJson(platform::SourceOfThisThread(files_), arrival, ReportEvent::SECURITY_EVENT, event), arrival);
-    };
-    families_.push_back(
-        {[&server, onSecurity](const Files&) { return server.RegIDSEventReportHandlerImpl(onSecurity); },
-         [&server](const Files&) { return server.UnregIDSEventReportHandlerImpl(); },
-         {{ReportEvent::SECURITY_RESOURCE, State::UNKNOWN}}});
+    const auto onDevice = [this](const dsmi_event& event) { HandOn(ReportEvent::FAULT_EVENT, event); };
+    const auto onFault = [this](const EventInfo& event, const UDSInfoForCpp& uds) { HandOn(event, uds); };
+    const auto onSecurity = [this](const dsmi_event& event) { HandOn(ReportEvent::SECURITY_EVENT, event); };
+    if (family.type == ReportEvent::SECURITY_EVENT) {
+        return server.RegIDSEventReportHandlerImpl(onSecurity);
+    }
+    return server.FmRegisterMidReportEventImpl(family.registered, onFault, onDevice);
 }
 
 bool Subscriptions::Start()
@@ -268,7 +243,7 @@ int Subscriptions::Start(Family& family) const
     }
     family.lastStart = Clock::now();
     family.equalLooks = 0;
-    const int result = family.registerFiles(family.registered);
+    const int result = Register(family);
     if (result != ReportEvent::RESULT_OK) {
         return result;
     }
@@ -283,8 +258,11 @@ void Subscriptions::Stop(Family& family)
 {
     TellLostRecords(family);
     const Files files = std::exchange(family.registered, {});
-    if (!files.empty()) {
-        family.unregisterFiles(files);
+    ReportEventServer& server = ReportEventServer::GetInstance();
+    if (!files.empty() && family.type == ReportEvent::SECURITY_EVENT) {
+        server.UnregIDSEventReportHandlerImpl();
+    } else if (!files.empty()) {
+        server.FmUnregisterReportEventImpl(files);
     }
 }
 
@@ -328,7 +306,9 @@ Subscriptions::State Subscriptions::StateAfterLook(const std::string& file, Stat
         return State::RECEIVING;
     }
     if (platform::HasLostPlace(file)) {
-        TellThatPlaceIsLost(file);
+        const int reader = OtherReaderOf(platform::List(), file);
+        const std::string who = reader == 0 ? "" : " (process " + std::to_string(reader) + ")";
+        Notify("another reader has taken " + file + who + "; it is not taken back");
         return State::TAKEN;
     }
     if (before == State::RECEIVING) {
@@ -347,9 +327,10 @@ bool Subscriptions::IsRenewalDue(const Family& family) const
         std::none_of(family.files.begin(), family.files.end(), isAbsent)) {
         return false;
     }
-    platform::Listing listing = platform::List();
+    const platform::Listing listing = platform::List();
     return std::any_of(family.files.begin(), family.files.end(), [&](const auto& file) {
-        return isAbsent(file) && (!platform::IS_HOST || listing.resources[file.first].answers);
+        return isAbsent(file) &&
+               (!platform::IS_HOST || listing.resources.value(file.first, Json::object()).value("answers", false));
     });
 }
 

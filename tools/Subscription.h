@@ -6,6 +6,7 @@
 #include <CLI/CLI.hpp>
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <set>
@@ -67,10 +68,9 @@ private:
         ABSENT,     // lost, or never there
         TAKEN,      // another reader has it; not taken back
     };
-    // An event family: the library registers and unregisters all its files together.
+    // The library registers and unregisters all files of a family together.
     struct Family {
-        std::function<int(const Files&)> registerFiles;
-        std::function<int(const Files&)> unregisterFiles;
+        ReportEvent::EventType type;
         std::map<std::string, State> files;
         Files registered{};  // unregistration is due for these
         std::set<std::string> lastLost{};
@@ -80,8 +80,9 @@ private:
         Clock::time_point lastStart{};
     };
 
-    void AddFaults(const Files& files);
-    void AddSecurity();
+    template <typename... Event>
+    void HandOn(const Event&... event) const;
+    int Register(const Family& family) const;
     int Start(Family& family) const;
     static void Stop(Family& family);
     static void TellLostRecords(Family& family);

@@ -88,6 +88,13 @@ std::vector<unsigned char> ParseHexadecimal(std::string_view text)
     return bytes;
 }
 
+std::string Hex(uint32_t number)
+{
+    char text[16];
+    std::snprintf(text, sizeof(text), "0x%04X", number);
+    return text;
+}
+
 std::optional<uint64_t> ParseNumber(std::string_view text)
 {
     const bool hexadecimal = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');

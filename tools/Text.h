@@ -16,6 +16,8 @@ std::string ToHexadecimal(const void* data, size_t size);
 // Blanks between bytes are allowed. Throws std::invalid_argument with the cause.
 std::vector<unsigned char> ParseHexadecimal(std::string_view text);
 
+// "0x1001"
+std::string Hex(uint32_t number);
 // A whole number in decimal or, after 0x, in hexadecimal; nothing when the text is not one.
 std::optional<uint64_t> ParseNumber(std::string_view text);
 

@@ -9,7 +9,6 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
-#include <cstdio>
 #include <exception>
 #include <mutex>
 #include <stdexcept>
@@ -54,13 +53,6 @@ int OpenStopSignals()
     sigaddset(&signals, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     return signalfd(-1, &signals, SFD_CLOEXEC);
-}
-
-int PrintText(const std::string& text)
-{
-    Output output(STDOUT_FILENO);
-    output.Write(text, -1);
-    return AfterOutput(output.Error(), EXIT_SUCCESS);
 }
 
 // To be called first of all: makes sure that no descriptor opened later becomes a standard stream, and that a closed
@@ -163,6 +155,13 @@ int AfterOutput(int error, int exitCode)
     return EXIT_RUNTIME_FAILURE;
 }
 
+int PrintText(const std::string& text)
+{
+    Output output(STDOUT_FILENO);
+    output.Write(text, -1);
+    return AfterOutput(output.Error(), EXIT_SUCCESS);
+}
+
 void Complain(const std::string& message)
 {
     WriteError(std::string(program_invocation_short_name) + ": " + message);
@@ -175,11 +174,10 @@ void Notify(const std::string& message)
 
 std::string DescribeResult(int code)
 {
-    char hex[16];
-    std::snprintf(hex, sizeof(hex), "0x%X", static_cast<unsigned int>(code));
+    const std::string hex = Hex(static_cast<uint32_t>(code));
     for (const auto& [known, meaning] : RESULTS) {
         if (known == code) {
-            return std::string(hex) + " (" + meaning + ")";
+            return hex + " (" + meaning + ")";
         }
     }
     return hex;

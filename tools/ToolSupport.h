@@ -15,6 +15,8 @@ namespace tools {
 constexpr int EXIT_RUNTIME_FAILURE = 1;
 constexpr int EXIT_USAGE = 2;
 
+constexpr uint64_t TIMEOUT_MAX = 1000000000;  // seconds: some thirty years
+
 // Once raised, stays raised; its descriptor is readable from then on. Any thread.
 class Flag {
 public:
@@ -68,6 +70,9 @@ int RunProgram(int argc, char** argv, const Program& program);
 // The exit code of a program that would end with `exitCode`, but for the error of its standard output, which this
 // reports. That nobody reads any more is none.
 int AfterOutput(int error, int exitCode);
+
+// Writes `text` to standard output, however long that takes. Returns the exit code.
+int PrintText(const std::string& text);
 
 // Any thread. These two escape what could command a terminal.
 

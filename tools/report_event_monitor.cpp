@@ -1,4 +1,4 @@
-// report-event-monitor: prints the events of this machine's publishers as they arrive.
+// report-event-monitor: prints the events of this machine's publishers as they arrive, or who serves and reads what.
 #include <poll.h>
 #include <unistd.h>
 
@@ -6,21 +6,21 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "Help.h"
 #include "tools/EventPrinter.h"
-#include "tools/ListCommand.h"
 #include "tools/Platform.h"
 #include "tools/Subscription.h"
 #include "tools/ToolSupport.h"
 
 namespace tools {
 namespace {
-
-constexpr uint64_t TIMEOUT_MAX = 1000000000;  // some thirty years
 
 struct Options {
     SubscriptionOptions subscription;
@@ -107,6 +107,56 @@ int Monitor(Options& options)
         }
     }
     return AfterOutput(printer.WriteError(), exitCode);
+}
+
+// "4711(monitor) 4712(monitor)*": the current reader has the star.
+std::string DescribeProcesses(const Json& processes)
+{
+    std::string text;
+    for (const Json& process : processes) {
+        const std::string pid = process["pid"].dump();
+        std::string name;
+        std::getline(std::ifstream("/proc/" + pid + "/comm"), name);
+        text += (text.empty() ? "" : " ") + pid + "(" + name + (process.value("current", false) ? ")*" : ")");
+    }
+    return text;
+}
+
+std::string Align(const std::string& name, const std::string& server, const std::string& readers,
+                  const std::string& observers)
+{
+    char text[1024];
+    std::snprintf(text, sizeof(text), "%-22s %-24s %-25s %s", name.c_str(), server.c_str(), readers.c_str(),
+                  observers.c_str());
+    const std::string row = text;
+    return row.substr(0, row.find_last_not_of(' ') + 1);
+}
+
+std::string ToRow(const Json& resource)
+{
+    const bool answers = resource["answers"].get<bool>();
+    return Align(resource["resource"].get<std::string>(), DescribeProcesses(Json::array({{{"pid", resource["pid"]}}})),
+                 answers ? DescribeProcesses(resource["readers"]) : "(does not answer)",
+                 DescribeProcesses(resource["observers"]));
+}
+
+// Which resources are served on this machine, by whom, and who reads them: a row or a JSON object for each. Returns the
+// exit code.
+int ListResources(bool json)
+{
+    const platform::Listing listing = platform::List();
+    if (listing.error != 0) {
+        throw std::system_error(listing.error, std::generic_category(), listing.directory);
+    }
+    if (listing.resources.empty()) {
+        Notify("no resource is served in " + listing.directory);
+        return EXIT_SUCCESS;
+    }
+    std::string text = json ? "" : Align("RESOURCE", "SERVED BY", "READERS", "OBSERVERS") + '\n';
+    for (const Json& resource : listing.resources) {
+        text += (json ? ToLine(resource) : Printable(ToRow(resource))) + '\n';
+    }
+    return PrintText(text);
 }
 
 int Run(Options& options)

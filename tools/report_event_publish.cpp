@@ -6,8 +6,6 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
-#include <exception>
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -24,7 +22,6 @@ namespace tools {
 namespace {
 
 constexpr uint64_t INTERVAL_MAX = 24UL * 3600 * 1000;  // a day
-constexpr uint64_t TIMEOUT_MAX = 1000000000;           // some thirty years
 constexpr int EXIT_INTERRUPTED = 130;
 
 struct Options {
@@ -82,13 +79,10 @@ void AddOptions(CLI::App& app, Options& options)
 bool PublishFromOptions(Publisher& publisher, const Options& options)
 {
     for (uint64_t i = 0; i < options.count; ++i) {
-        if (!publisher.WaitForTurn(std::nullopt)) {
-            return false;
-        }
-        // Made no sooner: it bears the time at which it is sent.
-        const Record record = options.record.Make(i);
         const std::string number = std::to_string(i + 1) + "/" + std::to_string(options.count) + " ";
-        if (!publisher.Publish(record, number + options.record.Description())) {
+        // Made no sooner than it is due: it bears the time at which it is sent.
+        const auto make = [&options, i] { return options.record.Make(i); };
+        if (!publisher.Publish(number + options.record.Description(), std::nullopt, make)) {
             return false;
         }
     }
@@ -98,8 +92,8 @@ bool PublishFromOptions(Publisher& publisher, const Options& options)
 bool PublishFromRecording(Publisher& publisher, Recording& recording, const StopSignals& signals)
 {
     while (const std::optional<RecordedRecord> recorded = recording.Next(signals)) {
-        if (!publisher.WaitForTurn(recorded->arrival) ||
-            !publisher.Publish(recorded->record, recording.Position() + "record")) {
+        const auto make = [&recorded] { return recorded->record; };
+        if (!publisher.Publish(recording.Position() + "record", recorded->arrival, make)) {
             return false;
         }
     }
@@ -116,44 +110,26 @@ int Print(const Options& options)
     return AfterOutput(output.Error(), EXIT_SUCCESS);
 }
 
-std::string Remark(const Recording* recording)
-{
-    if (recording == nullptr || recording->PassedOver() == 0) {
-        return "";
-    }
-    return "; " + std::to_string(recording->PassedOver()) + " events of other resources passed over";
-}
-
 int Serve(const Options& options, const StopSignals& signals, Output& output)
 {
-    std::unique_ptr<Recording> recording;
+    std::optional<Recording> recording;
     if (!options.from.empty()) {
-        recording =
-            std::make_unique<Recording>(options.from, options.only.empty() ? options.publisher.resource : options.only);
+        recording.emplace(options.from, options.only.empty() ? options.publisher.resource : options.only);
     }
     Publisher publisher(options.publisher, signals, output);
-    if (!publisher.Serve()) {
-        return EXIT_RUNTIME_FAILURE;
-    }
-    std::exception_ptr failure;
-    bool complete = false;
+    const auto summarise = [&] { return publisher.Summarise(recording ? recording->PassedOver() : 0); };
+    bool complete = publisher.WaitForReader();
     try {
-        const Publisher::Wait wait = publisher.WaitForReader();
-        if (wait == Publisher::Wait::TIMEOUT) {
-            return EXIT_RUNTIME_FAILURE;
-        }
-        complete = wait == Publisher::Wait::OVER && (recording ? PublishFromRecording(publisher, *recording, signals)
-                                                               : PublishFromOptions(publisher, options));
-    } catch (const std::exception& error) {
-        failure = std::current_exception();
+        complete = complete && (recording ? PublishFromRecording(publisher, *recording, signals)
+                                          : PublishFromOptions(publisher, options));
+    } catch (...) {
+        summarise();
+        throw;
     }
     if (complete && options.serve) {
         signals.WaitFor(std::chrono::nanoseconds::max());
     }
-    const bool allPublished = publisher.Summarise(Remark(recording.get()));
-    if (failure) {
-        std::rethrow_exception(failure);
-    }
+    const bool allPublished = summarise();
     if (!complete && !options.serve) {
         return EXIT_INTERRUPTED;
     }
