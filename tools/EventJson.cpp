@@ -60,8 +60,7 @@ Json ToJson(std::string_view resource, SystemTime arrival, ReportEvent::EventTyp
 
 bool IsPmLost(const Json& event)
 {
-    const auto kind = event.find("kind");
-    return kind != event.end() && *kind == PM_LOST;
+    return event.value("kind", Json()) == PM_LOST;
 }
 
 std::string ToLine(const Json& object)

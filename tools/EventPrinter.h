@@ -1,7 +1,8 @@
-// Prints events, a line each, from the threads that deliver them, and sums them up.
+// Prints the events that a filter lets pass, a line each, from the threads that deliver them, and sums them up.
 #ifndef REPORT_EVENT_TOOLS_EVENT_PRINTER_H
 #define REPORT_EVENT_TOOLS_EVENT_PRINTER_H
 
+#include <CLI/CLI.hpp>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -9,14 +10,28 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
-#include "tools/EventFilter.h"
 #include "tools/EventText.h"
 #include "tools/Output.h"
 #include "tools/ToolSupport.h"
 
 namespace tools {
+
+// Which events are shown, by their kind, identifier and severity. Set up once; then any thread.
+class EventFilter {
+public:
+    // The values stay in this object, which outlives `app`.
+    void AddTo(CLI::App& app);
+
+    bool Passes(const Json& event) const;
+
+private:
+    std::vector<std::string> kinds_;                  // empty: all
+    std::vector<std::pair<uint64_t, uint64_t>> ids_;  // from the first to the second; empty: all
+    uint64_t severity_ = 0;
+};
 
 // What was seen, for closing lines. Used by one thread at a time.
 class Statistics {

@@ -53,7 +53,7 @@ std::optional<std::string> Recording::NextLine(const StopSignals& signals)
             ++lineNumber_;
             throw std::runtime_error(Position() + "line too long");
         }
-        if (!WaitForInput(signals) || !ReadMore()) {
+        if (!ReadMore(signals)) {
             return std::nullopt;
         }
         end = buffer_.find('\n', searched);
@@ -69,17 +69,14 @@ std::string Recording::Position() const
     return name_ + ", line " + std::to_string(lineNumber_) + ": ";
 }
 
-bool Recording::WaitForInput(const StopSignals& signals) const
+// False at the end of the input, which ends the last line, too, and once a stop signal has arrived.
+bool Recording::ReadMore(const StopSignals& signals)
 {
     pollfd waited[] = {{input_.Get(), POLLIN, 0}, {signals.Descriptor(), POLLIN, 0}};
-    while (poll(waited, 2, -1) < 0 && errno == EINTR) {
+    poll(waited, 2, -1);
+    if (waited[1].revents != 0) {
+        return false;
     }
-    return waited[1].revents == 0;
-}
-
-// False at the end of the input, which ends the last line, too.
-bool Recording::ReadMore()
-{
     char piece[4096];
     const ssize_t count = read(input_.Get(), piece, sizeof(piece));
     if (count < 0 && errno != EAGAIN && errno != EINTR) {

@@ -44,8 +44,7 @@ public:
 
 private:
     std::optional<std::string> NextLine(const StopSignals& signals);
-    bool WaitForInput(const StopSignals& signals) const;
-    bool ReadMore();
+    bool ReadMore(const StopSignals& signals);
     std::optional<RecordedRecord> Parse(const std::string& line);
 
     const std::string name_;

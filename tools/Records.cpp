@@ -91,10 +91,9 @@ FaultEvent ReadFault(const Json& object)
         throw Fault("dids", "not an array");
     }
     for (const Json& element : dids) {
-        host_platform::fte::FaultDid did;
+        host_platform::fte::FaultDid& did = fault.dids.emplace_back();
         NumberReader{element}("did", did.did);
         did.data = ReadBytes(element, "data");
-        fault.dids.push_back(std::move(did));
     }
     return fault;
 }
@@ -201,7 +200,19 @@ std::vector<CLI::Option*> RecordOptions::AddTo(CLI::App& app)
 void RecordOptions::Check()
 {
     try {
-        event_ = Describe();
+        // An event without anything, and what is known about it.
+        event_ = kind_ == "fault" ? ToJson("", {}, EventInfo{}, UDSInfoForCpp{})
+                                  : ToJson("", {}, ReportEvent::FAULT_EVENT, dsmi_event{});
+        event_["kind"] = kind_;
+        for (const auto& field : event_.items()) {
+            field.value() = DEFAULTS.value(field.key(), field.value());
+        }
+        for (const auto& [key, value] : given_.items()) {
+            if (!event_.contains(key)) {
+                throw Fault(key, "there is no such field");
+            }
+            event_[key] = value;
+        }
         MakeRecord(event_, forceLog_);
         description_ = kind_ + " event " + Hex(event_["eventId"].get<uint32_t>()) + " " +
                        Quoted(event_["eventName"].get<std::string>());
@@ -222,26 +233,6 @@ Record RecordOptions::Make(uint64_t index) const
         event["eventArisedTime"] = now.count();
     }
     return MakeRecord(event, forceLog_);
-}
-
-// An event without anything, and what is known about it.
-Json RecordOptions::Describe() const
-{
-    Json event = kind_ == "fault" ? ToJson("", {}, EventInfo{}, UDSInfoForCpp{})
-                                  : ToJson("", {}, ReportEvent::FAULT_EVENT, dsmi_event{});
-    event["kind"] = kind_;
-    for (const auto& [key, value] : DEFAULTS.items()) {
-        if (event.contains(key)) {
-            event[key] = value;
-        }
-    }
-    for (const auto& [key, value] : given_.items()) {
-        if (!event.contains(key)) {
-            throw Fault(key, "there is no such field");
-        }
-        event[key] = value;
-    }
-    return event;
 }
 
 }  // namespace tools

@@ -38,8 +38,6 @@ public:
     }
 
 private:
-    Json Describe() const;
-
     std::string kind_ = "fault";
     bool forceLog_ = false;
     Json given_ = Json::object();  // by key of the format, what options say

@@ -31,10 +31,7 @@ constexpr int LOOKS_PER_NOTICE = 5;
 // arrived by then.
 constexpr int LOOKS_UNTIL_OVER = 6;
 
-std::string Join(const std::vector<std::string>& names)
-{
-    return CLI::detail::join(names, ", ");
-}
+using CLI::detail::join;
 
 // The library keeps one read thread per subscribed file and ends it when the file is lost for good; it has no call that
 // tells. Returns those of `files` that lack their thread. Files that agree in their first 12 characters are told apart
@@ -87,10 +84,10 @@ std::string DescribeFailure(const std::vector<std::string>& files, int result)
     const platform::Listing listing = platform::List();
     const std::string where = " in " + listing.directory;
     if (!platform::IS_HOST) {
-        return Join(files) + ": " + DescribeResult(result);
+        return join(files, ", ") + ": " + DescribeResult(result);
     }
     if (listing.error != 0) {
-        return Join(files) + where + ": " + std::generic_category().message(listing.error);
+        return join(files, ", ") + where + ": " + std::generic_category().message(listing.error);
     }
     for (const std::string& file : files) {
         const auto found = listing.resources.find(file);
@@ -101,7 +98,7 @@ std::string DescribeFailure(const std::vector<std::string>& files, int result)
             return file + ": process " + found->at("pid").dump() + " serves it and does not answer";
         }
     }
-    return Join(files) + ": " + DescribeResult(result) + where;
+    return join(files, ", ") + ": " + DescribeResult(result) + where;
 }
 
 }  // namespace
@@ -220,7 +217,13 @@ void Subscriptions::Look()
 
 bool Subscriptions::AreOver() const
 {
-    return std::all_of(families_.begin(), families_.end(), [this](const Family& family) { return IsOver(family); });
+    const auto isGone = [this](const auto& file) {
+        return file.second == State::TAKEN || (file.second == State::ABSENT && !follow_);
+    };
+    const auto isOver = [&isGone](const Family& family) {
+        return family.equalLooks >= LOOKS_UNTIL_OVER && std::all_of(family.files.begin(), family.files.end(), isGone);
+    };
+    return std::all_of(families_.begin(), families_.end(), isOver);
 }
 
 void Subscriptions::Stop()
@@ -250,7 +253,7 @@ int Subscriptions::Start(Family& family) const
     for (const std::string& file : family.registered) {
         family.files[file] = State::RECEIVING;
     }
-    Notify((observe_ ? "observing " : "receiving ") + Join(family.registered));
+    Notify((observe_ ? "observing " : "receiving ") + join(family.registered, ", "));
     return result;
 }
 
@@ -332,14 +335,6 @@ bool Subscriptions::IsRenewalDue(const Family& family) const
         return isAbsent(file) &&
                (!platform::IS_HOST || listing.resources.value(file.first, Json::object()).value("answers", false));
     });
-}
-
-bool Subscriptions::IsOver(const Family& family) const
-{
-    const auto isGone = [this](const auto& file) {
-        return file.second == State::TAKEN || (file.second == State::ABSENT && !follow_);
-    };
-    return family.equalLooks >= LOOKS_UNTIL_OVER && std::all_of(family.files.begin(), family.files.end(), isGone);
 }
 
 }  // namespace tools

@@ -43,8 +43,7 @@ public:
     // `deliver` is called for each event, on the threads that deliver them.
     Subscriptions(const SubscriptionOptions& options, Deliver deliver);
     ~Subscriptions();
-    Subscriptions(const Subscriptions&) = delete;
-    Subscriptions& operator=(const Subscriptions&) = delete;
+    Subscriptions(Subscriptions&&) = delete;
 
     // Registers. Returns false when a resource cannot be subscribed and nobody asked to wait for it, which has been
     // reported.
@@ -89,7 +88,6 @@ private:
     void Look(Family& family) const;
     State StateAfterLook(const std::string& file, State before, bool isLost) const;
     bool IsRenewalDue(const Family& family) const;
-    bool IsOver(const Family& family) const;
 
     const Files files_;
     const bool follow_;

@@ -30,27 +30,23 @@ std::string MakePrintable(std::string_view text, std::string_view escaped)
     const auto isPlain = [escaped](char c) { return c >= ' ' && c <= '~' && escaped.find(c) == escaped.npos; };
     std::string line;
     char escape[16];
-    for (auto at = text.begin();;) {
-        const auto plainEnd = std::find_if_not(at, text.end(), isPlain);
-        line.append(at, plainEnd);
-        if (plainEnd == text.end()) {
-            return line;
-        }
-        at = plainEnd;
-        if (utf8::find_invalid(at, at + std::min<ptrdiff_t>(4, text.end() - at)) == at) {
+    for (auto at = text.begin(); at != text.end();) {
+        const auto start = at;
+        if (isPlain(*at)) {
+            at = std::find_if_not(at, text.end(), isPlain);
+            line.append(start, at);
+        } else if (utf8::find_invalid(at, at + std::min<ptrdiff_t>(4, text.end() - at)) == at) {
             std::snprintf(escape, sizeof(escape), "\\x%02x", static_cast<unsigned char>(*at++));
             line += escape;
-            continue;
-        }
-        const char32_t character = utf8::unchecked::next(at);
-        if (IsCommand(character)) {
+        } else if (const char32_t character = utf8::unchecked::next(at); IsCommand(character)) {
             std::snprintf(escape, sizeof(escape), "\\u%04x", static_cast<unsigned int>(character));
             line += escape;
         } else {
-            line += escaped.find(*plainEnd) == escaped.npos ? "" : "\\";
-            line.append(plainEnd, at);
+            line += escaped.find(*start) == escaped.npos ? "" : "\\";
+            line.append(start, at);
         }
     }
+    return line;
 }
 
 }  // namespace

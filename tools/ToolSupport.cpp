@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
@@ -52,7 +51,10 @@ int OpenStopSignals()
     sigaddset(&signals, SIGINT);
     sigaddset(&signals, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    return signalfd(-1, &signals, SFD_CLOEXEC);
+    // Open to the end of the process: there may be something to say on the way out.
+    static const FileDescriptor descriptor(signalfd(-1, &signals, SFD_CLOEXEC), "signalfd");
+    stopDescriptor = descriptor.Get();
+    return stopDescriptor;
 }
 
 // To be called first of all: makes sure that no descriptor opened later becomes a standard stream, and that a closed
@@ -74,22 +76,8 @@ void PrepareStandardStreams()
 
 }  // namespace
 
-Flag::Flag() : event_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "eventfd")
-{
-}
-
-void Flag::Raise()
-{
-    // Fails only when the counter is at its end, and then the flag has long been raised.
-    (void)eventfd_write(event_.Get(), 1);
-}
-
 StopSignals::StopSignals() : signals_(OpenStopSignals())
 {
-    if (signals_ < 0) {
-        throw std::system_error(errno, std::generic_category(), "signalfd");
-    }
-    stopDescriptor = signals_;
 }
 
 // The signal is left in the queue: that is what keeps the descriptor readable.

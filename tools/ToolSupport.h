@@ -2,6 +2,8 @@
 #ifndef REPORT_EVENT_TOOLS_TOOL_SUPPORT_H
 #define REPORT_EVENT_TOOLS_TOOL_SUPPORT_H
 
+#include <sys/eventfd.h>
+
 #include <CLI/CLI.hpp>
 #include <chrono>
 #include <cstdint>
@@ -20,8 +22,14 @@ constexpr uint64_t TIMEOUT_MAX = 1000000000;  // seconds: some thirty years
 // Once raised, stays raised; its descriptor is readable from then on. Any thread.
 class Flag {
 public:
-    Flag();
-    void Raise();
+    Flag() : event_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "eventfd")
+    {
+    }
+    void Raise()
+    {
+        // Fails only when the counter is at its end, and then the flag has long been raised.
+        (void)eventfd_write(event_.Get(), 1);
+    }
     int Descriptor() const
     {
         return event_.Get();
@@ -48,7 +56,7 @@ public:
     bool AreInterrupt() const;
 
 private:
-    const int signals_;  // open to the end of the process: there may be something to say on the way out
+    const int signals_;
 };
 
 // Adds an option that takes a whole number in decimal or, after 0x, in hexadecimal, from `least` to `most`.

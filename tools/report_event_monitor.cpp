@@ -45,7 +45,6 @@ void AddOptions(CLI::App& app, Options& options)
     if (platform::IS_HOST) {
         app.add_flag("--list", options.list);
     }
-    app.callback([&options] { options.subscription.Complete(); });
 }
 
 void AdaptToTerminal(Options& options)
@@ -161,6 +160,7 @@ int ListResources(bool json)
 
 int Run(Options& options)
 {
+    options.subscription.Complete();
     if (!options.verbose) {
         platform::Quiet();
     }

@@ -11,7 +11,6 @@
 #include <string>
 #include <vector>
 
-#include "tools/EventFilter.h"
 #include "tools/EventJson.h"
 #include "tools/EventPrinter.h"
 #include "tools/EventText.h"
