@@ -82,9 +82,6 @@ TEST_F(EndToEnd, AKilledProcessManagerIsReportedAndAnotherServiceIsReopened)
     ExpectNumbered(*monitor, 4, 2, 2);
     EXPECT_TRUE(monitor->WaitForError("Reconnect success. (file=dp:/res/iam/sec_event,fd="));
     ExpectStop(*monitor, SIGTERM);
-    for (const std::string file : {PM, SECURITY}) {
-        EXPECT_TRUE(monitor->WaitForError("StopSubscribeEvent: join thead of resfile=" + file + " success"));
-    }
 }
 
 TEST_F(EndToEnd, AMonitorThatFollowsSurvivesEveryRestartAndGetsWhatWasAcceptedBeforeTheEndFirst)
@@ -121,16 +118,11 @@ TEST_F(EndToEnd, OnATerminalEventsStandInColumnsUnderAHeader)
         const auto terminal = Shell("script -qec \"" TEST_EMULATOR " '" MONITOR "' --count 2 2>&3\" /dev/null 3>&2");
         const Words lines = Events(*terminal, 3);
         ExpectEnd(*terminal);
-        EXPECT_TRUE(lines[0].rfind(std::string(today) + "      ARISED       KIND  ", 0) == 0) << lines[0];
-        for (const int row : {1, 2}) {
-            const std::string start = noColour.empty() ? "\x1B[31m" : "";
-            const std::string end = noColour.empty() ? "\x1B[0m\r" : "\r";
-            ASSERT_GT(lines[row].size(), start.size() + 15);
-            EXPECT_EQ(lines[row].substr(0, start.size()), start);
-            EXPECT_EQ(lines[row].substr(start.size() + 15),
-                      " 9            device   0x1001       2   1     0/0/0      " + std::to_string(row) +
-                          " dp:/res/pm/fm \"test event\"" + end);
-        }
+        ExpectHolds(lines[0], std::string(today) + "      ARISED       KIND  ");
+        const std::string row = " 9            device   0x1001       2   1     0/0/0      ";
+        ExpectHolds(lines[1], row + "1 dp:/res/pm/fm \"test event\"");
+        ExpectHolds(lines[2], row + "2 dp:/res/pm/fm \"test event\"");
+        EXPECT_EQ(lines[1].rfind("\x1B[31m", 0) == 0, noColour.empty()) << lines[1];
     }
     for (const char* const name : {"TZ", "NO_COLOR"}) {
         unsetenv(name);
@@ -163,9 +155,7 @@ TEST_F(EndToEnd, WrongUseEndsWithOneLineThatNamesTheCause)
         {PUBLISHER, "--print --event-id 65536", 2, "eventId: 65536 is not a whole number from 0 to 65535"},
         {PUBLISHER, "--print --severity 1", 2, "a fault event: severity: there is no such field"},
         {PUBLISHER, "--print --kind device --did 1=00", 2, "a device event: dids: there is no such field"},
-        {PUBLISHER, "--print --did 65536=00", 2, "did: 65536 is not a whole number"},
-        {PUBLISHER, "--print --kind device --name " + std::string(289, 'n'), 2, "289 bytes; at most 288 fit"},
-        {PUBLISHER, "--resource x:/res/y --severity 256", 2, "severity"},
+        {PUBLISHER, "--resource x:/res/y --from /", 1, "/: Is a directory"},
         {PUBLISHER, "--resource x:/res/" + std::string(300, 'n'), 1, "nnn"},
         {PUBLISHER, "", 2, "resource"},
     };
@@ -179,9 +169,6 @@ TEST_F(EndToEnd, WrongUseEndsWithOneLineThatNamesTheCause)
         ASSERT_EQ(own.size(), 1U) << program->Transcript();
         ExpectHolds(own[0], cause);
     }
-    const auto help = Start(MONITOR, "--help");
-    ExpectEnd(*help);
-    EXPECT_TRUE(help->WaitForOutput("current reader"));
 }
 
 TEST_F(EndToEnd, AProgramWhoseOutputFailsEndsWithTheRightCode)

@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <sstream>
 
 #include "tests/system/Ends.h"
@@ -105,14 +104,10 @@ TEST_F(Output, EveryLineArrivesWholeHoweverSlowlyItIsRead)
 
 TEST_F(Output, AFileThatOthersWriteToAsWellIsContinued)
 {
-    const std::string path = std::filesystem::path(getenv("IAM_RUNTIME_DIR")) / "file";
-    const auto script = Shell("{ echo before; " TEST_EMULATOR " '" PUBLISHER "' --print; echo after; } > " + path);
+    const auto script = Shell("cd $IAM_RUNTIME_DIR; { echo before; " TEST_EMULATOR " '" PUBLISHER
+                              "' --print; echo after; } > file; cat file");
     ExpectEnd(*script);
-    std::ifstream file(path);
-    Words lines;
-    for (std::string line; std::getline(file, line);) {
-        lines.push_back(line);
-    }
+    const Words lines = script->Output();
     ASSERT_EQ(lines.size(), 3U);
     EXPECT_EQ(lines[0], "before");
     EXPECT_EQ(lines[2], "after");

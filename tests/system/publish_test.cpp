@@ -33,55 +33,34 @@ std::string JoinLines(const Words& lines)
 }
 
 // Events of every kind, in no order, with names of every sort: text, UTF-8, no UTF-8, some that fill their area.
-class MixedEvents {
-public:
-    std::string NextLine()
-    {
-        if (random_() % 3 == 0) {
-            return tools::ToLine(NextFault());
-        }
-        dsmi_event device;
-        auto* const bytes = reinterpret_cast<unsigned char*>(&device);
-        for (size_t i = 0; i < sizeof(device); ++i) {
-            bytes[i] = static_cast<unsigned char>(random_());
-        }
-        if (random_() % 4 != 0) {
-            SetName(device.eventName);
-        }
-        const auto family = random_() % 2 == 0 ? ReportEvent::FAULT_EVENT : ReportEvent::SECURITY_EVENT;
-        return tools::ToLine(tools::ToJson(PM, {}, family, device));
+std::string MixedEvent(std::mt19937& random)
+{
+    static const std::string PARTS[] = {"fan ", "\xC3\xA9", "\xE2\x82\xAC", "\xF0\x9F\x98\x80", "\"\\\x1B", "\xFF"};
+    std::string name;
+    for (size_t count = random() % 32; count > 0; --count) {
+        name += PARTS[random() % std::size(PARTS)];
     }
-
-private:
-    tools::Json NextFault()
-    {
+    if (random() % 3 == 0) {
         EventInfo fault{};
-        fault.eventId = static_cast<uint16_t>(random_());
-        fault.osId = static_cast<uint32_t>(random_());
-        SetName(fault.eventPara.buf);
+        fault.eventId = static_cast<uint16_t>(random());
+        fault.osId = static_cast<uint32_t>(random());
+        name.copy(fault.eventPara.buf, sizeof(fault.eventPara.buf));
         UDSInfoForCpp uds;
-        uds.udsId = static_cast<uint16_t>(random_());
-        for (size_t count = random_() % 4; count > 0; --count) {
-            const auto byte = static_cast<uint8_t>(random_());
-            uds.didInfo.push_back({static_cast<uint16_t>(random_()), std::vector<uint8_t>(byte % 40, byte)});
+        for (size_t count = random() % 4; count > 0; --count) {
+            const auto byte = static_cast<uint8_t>(random());
+            uds.didInfo.push_back({static_cast<uint16_t>(random()), std::vector<uint8_t>(byte % 40, byte)});
         }
-        return tools::ToJson(PM, {}, fault, uds);
+        return tools::ToLine(tools::ToJson(PM, {}, fault, uds));
     }
-
-    template <size_t SIZE>
-    void SetName(char (&area)[SIZE])
-    {
-        static const std::string PARTS[] = {"fan ", "\xC3\xA9", "\xE2\x82\xAC", "\xF0\x9F\x98\x80", "\"\\\x1B", "\xFF"};
-        std::string name;
-        for (size_t count = random_() % 32; count > 0; --count) {
-            name += PARTS[random_() % std::size(PARTS)];
-        }
-        std::fill(std::begin(area), std::end(area), '\0');
-        std::copy_n(name.begin(), std::min(name.size(), SIZE), area);
+    dsmi_event device;
+    auto* const bytes = reinterpret_cast<unsigned char*>(&device);
+    std::generate_n(bytes, sizeof(device), [&random] { return static_cast<unsigned char>(random()); });
+    if (random() % 4 != 0) {
+        name.append(sizeof(device.eventName), '\0').copy(device.eventName, sizeof(device.eventName));
     }
-
-    std::mt19937 random_{1};
-};
+    const auto family = random() % 2 == 0 ? ReportEvent::FAULT_EVENT : ReportEvent::SECURITY_EVENT;
+    return tools::ToLine(tools::ToJson(PM, {}, family, device));
+}
 
 // Events without what a replay cannot repeat.
 Words WithoutArrival(Words events)
@@ -96,10 +75,10 @@ Words WithoutArrival(Words events)
 TEST_F(Publish, ARecordingOfTenThousandMixedEventsReplaysIdentically)
 {
     constexpr size_t COUNT = 10000;
-    MixedEvents mixed;
+    std::mt19937 random(1);
     Words expected;
     for (size_t i = 0; i < COUNT; ++i) {
-        expected.push_back(mixed.NextLine());
+        expected.push_back(MixedEvent(random));
     }
     const auto security = Serve(SECURITY, "--quiet --count 0");
     Words recording = expected;

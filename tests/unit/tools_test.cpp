@@ -4,13 +4,12 @@
 
 #include <chrono>
 #include <cstdlib>
-#include <cstring>
 #include <ctime>
-#include <numeric>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "report_event/ResourceNames.h"
 #include "tools/EventJson.h"
 #include "tools/EventPrinter.h"
 #include "tools/EventText.h"
@@ -20,88 +19,51 @@
 namespace tools {
 namespace {
 
-using ReportEvent::FAULT_EVENT;
-
 const SystemTime ARRIVAL = *ParseUtcTime("2024-05-06T07:08:09.000345Z");
 
-struct Fault {
-    EventInfo event{};
-    UDSInfoForCpp uds;
+const std::string FAULT =
+    R"({"kind":"fault","resource":"dp:/res/pm/fm","arrival":"2024-05-06T07:08:09.000345Z","eventId":65535,)"
+    R"("eventName":"fan é\u001b\"","assertion":255,"nodeId":4294967295,"deviceId":7,"osId":134810123,"udsId":3085,)"
+    R"("dids":[{"did":1,"data":"01ff"},{"did":61857,"data":""}]})";
 
-    Json ToJson() const
-    {
-        return tools::ToJson("dp:/res/pm/fm", ARRIVAL, event, uds);
-    }
-};
+// Its name is no UTF-8, and goes on behind a NUL.
+const std::string DEVICE =
+    R"({"kind":"device","resource":"x:/res/y","arrival":"2024-05-06T07:08:09.000345Z","eventId":185207048,)"
+    R"("eventName":"","eventNameHex":"ff0062","severity":18,"assertion":19,"nodeId":15,"deviceId":3340,"osId":72,)"
+    R"("eventSerialNum":-5,"notifySerialNum":454695192,"eventArisedTime":18446744073709551615,"reserved":"0001020304050)"
+    R"(6070e10111c1d1e1f494a4b4c4d4e4f505152535455565758595a5b5c5d5e5f6061626364656667"})";
 
-Fault MakeFault()
+// An event with other values than DEVICE has.
+Json DeviceWith(const Json& values)
 {
-    Fault fault;
-    fault.event = {65535, 255, 4294967295, 7, 134810123, {"fan \xC3\xA9\x1B\""}};
-    fault.uds = {3085, {{1, {1, 255}}, {61857, {}}}};
-    return fault;
-}
-
-// Every byte of it tells its own place. The name is no UTF-8, and goes on behind a NUL.
-dsmi_event MakeDevice()
-{
-    dsmi_event event;
-    auto* const bytes = reinterpret_cast<unsigned char*>(&event);
-    std::iota(bytes, bytes + sizeof(event), static_cast<unsigned char>(0));
-    event.eventSerialNum = -5;
-    event.eventArisedTime = UINT64_MAX;
-    std::memset(event.eventName, 0, sizeof(event.eventName));
-    std::memcpy(event.eventName, "\xFF\0b", 3);
+    Json event = Json::parse(DEVICE);
+    event.update(values);
     return event;
-}
-
-Json DeviceJson(const dsmi_event& event)
-{
-    return ToJson("x:/res/y", ARRIVAL, FAULT_EVENT, event);
-}
-
-TEST(EventJson, ANameThatIsNoTextStandsInHexadecimalAndComesBack)
-{
-    const dsmi_event device = MakeDevice();
-    const Json event = DeviceJson(device);
-    EXPECT_EQ(event["eventNameHex"], "ff0062");
-    const ReportEvent::RawRecord raw = ReportEvent::MakeRawRecord(FAULT_EVENT, true, device);
-    EXPECT_EQ(MakeRecord(Json::parse(ToLine(event)), true), Record(std::begin(raw.bytes), std::end(raw.bytes)));
-    dsmi_event full{};
-    std::memset(full.eventName, 'n', sizeof(full.eventName));
-    EXPECT_FALSE(DeviceJson(full).contains("eventNameHex"));
-    dsmi_event lost{};
-    lost.eventId = 0x8C03A000;
-    EXPECT_EQ(DeviceJson(lost)["kind"], "device");
 }
 
 TEST(EventJson, AnEventIsReadWhateverElseItHoldsAndRefusedWithItsCauseWhenItDoesNotFit)
 {
-    const std::string fault = ToLine(MakeFault().ToJson());
-    const std::string device = ToLine(DeviceJson(MakeDevice()));
     const struct {
         std::string line, part, replacement, cause;
     } cases[] = {
-        {fault, "{\"kind", "{\"new\":[1],\"kind", ""},
-        {fault, "01ff", "01 FF", ""},
-        {fault, "\"fault\"", "\"pm-lost\"", "kind: 'pm-lost' cannot be published"},
-        {fault, "\"kind\"", "\"kin\"", "kind: missing"},
-        {fault, "65535", "65536", "eventId: 65536 is not a whole number from 0 to 65535"},
-        {fault, "65535", "1.5", "eventId: 1.5 is not a whole number from"},
-        {fault, "65535", "true", "eventId: true is not a whole number from"},
-        {fault, "\"udsId\":3085,", "", "udsId: missing"},
-        {fault, "01ff", "01f", "data: not a byte of two hexadecimal digits at character 3"},
-        {fault, "01ff", "0x01", "data: not a byte of two hexadecimal digits at character 1"},
-        {fault, "\"dids\":[", "\"dids\":7,\"x\":[", "dids: not an array"},
-        {fault, "{\"did\":1,\"data\":\"01ff\"}", "5", "did: missing"},
-        {fault, "fan ", std::string(125, 'n'), "event name of 129 bytes; at most 128 fit"},
-        {device, ":-5", ":-2147483649", "eventSerialNum: -2147483649 is not a whole number from -2147483648"},
-        {device, ":-5", ":2147483648", "eventSerialNum: 2147483648 is not a whole number from -2147483648"},
-        {device, "18446744073709551615", "18446744073709551616", "eventArisedTime: 1.8446744073709552e+19 is not"},
-        {device, "18446744073709551615", "-1", "eventArisedTime: -1 is not a whole number from 0"},
-        {device, "6667\"", "66\"", "reserved: not 46 bytes"},
-        {device, "ff0062", std::string(578, '0'), "eventName: 289 bytes; at most 288 fit"},
-        {device, "\"ff0062\"", "5", "eventNameHex: not a text"},
+        {FAULT, "{\"kind", "{\"new\":[1],\"kind", ""},
+        {FAULT, "01ff", "01 FF", ""},
+        {FAULT, "\"fault\"", "\"pm-lost\"", "kind: 'pm-lost' cannot be published"},
+        {FAULT, "\"kind\"", "\"kin\"", "kind: missing"},
+        {FAULT, "65535", "65536", "eventId: 65536 is not a whole number from 0 to 65535"},
+        {FAULT, "65535", "1.5", "eventId: 1.5 is not a whole number from"},
+        {FAULT, "\"udsId\":3085,", "", "udsId: missing"},
+        {FAULT, "01ff", "01f", "data: not a byte of two hexadecimal digits at character 3"},
+        {FAULT, "\"dids\":[", "\"dids\":7,\"x\":[", "dids: not an array"},
+        {FAULT, "{\"did\":1,\"data\":\"01ff\"}", "5", "did: missing"},
+        {FAULT, "fan ", std::string(125, 'n'), "event name of 129 bytes; at most 128 fit"},
+        {DEVICE, ":-5", ":-2147483649", "eventSerialNum: -2147483649 is not a whole number from -2147483648"},
+        {DEVICE, ":-5", ":2147483648", "eventSerialNum: 2147483648 is not a whole number from -2147483648"},
+        {DEVICE, "18446744073709551615", "18446744073709551616", "eventArisedTime: 1.8446744073709552e+19 is not"},
+        {DEVICE, "18446744073709551615", "-1", "eventArisedTime: -1 is not a whole number from 0"},
+        {DEVICE, "6667\"", "66\"", "reserved: not 46 bytes"},
+        {DEVICE, "ff0062", std::string(578, '0'), "eventName: 289 bytes; at most 288 fit"},
+        {DEVICE, "\"ff0062\"", "5", "eventNameHex: not a text"},
     };
     for (const auto& [line, part, replacement, cause] : cases) {
         std::string changed = line;
@@ -153,34 +115,35 @@ TEST(EventText, ARowOfEachKindStandsUnderItsHeaderWithinAHundredColumns)
     const LocalTime fiveHoursAhead;
     RowStyle style;
     style.shortTimes = true;
-    dsmi_event device{};
-    std::strcpy(device.eventName, "test event");
-    device.eventId = 0x80E01801;
-    device.severity = 3;
-    device.assertion = 1;
-    device.nodeId = 1;
-    device.deviceId = 22;
-    device.osId = 3;
-    device.eventSerialNum = -42;
-    device.eventArisedTime = 1714979289000999999;
-    dsmi_event lost = device;
-    lost.eventId = 0x8C03A000;
-    lost.deviceId = 65535;
+    const Json device = DeviceWith({{"eventName", "test event"},
+                                    {"eventId", 0x80E01801},
+                                    {"severity", 3},
+                                    {"assertion", 1},
+                                    {"nodeId", 1},
+                                    {"deviceId", 22},
+                                    {"osId", 3},
+                                    {"eventSerialNum", -42},
+                                    {"notifySerialNum", 0},
+                                    {"eventArisedTime", 1714979289000999999},
+                                    {"resource", "dp:/res/pm/fm"},
+                                    {"reserved", std::string(92, '0')}});
+    Json lost = device;
+    lost.update({{"kind", PM_LOST}, {"resource", FAULT_REPORTING}, {"deviceId", 65535}});
     const struct {
         Json event;
         std::string row;
     } cases[] = {
-        {ToJson("dp:/res/pm/fm", ARRIVAL, FAULT_EVENT, device),
+        {device,
          "12:08:09.000345 12:08:09.000 device   0x80E01801   3   1    1/22/3    -42 dp:/res/pm/fm \"test event\""},
-        {ToJson(FAULT_REPORTING, ARRIVAL, FAULT_EVENT, lost),
-         "12:08:09.000345 12:08:09.000 pm-lost  0x8C03A000   3   1 1/65535/3    -42 fault-reporting \"test event\" "
+        {lost,
+         "12:08:09.000345 12:08:09.000 pm-lost  0x80E01801   3   1 1/65535/3    -42 fault-reporting \"test event\" "
          "(this process manager is gone)"},
-        {MakeFault().ToJson(),
+        {Json::parse(FAULT),
          "12:08:09.000345 -            fault    0xFFFF       - 255 4294967295/7/134810123      - dp:/res/pm/fm "
          "\"fan \xC3\xA9\\u001b\\\"\" uds=0x0C0D did:0x0001=01ff did:0xF1A1="},
-        {DeviceJson(MakeDevice()),
+        {Json::parse(DEVICE),
          "12:08:09.000345 2554-07-22T04:34:33.709551 device   0xB0A0908   18  19 15/3340/72     -5 x:/res/y      "
-         "\"\\xff\" notify=454695192 reserved=00010203040506070e10111c1d1e1f494a4b4c4d4e4f505152535455565758595a5b5c5d"
+         "\"\" notify=454695192 reserved=00010203040506070e10111c1d1e1f494a4b4c4d4e4f505152535455565758595a5b5c5d"
          "5e5f6061626364656667"},
     };
     for (const auto& [event, row] : cases) {
@@ -194,44 +157,46 @@ TEST(EventText, ARowOfEachKindStandsUnderItsHeaderWithinAHundredColumns)
 TEST(EventText, TimesAndColoursAreThoseAskedFor)
 {
     const LocalTime fiveHoursAhead;
-    dsmi_event device{};
-    device.eventArisedTime = 1714979289000999999;
-    const auto row = [&device](const RowStyle& style) {
-        return ToRow(style, DeviceJson(device), ARRIVAL, ARRIVAL - std::chrono::milliseconds(1500));
+    const Json device = DeviceWith({{"eventArisedTime", 1714979289000999999}});
+    const auto times = [&device](const RowStyle& style) {
+        const std::string row = ToRow(style, device, ARRIVAL, ARRIVAL - std::chrono::milliseconds(1500));
+        return row.substr(0, row.find(" device "));
     };
-    const std::string rest = " device   0x0000       0   0     0/0/0      0 x:/res/y      \"\"";
     RowStyle style;
-    EXPECT_EQ(row(style), "2024-05-06T12:08:09.000345 2024-05-06T12:08:09.000999" + rest);
+    EXPECT_EQ(times(style), "2024-05-06T12:08:09.000345 2024-05-06T12:08:09.000999");
     style.utc = true;
-    EXPECT_EQ(row(style), "2024-05-06T07:08:09.000345Z 2024-05-06T07:08:09.000999Z" + rest);
+    EXPECT_EQ(times(style), "2024-05-06T07:08:09.000345Z 2024-05-06T07:08:09.000999Z");
     style.delta = true;
-    EXPECT_EQ(row(style), "       1.500000 2024-05-06T07:08:09.000999Z" + rest);
+    EXPECT_EQ(times(style), "       1.500000 2024-05-06T07:08:09.000999Z");
     style.shortTimes = true;
-    EXPECT_EQ(row(style), "       1.500000 07:08:09.000" + rest);
+    EXPECT_EQ(times(style), "       1.500000 07:08:09.000");
     EXPECT_EQ(HeaderRow(style, {}).substr(0, 22), "AFTER (S)       ARISED");
     style.delta = false;
     EXPECT_EQ(HeaderRow(style, {}).substr(0, 22), "1970-01-01 UTC  ARISED");
 
     // The warmer, the more severe; green is over, and a fault, which has no severity, stands between.
     style.colour = true;
-    Fault fault;
-    Fault assertedFault;
-    assertedFault.event.assertion = 1;
-    const auto withSeverity = [](uint8_t severity, uint8_t assertion) {
-        dsmi_event event{};
-        event.severity = severity;
-        event.assertion = assertion;
-        return DeviceJson(event);
+    const Json fault = Json::parse(FAULT);
+    Json pastFault = fault;
+    pastFault["assertion"] = 0;
+    const auto withSeverity = [](int severity, int assertion) {
+        return DeviceWith({{"severity", severity}, {"assertion", assertion}});
     };
-    dsmi_event lost{};
-    lost.eventId = 0x8C03A000;
+    // The identifier of a loss makes none when somebody else uses it.
+    dsmi_event notLost{};
+    notLost.eventId = ReportEvent::PM_LOST_EVENT_ID;
     const struct {
         Json event;
         std::string colour;
-    } cases[] = {{withSeverity(0, 1), "\x1B[36m"},     {withSeverity(1, 1), "\x1B[33m"},
-                 {withSeverity(2, 1), "\x1B[31m"},     {withSeverity(255, 1), "\x1B[31m"},
-                 {withSeverity(2, 0), "\x1B[32m"},     {ToJson(FAULT_REPORTING, {}, FAULT_EVENT, lost), "\x1B[1;31m"},
-                 {assertedFault.ToJson(), "\x1B[33m"}, {fault.ToJson(), "\x1B[32m"}};
+    } cases[] = {{withSeverity(0, 1), "\x1B[36m"},
+                 {withSeverity(1, 1), "\x1B[33m"},
+                 {withSeverity(2, 1), "\x1B[31m"},
+                 {withSeverity(255, 1), "\x1B[31m"},
+                 {withSeverity(2, 0), "\x1B[32m"},
+                 {DeviceWith({{"kind", PM_LOST}}), "\x1B[1;31m"},
+                 {ToJson("x:/res/y", {}, ReportEvent::FAULT_EVENT, notLost), "\x1B[32m"},
+                 {fault, "\x1B[33m"},
+                 {pastFault, "\x1B[32m"}};
     for (const auto& [event, colour] : cases) {
         const std::string text = ToRow(style, event, ARRIVAL, std::nullopt);
         EXPECT_EQ(text.substr(0, colour.size()), colour) << event;
@@ -241,11 +206,9 @@ TEST(EventText, TimesAndColoursAreThoseAskedFor)
 
 TEST(EventFilter, AnEventPassesWhenItFitsEachKindOfFilter)
 {
-    dsmi_event device{};
-    device.eventId = 0x20;
-    device.severity = 2;
-    Fault fault;
-    fault.event.eventId = 0x10;
+    const Json device = DeviceWith({{"eventId", 0x20}, {"severity", 2}});
+    Json fault = Json::parse(FAULT);
+    fault["eventId"] = 0x10;
     const struct {
         std::string options;
         bool deviceToo, faultToo;
@@ -268,8 +231,8 @@ TEST(EventFilter, AnEventPassesWhenItFitsEachKindOfFilter)
         EventFilter filter;
         filter.AddTo(app);
         app.parse(options);
-        EXPECT_EQ(filter.Passes(DeviceJson(device)), deviceToo) << options;
-        EXPECT_EQ(filter.Passes(fault.ToJson()), faultToo) << options;
+        EXPECT_EQ(filter.Passes(device), deviceToo) << options;
+        EXPECT_EQ(filter.Passes(fault), faultToo) << options;
     }
     for (const char* const options : {"--kind x", "--event-id 2-1", "--event-id 1-", "--event-id -1", "--event-id x",
                                       "--event-id 4294967296", "--severity 256"}) {
@@ -284,9 +247,9 @@ TEST(Statistics, TheSummaryTellsHowManyOfWhatHowOftenAndTheLongestGap)
 {
     const Statistics::Clock::time_point start;
     Statistics statistics(start);
-    const Json device = DeviceJson({});
+    const Json device = Json::parse(DEVICE);
     statistics.Add(device, start + std::chrono::milliseconds(7000));
-    statistics.Add(Fault().ToJson(), start + std::chrono::milliseconds(9500));
+    statistics.Add(Json::parse(FAULT), start + std::chrono::milliseconds(9500));
     statistics.Add(device, start + std::chrono::milliseconds(10500));
     const std::vector<std::string> expected = {"3 events in 12.0 s: 0.2 per second, longest gap 2.5 s",
                                                "  2 device from x:/res/y", "  1 fault from dp:/res/pm/fm"};
