@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
@@ -22,15 +23,6 @@ namespace {
 
 using Publish = ProgramsTest;
 using Clock = std::chrono::steady_clock;
-
-std::string JoinLines(const Words& lines)
-{
-    std::string text;
-    for (const std::string& line : lines) {
-        text += line + "\n";
-    }
-    return text;
-}
 
 // Events of every kind, in no order, with names of every sort: text, UTF-8, no UTF-8, some that fill their area.
 std::string MixedEvent(std::mt19937& random)
@@ -83,7 +75,7 @@ TEST_F(Publish, ARecordingOfTenThousandMixedEventsReplaysIdentically)
     const auto security = Serve(SECURITY, "--quiet --count 0");
     Words recording = expected;
     for (const std::string round : {"the events", "their recording"}) {
-        const auto pm = Serve(PM, "--quiet --from -", JoinLines(recording));
+        const auto pm = Serve(PM, "--quiet --from -", CLI::detail::join(recording, "\n"));
         const auto monitor = Start(MONITOR, "--json --security --fault dp:/res/pm/fm");
         recording = Events(*monitor, COUNT);
         ASSERT_EQ(WithoutArrival(recording), WithoutArrival(expected)) << round;

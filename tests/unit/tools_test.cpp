@@ -95,38 +95,22 @@ TEST(Text, TimesAreReadOnlyInTheFormInWhichTheyAreWritten)
     }
 }
 
-// Local time is five hours ahead of UTC while this lives.
-class LocalTime {
-public:
-    LocalTime()
-    {
-        setenv("TZ", "XYZ-5", 1);
-        tzset();
-    }
-    ~LocalTime()
-    {
-        unsetenv("TZ");
-        tzset();
-    }
-};
+// From now on local time is five hours ahead of UTC.
+void SetLocalTime()
+{
+    setenv("TZ", "XYZ-5", 1);
+    tzset();
+}
 
 TEST(EventText, ARowOfEachKindStandsUnderItsHeaderWithinAHundredColumns)
 {
-    const LocalTime fiveHoursAhead;
+    SetLocalTime();
     RowStyle style;
     style.shortTimes = true;
-    const Json device = DeviceWith({{"eventName", "test event"},
-                                    {"eventId", 0x80E01801},
-                                    {"severity", 3},
-                                    {"assertion", 1},
-                                    {"nodeId", 1},
-                                    {"deviceId", 22},
-                                    {"osId", 3},
-                                    {"eventSerialNum", -42},
-                                    {"notifySerialNum", 0},
-                                    {"eventArisedTime", 1714979289000999999},
-                                    {"resource", "dp:/res/pm/fm"},
-                                    {"reserved", std::string(92, '0')}});
+    const Json device = DeviceWith(Json::parse(
+        R"({"eventName":"test event","eventId":2162169857,"severity":3,"assertion":1,"nodeId":1,"deviceId":22,"osId":3,)"
+        R"("eventSerialNum":-42,"notifySerialNum":0,"eventArisedTime":1714979289000999999,"resource":"dp:/res/pm/fm",)"
+        R"("reserved":"00"})"));
     Json lost = device;
     lost.update({{"kind", PM_LOST}, {"resource", FAULT_REPORTING}, {"deviceId", 65535}});
     const struct {
@@ -156,7 +140,7 @@ TEST(EventText, ARowOfEachKindStandsUnderItsHeaderWithinAHundredColumns)
 
 TEST(EventText, TimesAndColoursAreThoseAskedFor)
 {
-    const LocalTime fiveHoursAhead;
+    SetLocalTime();
     const Json device = DeviceWith({{"eventArisedTime", 1714979289000999999}});
     const auto times = [&device](const RowStyle& style) {
         const std::string row = ToRow(style, device, ARRIVAL, ARRIVAL - std::chrono::milliseconds(1500));
