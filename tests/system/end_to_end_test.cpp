@@ -155,6 +155,8 @@ TEST_F(EndToEnd, WrongUseEndsWithOneLineThatNamesTheCause)
         {PUBLISHER, "--print --event-id 65536", 2, "eventId: 65536 is not a whole number from 0 to 65535"},
         {PUBLISHER, "--print --severity 1", 2, "a fault event: severity: there is no such field"},
         {PUBLISHER, "--print --kind device --did 1=00", 2, "a device event: dids: there is no such field"},
+        {PUBLISHER, "--resource x:/res/y --from - --timing 0", 2, "'0' is not a number from 0.001 to 1000000"},
+        {PUBLISHER, "--resource x:/res/y --wait --timeout 1000000001", 2, "not a number from 1 to 1000000000"},
         {PUBLISHER, "--resource x:/res/y --from /", 1, "/: Is a directory"},
         {PUBLISHER, "--resource x:/res/" + std::string(300, 'n'), 1, "nnn"},
         {PUBLISHER, "", 2, "resource"},
@@ -197,9 +199,12 @@ TEST_F(EndToEnd, AProgramWhoseOutputFailsEndsWithTheRightCode)
         ExpectEnd(*full, 1);
         EXPECT_TRUE(full->WaitForError("No space left on device"));
     }
-    const auto head = Shell(TEST_EMULATOR " '" PUBLISHER "' --print --count 9999 | head -n 1");
+    const auto closed = Shell(TEST_EMULATOR " '" PUBLISHER "' --print >&-");
+    ExpectEnd(*closed, 1);
+    EXPECT_TRUE(closed->WaitForError("standard output is closed"));
+    const auto head = Shell("{ " TEST_EMULATOR " '" PUBLISHER "' --print --count 9999; echo $? >&2; } | head -n 1");
     ExpectEnd(*head);
-    EXPECT_EQ(head->Errors(), Words());
+    EXPECT_EQ(head->Errors(), Words{"0"});
 }
 
 }  // namespace

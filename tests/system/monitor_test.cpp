@@ -136,6 +136,8 @@ TEST_F(Monitor, SaysWhoseStreamItTakesAndDoesNotTakeBackWhatIsTakenFromIt)
             EXPECT_EQ(older->Transcript().find(unwanted), std::string::npos) << older->Transcript();
         }
         ExpectStop(*newer, SIGTERM);
+        ExpectStop(*publisher, SIGTERM);
+        EXPECT_FALSE(publisher->WaitForError("0xF10209", 2)) << publisher->Transcript();
     }
 }
 

@@ -143,7 +143,7 @@ TEST_F(Publish, RecordsFollowEachOtherAtThePaceThatWasAskedFor)
     }
 
     // An event bears the time at which it is sent, not the time before the pause.
-    const auto publisher = Serve(PM, "--kind device --count 2 --interval 300");
+    const auto publisher = Serve(PM, "--kind device --count 2 --interval 300 --serial 2147483647");
     const auto monitor = StartMonitor("--count 2");
     ExpectEnd(*monitor);
     std::vector<uint64_t> arised;
@@ -151,6 +151,7 @@ TEST_F(Publish, RecordsFollowEachOtherAtThePaceThatWasAskedFor)
         arised.push_back(tools::Json::parse(event)["eventArisedTime"].get<uint64_t>());
     }
     EXPECT_GE(arised[1] - arised[0], 300000000U);
+    ExpectHolds(monitor->Output()[1], R"("eventSerialNum":0,)");
 }
 
 TEST_F(Publish, InputMayPauseAnywhereAndHoldsCommentsAndLineEndsOfEverySort)

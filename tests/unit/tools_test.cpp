@@ -261,6 +261,7 @@ TEST(Text, ShowsTextAsItIsAndEscapesWhatCommandsATerminal)
         EXPECT_EQ(IsUtf8(text), isUtf8) << shown;
     }
     EXPECT_EQ(Printable("\"\\\""), "\"\\\"");
+    EXPECT_EQ(ToLine("\xC2\x9B"), "\"\\u009b\"");
 }
 
 }  // namespace
