@@ -143,7 +143,7 @@ TEST_F(EndToEnd, WrongUseEndsWithOneLineThatNamesTheCause)
         {MONITOR, "--fault dp:/res/nobody", 1, "dp:/res/nobody"},
         {MONITOR, "--fault no-colon", 2, "no-colon"},
         {MONITOR, "--fault a:/res/b --fault a:/res/b", 2, "'a:/res/b' is given twice"},
-        {MONITOR, "--count x", 2, "count"},
+        {MONITOR, "--count 1x", 2, "count"},
         {MONITOR, "--count 0", 2, "count"},
         {PUBLISHER, "--resource dp:/res/pm/fm", 1, PM},  // served by another live process
         {PUBLISHER, "--resource x:/res/y --serve --from -", 1, "line 2: not a byte", "01\n01zz\n"},

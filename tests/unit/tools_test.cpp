@@ -4,9 +4,11 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "report_event/ResourceNames.h"
@@ -39,6 +41,15 @@ Json DeviceWith(const Json& values)
     Json event = Json::parse(DEVICE);
     event.update(values);
     return event;
+}
+
+TEST(EventJson, ANameThatIsNoTextStandsInHexadecimal)
+{
+    for (const auto& [bytes, hexadecimal] : {std::pair("a\0b", "610062"), {"\xFF\0\0", "ff"}}) {
+        dsmi_event event{};
+        std::memcpy(event.eventName, bytes, 3);
+        EXPECT_EQ(ToJson("x:/res/y", {}, ReportEvent::FAULT_EVENT, event)["eventNameHex"], hexadecimal);
+    }
 }
 
 TEST(EventJson, AnEventIsReadWhateverElseItHoldsAndRefusedWithItsCauseWhenItDoesNotFit)
