@@ -16,10 +16,12 @@ using Monitor = ProgramsTest;
 TEST_F(Monitor, EndsOnceNothingCanArriveAnyMoreAndNoSooner)
 {
     const auto other = ServeNumbered("x:/res/other", 0, 1);
+    const auto security = ServeNumbered(SECURITY, 0, 1);
     const auto pm = ServeNumbered(PM, 0, 1);
     // A loss is no event to count.
     const auto both = StartMonitor("--fault dp:/res/pm/fm --fault x:/res/other --count 4", 2);
     Events(*both, 2);
+    const auto families = StartMonitor("--fault dp:/res/pm/fm --security", 2);
     const auto alone = StartMonitor("--count 1");
     pm->Stop(SIGKILL);
     ExpectEnd(*alone, 1);
@@ -30,6 +32,7 @@ TEST_F(Monitor, EndsOnceNothingCanArriveAnyMoreAndNoSooner)
     EXPECT_TRUE(both->WaitForError("lost dp:/res/pm/fm")) << both->Transcript();
     ExpectHolds(Events(*both, 3)[2], "pm-lost");
     ExpectStop(*both, SIGTERM);
+    ExpectStop(*families, SIGTERM);
 }
 
 TEST_F(Monitor, EndsWhenNoEventHasComeForAWhile)
