@@ -39,7 +39,8 @@ Json ToJson(std::string_view resource, SystemTime arrival, const EventInfo& faul
 {
     const std::string_view name(fault.eventPara.buf, sizeof(fault.eventPara.buf));
     Json event = Begin("fault", resource, arrival, fault.eventId, name);
-    VisitFaultNumbers(fault, uds.udsId, [&event](const char* key, auto number) { event[key] = number; });
+    auto& members = event.get_ref<Json::object_t&>();  // to append to, without looking for the keys
+    VisitFaultNumbers(fault, uds.udsId, [&members](auto key, auto number) { members.emplace_back(key, number); });
     Json& dids = event["dids"] = Json::array();
     for (const DidInfoForCpp& did : uds.didInfo) {
         dids.push_back({{"did", did.did}, {"data", ToHexadecimal(did.data.data(), did.data.size())}});
@@ -51,7 +52,8 @@ Json ToJson(std::string_view resource, SystemTime arrival, ReportEvent::EventTyp
 {
     const std::string_view name(device.eventName, sizeof(device.eventName));
     Json event = Begin(KindOf(resource, family, device), resource, arrival, device.eventId, name);
-    VisitDeviceNumbers(device, [&event](const char* key, auto number) { event[key] = number; });
+    auto& members = event.get_ref<Json::object_t&>();
+    VisitDeviceNumbers(device, [&members](auto key, auto number) { members.emplace_back(key, number); });
     std::string reserved;
     VisitReserved(device, [&reserved](const auto& area) { reserved += ToHexadecimal(&area, sizeof(area)); });
     event["reserved"] = std::move(reserved);

@@ -43,15 +43,12 @@ int OpenAnew(int fd)
     return fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
 }
 
-bool MayBlock(int fd)
-{
-    return IsPipeOrTerminal(fd) && (fcntl(fd, F_GETFL) & O_NONBLOCK) == 0;
-}
-
 }  // namespace
 
 Output::Output(int fd)
-    : fd_(OpenAnew(fd), "standard stream"), isSocket_(TypeOf(fd_.Get()) == S_IFSOCK), mayBlock_(MayBlock(fd_.Get()))
+    : fd_(OpenAnew(fd), "standard stream"),
+      isSocket_(TypeOf(fd_.Get()) == S_IFSOCK),
+      mayBlock_(IsPipeOrTerminal(fd_.Get()) && (fcntl(fd_.Get(), F_GETFL) & O_NONBLOCK) == 0)
 {
 }
 

@@ -73,7 +73,8 @@ std::string Recording::Position() const
 bool Recording::ReadMore(const StopSignals& signals)
 {
     pollfd waited[] = {{input_.Get(), POLLIN, 0}, {signals.Descriptor(), POLLIN, 0}};
-    poll(waited, 2, -1);
+    while (poll(waited, 2, -1) < 0 && errno == EINTR) {
+    }
     if (waited[1].revents != 0) {
         return false;
     }

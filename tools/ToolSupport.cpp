@@ -86,11 +86,9 @@ bool StopSignals::WaitFor(std::chrono::nanoseconds timeout) const
     const auto seconds = std::chrono::floor<std::chrono::seconds>(timeout);
     const timespec limit{seconds.count(), (timeout - seconds).count()};
     pollfd waited{signals_, POLLIN, 0};
-    int ready = 0;
-    do {
-        ready = ppoll(&waited, 1, &limit, nullptr);
-    } while (ready < 0 && errno == EINTR);
-    return ready > 0;
+    while (ppoll(&waited, 1, &limit, nullptr) < 0 && errno == EINTR) {
+    }
+    return waited.revents != 0;
 }
 
 bool StopSignals::AreInterrupt() const
