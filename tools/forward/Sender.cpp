@@ -3,7 +3,6 @@
 #include <poll.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <random>
 #include <utility>
 
@@ -60,9 +59,9 @@ std::string TopicLevel(std::string_view text)
         if (PLAIN.find(c) != PLAIN.npos) {
             level += c;
         } else {
-            char code[4];
-            std::snprintf(code, sizeof(code), "%%%02X", static_cast<unsigned int>(static_cast<unsigned char>(c)));
-            level += code;
+            constexpr char DIGITS[] = "0123456789ABCDEF";
+            const auto byte = static_cast<unsigned char>(c);
+            level += {'%', DIGITS[byte / 16], DIGITS[byte % 16]};
         }
     }
     return level;
