@@ -92,7 +92,7 @@ std::string DescribeFailure(const std::vector<std::string>& files, int result)
     for (const std::string& file : files) {
         const auto found = listing.resources.find(file);
         if (found == listing.resources.end()) {
-            return file + ": nobody serves it" + where;
+            return std::string(file).append(": nobody serves it").append(where);
         }
         if (found->at("answers") == false) {
             return file + ": process " + found->at("pid").dump() + " serves it and does not answer";

@@ -116,7 +116,8 @@ std::string DescribeProcesses(const Json& processes)
         const std::string pid = process["pid"].dump();
         std::string name;
         std::getline(std::ifstream("/proc/" + pid + "/comm"), name);
-        text += (text.empty() ? "" : " ") + pid + "(" + name + (process.value("current", false) ? ")*" : ")");
+        text.append(text.empty() ? "" : " ").append(pid).append("(").append(name);
+        text.append(process.value("current", false) ? ")*" : ")");
     }
     return text;
 }
