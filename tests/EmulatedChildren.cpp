@@ -10,29 +10,34 @@
 
 namespace {
 
-// The words of the shell's command for a program and its arguments.
-std::array<char*, 64> Emulated(const char* program, char* const* arguments)
-{
-    static char shell[] = "/bin/sh";
-    static char option[] = "-c";
-    static char script[] = "exec " TEST_EMULATOR " \"$0\" \"$@\"";
-    std::array<char*, 64> words = {shell, option, script, const_cast<char*>(program)};
-    for (size_t count = 1; arguments[count] != nullptr; ++count) {
-        words.at(count + 3) = arguments[count];
+struct Command {
+    std::array<char, 4096> program{};
+    std::array<char*, 64> words{};
+
+    Command(const char* name, char* const* arguments)
+    {
+        static char shell[] = "/bin/sh";
+        static char option[] = "-c";
+        static char script[] = "exec " TEST_EMULATOR " \"$0\" \"$@\"";
+        size_t count = 0;
+        if (std::strchr(name, '/') != nullptr) {
+            std::strncpy(program.data(), name, program.size() - 1);
+            if (std::strcmp(name, "/proc/self/exe") == 0) {  // leads to the emulator for everyone but this program
+                readlink(name, program.data(), program.size() - 1);
+            }
+            words = {shell, option, script, program.data()};
+            count = 4;
+            ++arguments;
+        }
+        for (; *arguments != nullptr; ++arguments) {
+            words.at(count++) = *arguments;
+        }
     }
-    return words;
-}
+};
 
 }  // namespace
 
 extern "C" {
-
-int __real_execv(const char* program, char* const* arguments);
-
-int __wrap_execv(const char* program, char* const* arguments)
-{
-    return __real_execv("/bin/sh", Emulated(program, arguments).data());
-}
 
 int __real_posix_spawnp(pid_t* pid, const char* program, const posix_spawn_file_actions_t* actions,
                         const posix_spawnattr_t* attributes, char* const* arguments, char* const* environment);
@@ -40,10 +45,14 @@ int __real_posix_spawnp(pid_t* pid, const char* program, const posix_spawn_file_
 int __wrap_posix_spawnp(pid_t* pid, const char* program, const posix_spawn_file_actions_t* actions,
                         const posix_spawnattr_t* attributes, char* const* arguments, char* const* environment)
 {
-    if (std::strchr(program, '/') == nullptr) {
-        return __real_posix_spawnp(pid, program, actions, attributes, arguments, environment);
-    }
-    return __real_posix_spawnp(pid, "/bin/sh", actions, attributes, Emulated(program, arguments).data(), environment);
+    const Command command(program, arguments);
+    return __real_posix_spawnp(pid, command.words[0], actions, attributes, command.words.data(), environment);
+}
+
+int __wrap_execv(const char* program, char* const* arguments)
+{
+    const Command command(program, arguments);
+    return execvp(command.words[0], command.words.data());
 }
 
 }  // extern "C"
