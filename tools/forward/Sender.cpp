@@ -136,6 +136,7 @@ bool Sender::ConnectOnce()
         } catch (const ConnectionError&) {
             isOpen = connection.IsOpen();
             isVersionRefused = connection.IsVersionRefused();
+            TakeAnswers(connection);  // those that came with its end; a refusal says more than that it is lost
             throw;
         }
     } catch (const ConnectionError& error) {
