@@ -248,6 +248,20 @@ TEST_F(Forward, StoresBeforeAppendReturnsAndGivesNoNumberTwice)
     }
 }
 
+TEST_F(Forward, OpensItsOutboxAgainWhateverItsSize)
+{
+    for (int pages = 0; pages < 100; ++pages) {
+        const std::string path = private_ / std::to_string(pages);
+        tools::forward::Outbox filled(path, 100, false);
+        for (int page = 0; page < pages; ++page) {
+            filled.Append("resource/device", std::string(4000, 'x'));
+        }
+        std::filesystem::copy(path, path + "-copy");
+        std::filesystem::copy(path + "-wal", path + "-copy-wal");
+        EXPECT_NO_THROW(tools::forward::Outbox(path + "-copy", 100, false)) << pages;
+    }
+}
+
 TEST_F(Forward, LeavesTheClientOfAnObservedResourceAllOfItsEvents)
 {
     broker_.Start();

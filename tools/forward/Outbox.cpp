@@ -20,8 +20,8 @@ constexpr int64_t VERSION = 1;
 constexpr int64_t PAGE_SIZE = 4096;
 // The file grows by so much at a time, so that events are only taken while they have their place on the disk.
 constexpr int CHUNK = 64 * PAGE_SIZE;
-// More pages than one event takes.
-constexpr int64_t PAGES_PER_EVENT = 16;
+// More pages than one event takes, or the start.
+constexpr int64_t PAGES_AT_HAND = 48;
 
 // How many events are dropped for want of room on the disk, which is had by the page only.
 constexpr int64_t DROPPED_FOR_ROOM = 200;
@@ -178,7 +178,7 @@ void Outbox::InsertMakingRoom(const std::string& source, const std::string& obje
 void Outbox::MakeRoom(bool mayDrop)
 {
     const int64_t freePages = database_.Number("PRAGMA max_page_count") - database_.Number("PRAGMA page_count");
-    if (freePages < PAGES_PER_EVENT && Grow()) {
+    if (freePages < PAGES_AT_HAND && Grow()) {
         return;
     }
     database_.Run("PRAGMA wal_checkpoint(PASSIVE)");
@@ -190,7 +190,7 @@ void Outbox::MakeRoom(bool mayDrop)
 // Takes another chunk of the disk, or two. False when there is none.
 bool Outbox::Grow()
 {
-    sqlite3_int64 size = (database_.Number("PRAGMA page_count") + PAGES_PER_EVENT) * PAGE_SIZE + CHUNK;
+    sqlite3_int64 size = (database_.Number("PRAGMA page_count") + PAGES_AT_HAND) * PAGE_SIZE + CHUNK;
     size -= size % CHUNK;
     if (sqlite3_file_control(database_.Handle(), "main", SQLITE_FCNTL_SIZE_HINT, &size) != SQLITE_OK) {
         return false;
