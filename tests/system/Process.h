@@ -80,7 +80,8 @@ public:
     int Wait();
     int Stop(int signal)
     {
-        return Signal(signal), Wait();
+        Signal(signal);
+        return Wait();
     }
 
 private:
