@@ -203,8 +203,11 @@ TEST_F(Forward, DropsTheOldestWhenTheDiskIsFullAndGoesOn)
     const auto forwarder =
         Shell("ulimit -f 4096; exec " +
               (FORWARDER + (" --fault x:/res/much --follow --broker " + broker_.Address() + " --outbox " + outbox_)));
-    const auto publisher = Start(PUBLISHER, "--resource x:/res/much --wait --quiet --kind device --count 10000");
-    ExpectEnd(*publisher);
+    const std::string served = "--resource x:/res/much --wait --quiet --kind device";
+    ExpectEnd(*Start(PUBLISHER, served + " --count 3000"));
+    EXPECT_TRUE(forwarder->WaitForError("lost x:/res/much")) << forwarder->Transcript();
+    EXPECT_EQ(forwarder->Transcript().find("is full"), std::string::npos) << "though the disk has room";
+    ExpectEnd(*Start(PUBLISHER, served + " --count 7000"));
     EXPECT_TRUE(forwarder->WaitForError("is full: the oldest events are dropped")) << forwarder->Transcript();
     broker_.Start();
     Expect(broker_, EVENTS);

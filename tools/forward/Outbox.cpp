@@ -20,8 +20,9 @@ constexpr int64_t VERSION = 1;
 constexpr int64_t PAGE_SIZE = 4096;
 // The file grows by so much at a time, so that events are only taken while they have their place on the disk.
 constexpr int CHUNK = 64 * PAGE_SIZE;
-// More pages than one event takes, or the start.
-constexpr int64_t PAGES_AT_HAND = 48;
+// More pages than one event takes, and than the start does.
+constexpr int64_t PAGES_PER_EVENT = 16;
+constexpr int64_t PAGES_AT_START = 48;
 
 // How many events are dropped for want of room on the disk, which is had by the page only.
 constexpr int64_t DROPPED_FOR_ROOM = 200;
@@ -110,7 +111,7 @@ void Outbox::Load()
 // fails. What the log has no room for has it once the log is written back and starts anew.
 void Outbox::Change(const std::function<void(State&)>& change)
 {
-    for (bool isLastTry = false;; isLastTry = true) {
+    for (int attempt = 0;; ++attempt) {
         try {
             State next = state_;
             Transaction transaction(database_);
@@ -126,7 +127,7 @@ void Outbox::Change(const std::function<void(State&)>& change)
             state_ = next;
             return;
         } catch (const SqliteError& error) {
-            if (isLastTry || !error.IsLackOfRoom()) {
+            if (!error.IsLackOfRoom() || attempt > 1) {
                 throw;
             }
         }
@@ -166,19 +167,20 @@ void Outbox::InsertMakingRoom(const std::string& source, const std::string& obje
             ++state_.last;
             return;
         } catch (const SqliteError& error) {
-            if (!error.IsLackOfRoom() || (attempt > 1 && state_.removed == state_.last)) {
+            if (!error.IsLackOfRoom() || (attempt > 2 && state_.removed == state_.last)) {
                 throw;
             }
         }
-        MakeRoom(attempt > 0);
+        MakeRoom(attempt > 1);
     }
 }
 
-// Either the file has used up its chunks, or the log cannot grow.
+// Either the file has used up its chunks, or the log cannot grow, or one after the other: each gets its turn before
+// anything is dropped.
 void Outbox::MakeRoom(bool mayDrop)
 {
     const int64_t freePages = database_.Number("PRAGMA max_page_count") - database_.Number("PRAGMA page_count");
-    if (freePages < PAGES_AT_HAND && Grow()) {
+    if (freePages < PAGES_PER_EVENT && Grow()) {
         return;
     }
     database_.Run("PRAGMA wal_checkpoint(PASSIVE)");
@@ -190,7 +192,7 @@ void Outbox::MakeRoom(bool mayDrop)
 // Takes another chunk of the disk, or two. False when there is none.
 bool Outbox::Grow()
 {
-    sqlite3_int64 size = (database_.Number("PRAGMA page_count") + PAGES_AT_HAND) * PAGE_SIZE + CHUNK;
+    sqlite3_int64 size = (database_.Number("PRAGMA page_count") + PAGES_AT_START) * PAGE_SIZE + CHUNK;
     size -= size % CHUNK;
     if (sqlite3_file_control(database_.Handle(), "main", SQLITE_FCNTL_SIZE_HINT, &size) != SQLITE_OK) {
         return false;
