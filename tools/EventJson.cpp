@@ -8,16 +8,21 @@ namespace tools {
 
 namespace {
 
+constexpr size_t MOST_MEMBERS = 20;  // that an event has, and those that a program puts behind them
+
 // What every event starts with; `name` is the whole area of its name.
 Json Begin(const char* kind, std::string_view resource, SystemTime arrival, uint32_t eventId, std::string_view name)
 {
     const std::string_view text = name.substr(0, name.find('\0'));
     const std::string_view bytes = name.substr(0, name.find_last_not_of('\0') + 1);
-    Json object = {{"kind", kind},
-                   {"resource", resource},
-                   {"arrival", TimeText(arrival, true)},
-                   {"eventId", eventId},
-                   {"eventName", text}};
+    Json object = Json::object();
+    auto& members = object.get_ref<Json::object_t&>();  // to append to, without looking for the keys
+    members.reserve(MOST_MEMBERS);
+    members.emplace_back("kind", kind);
+    members.emplace_back("resource", resource);
+    members.emplace_back("arrival", TimeText(arrival, true));
+    members.emplace_back("eventId", eventId);
+    members.emplace_back("eventName", text);
     if (text.size() != bytes.size() || !IsUtf8(text)) {
         object["eventNameHex"] = ToHexadecimal(bytes.data(), bytes.size());
     }
@@ -39,7 +44,7 @@ Json ToJson(std::string_view resource, SystemTime arrival, const EventInfo& faul
 {
     const std::string_view name(fault.eventPara.buf, sizeof(fault.eventPara.buf));
     Json event = Begin("fault", resource, arrival, fault.eventId, name);
-    auto& members = event.get_ref<Json::object_t&>();  // to append to, without looking for the keys
+    auto& members = event.get_ref<Json::object_t&>();
     VisitFaultNumbers(fault, uds.udsId, [&members](auto key, auto number) { members.emplace_back(key, number); });
     Json& dids = event["dids"] = Json::array();
     for (const DidInfoForCpp& did : uds.didInfo) {
