@@ -1,8 +1,11 @@
 #include "tools/forward/Connection.h"
 
 #include <mqtt_protocol.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <openssl/ssl.h>
 #include <poll.h>
+#include <sys/socket.h>
 
 #include <cerrno>
 #include <system_error>
@@ -151,6 +154,12 @@ bool Connection::Wait(int wake, int otherWake, std::chrono::milliseconds timeout
         statusMessage_ = Send(options_.statusTopic, ONLINE, true);
     }
     return waited[1].revents != 0;
+}
+
+void Connection::HoldBack(bool on)
+{
+    const int value = on ? 1 : 0;
+    (void)setsockopt(mosquitto_socket(client_.get()), IPPROTO_TCP, TCP_CORK, &value, sizeof(value));
 }
 
 int Connection::Publish(const std::string& topic, const std::string& payload)

@@ -72,6 +72,8 @@ public:
         return isVersionRefused_;
     }
 
+    // Whether what is published stays here until this ends, to leave together in few packets.
+    void HoldBack(bool on);
     // Hands a message over, to be delivered at least once. Returns its number in this connection.
     int Publish(const std::string& topic, const std::string& payload);
     struct Answer {

@@ -29,6 +29,9 @@ constexpr size_t REMOVED_TOGETHER = Sender::WINDOW / 2;
 constexpr Milliseconds REMOVAL_TIME{100};
 constexpr size_t SENT_TOGETHER = Sender::WINDOW / 2;
 
+// While nothing can be sent until more answers have come, they gather for so long: each would be a wake-up.
+constexpr std::chrono::microseconds GATHERING_TIME{500};
+
 bool WaitFor(const Flag& flag, Milliseconds timeout)
 {
     pollfd waited{flag.Descriptor(), POLLIN, 0};
@@ -165,6 +168,9 @@ void Sender::Converse(Connection& connection)
         if (mayHaveMore && sent_.size() <= WINDOW - SENT_TOGETHER) {
             mayHaveMore = SendNext(connection);
         }
+        if (sent_.size() > WINDOW - SENT_TOGETHER) {
+            std::this_thread::sleep_for(GATHERING_TIME);
+        }
         const Milliseconds turn = sent_.empty() ? TURN : REMOVAL_TIME;
         mayHaveMore = connection.Wait(mayHaveMore ? -1 : outbox_.Arrival(), stop_.Descriptor(), turn) || mayHaveMore;
         TakeAnswers(connection);
@@ -200,12 +206,19 @@ bool Sender::SendNext(Connection& connection)
 {
     const size_t room = WINDOW - sent_.size();
     std::vector<StoredEvent> events = outbox_.ReadAfter(lastSent_, room);
+    const bool areSeveral = events.size() > 1;
+    if (areSeveral) {
+        connection.HoldBack(true);
+    }
     for (StoredEvent& event : events) {
         event.object.pop_back();  // the brace, behind which nothing stands
         event.object += objectEnd_ + std::to_string(event.sequence) + '}';
         const int message = connection.Publish(topicStart_ + event.source, event.object);
         sent_.push_back({message, event.sequence, std::move(event.source), false});
         lastSent_ = event.sequence;
+    }
+    if (areSeveral) {
+        connection.HoldBack(false);
     }
     return events.size() == room;
 }
