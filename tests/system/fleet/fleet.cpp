@@ -57,9 +57,10 @@ void Play(const Plan& plan, const std::vector<std::unique_ptr<Machine>>& machine
 {
     std::minstd_rand random(std::random_device{}());
     const auto start = Clock::now();
+    const std::chrono::nanoseconds duration = std::chrono::seconds(plan.seconds);
     size_t interruptions = plan.reconnections;
     for (size_t next = 0; next < plan.Total(); ++next) {
-        std::this_thread::sleep_until(start + next * std::chrono::seconds(plan.seconds) / plan.Total());
+        std::this_thread::sleep_until(start + next * duration / plan.Total());
         const std::string sent = std::to_string(Clock::now().time_since_epoch().count());
         machines[next % machines.size()]->outbox.Append(
             "simulated/device",
