@@ -1,17 +1,24 @@
 // report-event-forward and a real broker: what is taken arrives, whoever goes away on the way.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <random>
+#include <string_view>
 
 #include "tests/system/Broker.h"
+#include "tools/Output.h"
 #include "tools/forward/Outbox.h"
 #include "tools/forward/Sender.h"
 
 namespace system_test {
 namespace {
 
+using tools::FileDescriptor;
 using tools::forward::Database;
 using tools::forward::Sender;
 
@@ -194,6 +201,37 @@ TEST_F(Forward, EndsInTimeThoughTheBrokerIsFrozenAndKeepsWhatItHasNotAcknowledge
     EXPECT_TRUE(forwarder->WaitForError("lost dp:/res/pm/fm")) << forwarder->Transcript();
     ExpectStop(*forwarder, SIGTERM);
     EXPECT_EQ(Held(), COUNT + 1);  // and the loss of the process manager
+}
+
+// Which version of the protocol the next client asks for. It is told that this one is not known.
+int RefuseVersion(int listener)
+{
+    const FileDescriptor client(accept(listener, nullptr, nullptr), "accept");
+    std::string hello(1024, '\0');
+    EXPECT_GT(recv(client.Get(), hello.data(), hello.size(), 0), 0);
+    constexpr std::string_view UNKNOWN_VERSION("\x20\x02\x00\x01", 4);
+    EXPECT_GT(send(client.Get(), UNKNOWN_VERSION.data(), UNKNOWN_VERSION.size(), MSG_NOSIGNAL), 0);
+    constexpr std::string_view NAME = "MQTT";
+    return hello.at(hello.find(NAME) + NAME.size());
+}
+
+TEST_F(Forward, TriesTheOlderVersionOfTheProtocolAndThenPausesForLongerAndLonger)
+{
+    const FileDescriptor listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket");
+    const timeval patience{PATIENCE.count(), 0};
+    EXPECT_EQ(setsockopt(listener.Get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience)), 0);
+    sockaddr_in address{AF_INET, htons(static_cast<uint16_t>(broker_.Port())), {htonl(INADDR_LOOPBACK)}, {}};
+    ASSERT_EQ(bind(listener.Get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+    ASSERT_EQ(listen(listener.Get(), 1), 0);
+
+    const auto forwarder = Forwarder("--follow");
+    EXPECT_EQ(RefuseVersion(listener.Get()), 5);
+    EXPECT_EQ(RefuseVersion(listener.Get()), 4);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(RefuseVersion(listener.Get()), 4);
+    EXPECT_EQ(RefuseVersion(listener.Get()), 4);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1500));
+    EXPECT_TRUE(forwarder->WaitForError("unacceptable protocol version")) << forwarder->Transcript();
 }
 
 // A file that may not grow beyond two megabytes is a full disk.
