@@ -2,6 +2,7 @@
 #include <random>
 #include <set>
 
+#include "platform/host/iam/HostService.h"
 #include "tests/unit/iam_support.h"
 
 namespace iam_test {
@@ -36,6 +37,10 @@ TEST_F(IamTest, AHandleThatIsNotGoodMakesTheCallFailAndChangesNothing)
     IAMShmPoolHandle* const pool = &publisher.pool;
     const Reader reader;
     const uint64_t data = receiver->current->dataHandle;
+    IAMHostObserve(1);
+    const Reader observer;
+    IAMHostObserve(0);
+    const uint64_t ofObserver = data + (1ULL << 40) + 1;  // the next place and use
     IAMShmPoolHandle noPool{};
     IAMShmBlockHandle block{};
     IAMShmBlockHandle noBlock{};
@@ -66,8 +71,8 @@ TEST_F(IamTest, AHandleThatIsNotGoodMakesTheCallFailAndChangesNothing)
     }
     IAMDataPackage good{pool, &block, 1};
     for (const uint64_t unknown :
-         std::vector<uint64_t>{0, block.opaque, data + 1, data ^ 1ULL << 40, data ^ 1ULL << 56, ~data}) {
-        EXPECT_NE(0, IAMRTDataEnqueue(unknown, &good));
+         std::vector<uint64_t>{0, block.opaque, ofObserver, data + 1, data ^ 1ULL << 40, data ^ 1ULL << 56, ~data}) {
+        ASSERT_NE(0, IAMRTDataEnqueue(unknown, &good));
     }
     // Once enqueued it is not the caller's any more, and its handle is good for no later use of the block.
     IAMShmBlockHandle old = block;
@@ -92,6 +97,9 @@ TEST_F(IamTest, AHandleThatIsNotGoodMakesTheCallFailAndChangesNothing)
 TEST_F(IamTest, TheNumberOfAClosedFileLeadsToNobodyElsesRecords)
 {
     Publisher publisher(4);
+    for (int i = 0; i < 1100; ++i) {  // more than the places of the service, which come round too
+        EXPECT_EQ(0, Reader().error);
+    }
     const Limit few(RLIMIT_NOFILE, 100);  // numbers come round soon
     Reader reader;
     const int first = reader.fd;
