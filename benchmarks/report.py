@@ -209,15 +209,27 @@ def first_line(series, rounds):
             f"took {series.others.share():.0%} of the processors meanwhile.\n\n")
 
 
+def class_report(series, each, judge):
+    kind = Kind(series, each)
+    text = heading(series, each) + figures_table(class_figures(kind), judge)
+    return text + throughput_table(kind) + latency_table(kind)
+
+
+def alone_report(series, judge):
+    return heading(series, ALONE) + figures_table(alone_figures(Kind(series, ALONE)), judge)
+
+
 def full_report(series, rounds, judge):
     text = first_line(series, rounds)
     for each in series.kinds():
-        kind = Kind(series, each)
-        text += heading(series, each) + figures_table(class_figures(kind), judge)
-        text += throughput_table(kind) + latency_table(kind) + rows_table(kind)
-    alone = Kind(series, ALONE)
-    text += heading(series, ALONE)
-    return text + figures_table(alone_figures(alone), judge) + rows_table(alone) + unsteady(series)
+        text += class_report(series, each, judge) + rows_table(Kind(series, each))
+    return text + alone_report(series, judge) + rows_table(Kind(series, ALONE)) + unsteady(series)
+
+
+def page_report(series, rounds):
+    """What the page keeps of it: the distance of most runs, without the rows of single programs."""
+    most_seen = max(series.kinds(), key=lambda kind: len(series.readings[kind]))
+    return first_line(series, rounds) + class_report(series, most_seen, True) + alone_report(series, True)
 
 
 def against_table(kind, judge):

@@ -162,11 +162,10 @@ def main():
         print(report.against_report(series, options.rounds, options.against, judge=not options.quick))
         return
     all_rounds(measure, programs, options.rounds, options.quick)
-    text = report.full_report(series, options.rounds, judge=not options.quick)
-    print(text)
+    print(report.full_report(series, options.rounds, judge=not options.quick))
     report.draw(series, (ROOT / "docs" if options.update_docs else programs) / "performance.svg")
     if options.update_docs:
-        report.write_into_docs(text, ROOT / "docs" / "performance.md")
+        report.write_into_docs(report.page_report(series, options.rounds), ROOT / "docs" / "performance.md")
 
 
 if __name__ == "__main__":
