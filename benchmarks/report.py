@@ -18,6 +18,7 @@ COPY = "Floor/lock_and_copy/362 ns"
 CALL = "Floor/zero_copy_call/360 ns"
 BUSY = "ReportEvent/host/busy_reader/readers:"
 OBSERVED = "ReportEvent/host/busy_reader/observers:1"
+FAST, PACED = f"road throughput {SIZES[0]} records_per_s", "road latency p50_us"
 QUARTERS = ["1st quarter", "median", "3rd quarter"]
 DOCS_BEGIN = "<!-- run: begin -->\n"
 DOCS_END = "<!-- run: end -->\n"
@@ -209,6 +210,11 @@ def first_line(series, rounds):
             f"took {series.others.share():.0%} of the processors meanwhile.\n\n")
 
 
+def most_seen(series, figure):
+    """The class in which most runs of this figure were; None when none was steady."""
+    return max(series.kinds(), key=lambda kind: len(series.of(figure, kind)), default=None)
+
+
 def class_report(series, each, judge):
     kind = Kind(series, each)
     text = heading(series, each) + figures_table(class_figures(kind), judge)
@@ -227,9 +233,10 @@ def full_report(series, rounds, judge):
 
 
 def page_report(series, rounds):
-    """What the page keeps of it: the distance of most runs, without the rows of single programs."""
-    most_seen = max(series.kinds(), key=lambda kind: len(series.readings[kind]))
-    return first_line(series, rounds) + class_report(series, most_seen, True) + alone_report(series, True)
+    """What the page keeps of the full report: the class of most runs, without the rows of single programs."""
+    kind = most_seen(series, FAST)
+    tables = class_report(series, kind, judge=True) if kind else ""
+    return first_line(series, rounds) + tables + alone_report(series, judge=True)
 
 
 def against_table(kind, judge):
@@ -294,9 +301,6 @@ unset multiplot
 def draw(series, path):
     """Bars for throughput, p50 and p99 for latency: medians of the class that has seen most of road's runs."""
 
-    def most_seen(figure):
-        return max(series.kinds(), key=lambda kind: len(series.of(figure, kind)), default=None)
-
     def block(kind, names, figures, scale):
         lines = []
         for name in names:
@@ -305,7 +309,7 @@ def draw(series, path):
                 lines.append(" ".join([name, *(f"{statistics.median(each) * scale:.4f}" for each in values)]))
         return "\n".join(lines)
 
-    fast, paced = most_seen(f"road throughput {SIZES[0]} records_per_s"), most_seen("road latency p50_us")
+    fast, paced = most_seen(series, FAST), most_seen(series, PACED)
     throughput = block(fast, ["road", *PEERS], [f"{{}} throughput {SIZES[0]} records_per_s"], 1e-6)
     latency = block(paced, ["road", *WAKES, *PEERS], ["{} latency p50_us", "{} latency p99_us"], 1)
     if not throughput or not latency:
