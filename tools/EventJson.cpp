@@ -8,7 +8,7 @@ namespace tools {
 
 namespace {
 
-constexpr size_t MOST_MEMBERS = 20;  // that an event has, and those that a program puts behind them
+constexpr size_t MOST_MEMBERS = 15;  // that an event has
 
 // What every event starts with; `name` is the whole area of its name.
 Json Begin(const char* kind, std::string_view resource, SystemTime arrival, uint32_t eventId, std::string_view name)

@@ -72,7 +72,7 @@ public:
         return isVersionRefused_;
     }
 
-    // Whether what is published stays here until this ends, to leave together in few packets.
+    // While on, what is published waits in this machine, so that it leaves in few packets once this is off again.
     void HoldBack(bool on);
     // Hands a message over, to be delivered at least once. Returns its number in this connection.
     int Publish(const std::string& topic, const std::string& payload);
