@@ -98,7 +98,7 @@ TEST_F(IamTest, TheNumberOfAClosedFileLeadsToNobodyElsesRecords)
 {
     Publisher publisher(4);
     for (int i = 0; i < 1100; ++i) {  // more than the places of the service, which come round too
-        EXPECT_EQ(0, Reader().error);
+        ASSERT_EQ(0, Reader().error);
     }
     const Limit few(RLIMIT_NOFILE, 100);  // numbers come round soon
     Reader reader;
