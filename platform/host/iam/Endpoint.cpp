@@ -57,24 +57,18 @@ Endpoint::~Endpoint()
 Status Endpoint::Create(const char* resource)
 {
     UniqueFd directory;
-    Status status = OpenRuntimeDirectory(Missing::MAKE, socketPath_, directory);
-    if (!status.Failed()) {
-        status = AppendName(resource, socketPath_);
-    }
-    if (!status.Failed()) {
-        status = Lock(directory);
-    }
-    if (!status.Failed()) {
-        status = ClearPlace();
-    }
-    return status.Failed() ? status : Listen();
+    return OpenRuntimeDirectory(Missing::MAKE, socketPath_, directory)
+        .Then([&] { return AppendName(resource, socketPath_); })
+        .Then([&] { return Lock(directory); })
+        .Then([&] { return ClearPlace(); })
+        .Then([&] { return Listen(); });
 }
 
 Status Endpoint::ClearPlace() const
 {
     struct stat status = {};
     if (lstat(socketPath_.text, &status) != 0) {
-        return errno == ENOENT ? Status{} : Status{errno, "what stands in its place is not known"};
+        return Check(errno == ENOENT, "what stands in its place is not known");
     }
     const UniqueFd probe = MakeSocket();
     if (!probe) {
@@ -90,10 +84,8 @@ Status Endpoint::ClearPlace() const
     if (errno != ECONNREFUSED) {
         return {errno, "the socket in its place cannot be asked"};
     }
-    if (unlink(socketPath_.text) != 0 && errno != ENOENT) {
-        return {errno, "the socket left by a dead process cannot be removed"};
-    }
-    return {};
+    return Check(unlink(socketPath_.text) == 0 || errno == ENOENT,
+                 "the socket left by a dead process cannot be removed");
 }
 
 Status Endpoint::Listen()
@@ -113,10 +105,7 @@ Status Endpoint::Listen()
     device_ = status.st_dev;
     inode_ = status.st_ino;
     listener_ = std::move(listener);  // from here on the socket's file is ours to remove
-    if (listen(listener_.Get(), BACKLOG) != 0) {
-        return {errno, "its socket does not listen"};
-    }
-    return {};
+    return Check(listen(listener_.Get(), BACKLOG) == 0, "its socket does not listen");
 }
 
 void Endpoint::Watch(int notice) const

@@ -52,11 +52,10 @@ Status RegisterPool(const IAMShmPoolConfig& config, IAMShmPoolHandle& handle)
         return {EINVAL, "a pool has 1 to 1024 blocks of at least 64 bytes and at most 1 GiB"};
     }
     uint64_t generation = 0;
-    const Status status = Service::Instance().RegisterPool(config.fileName, *shape, generation);
-    if (!status.Failed()) {
+    return Service::Instance().RegisterPool(config.fileName, *shape, generation).Then([&] {
         FillPoolHandle(generation, handle);
-    }
-    return status;
+        return Status{};
+    });
 }
 static_assert(POOL_BLOCKS_MAX == 1024 && BLOCK_ALIGNMENT == 64 && POOL_BYTES_MAX == 1 << 30, "as the cause above says");
 

@@ -1,6 +1,5 @@
 #include "platform/host/iam/file/Listing.h"
 
-#include <poll.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -21,7 +20,6 @@
 namespace host_platform::iam {
 namespace {
 
-using Clock = std::chrono::steady_clock;
 constexpr auto ANSWER_TIME = std::chrono::milliseconds(500);
 
 // A service and what it answers.
@@ -62,15 +60,7 @@ bool Ask(const Path& path, Asked& asked)
 // Waits for what it answers, or for the deadline, which may have passed.
 void Hear(Asked& asked, Clock::time_point deadline)
 {
-    pollfd waiting{asked.socket.Get(), POLLIN, 0};
-    int ready = -1;
-    while (ready < 0) {
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
-        ready = poll(&waiting, 1, static_cast<int>(std::max<int64_t>(left, 0)));
-        if (ready < 0 && errno != EINTR) {
-            return;
-        }
-    }
+    static_cast<void>(WaitForMessage(asked.socket, deadline));  // what is there by now counts also when it is over
     ListingPacket packet;
     const ssize_t size = recv(asked.socket.Get(), &packet, sizeof(packet), MSG_DONTWAIT);
     const auto message = ParseMessage(reinterpret_cast<const unsigned char*>(&packet),

@@ -50,10 +50,7 @@ Status OpenFiles::Open(const char* resource, Role role, int& fd)
     if (slot == nullptr) {
         return status.Failed() ? status : Status{ENOMEM, "out of memory"};
     }
-    status = slot->file.Connect(resource, role);
-    if (!status.Failed()) {
-        status = Publish(*slot, fd);
-    }
+    status = slot->file.Connect(resource, role).Then([&] { return Publish(*slot, fd); });
     if (status.Failed()) {
         slot->file.Abandon();
     }

@@ -1,6 +1,5 @@
 #include "platform/host/iam/file/ResourceFile.h"
 
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 
@@ -15,10 +14,6 @@
 
 namespace host_platform::iam {
 namespace {
-
-using Clock = std::chrono::steady_clock;
-using std::chrono::microseconds;
-using std::chrono::milliseconds;
 
 // An open takes one second at most; the last tenth is for the processor to come back after a wait that was in vain.
 constexpr auto OPEN_TIME = std::chrono::milliseconds(900);
@@ -35,7 +30,7 @@ Status ConnectSocket(const UniqueFd& socket, const Path& path, Clock::time_point
 {
     const sockaddr_un address = AddressOf(path);
     do {
-        const auto left = std::chrono::duration_cast<microseconds>(deadline - Clock::now()).count();
+        const auto left = std::chrono::duration_cast<std::chrono::microseconds>(deadline - Clock::now()).count();
         const timeval timeout{left / 1'000'000, left % 1'000'000};
         if (left <= 0) {
             return {ETIMEDOUT, "the service accepts nobody"};
@@ -46,20 +41,6 @@ Status ConnectSocket(const UniqueFd& socket, const Path& path, Clock::time_point
         }
     } while (errno == EINTR || errno == EAGAIN);
     return {errno, "its socket cannot be connected to"};
-}
-
-Status WaitForMessage(const UniqueFd& socket, Clock::time_point deadline)
-{
-    pollfd waiting{socket.Get(), POLLIN, 0};
-    int ready = 0;
-    do {
-        const auto left = std::chrono::ceil<milliseconds>(deadline - Clock::now()).count();
-        if (left <= 0) {
-            return {ETIMEDOUT, "the service does not answer"};
-        }
-        ready = poll(&waiting, 1, static_cast<int>(left));
-    } while (ready == 0 || (ready < 0 && errno == EINTR));
-    return ready > 0 ? Status{} : Status{errno, "the wait for the service failed"};
 }
 
 }  // namespace
@@ -147,30 +128,20 @@ Status ResourceFile::Connect(const char* resource, Role role)
     Path path{};
     UniqueFd directory;
     int pid = 0;
-    Status status = OpenRuntimeDirectory(Missing::REFUSE, path, directory);
-    if (!status.Failed()) {
-        status = AppendName(resource, path);
-    }
-    if (status.Failed()) {
-        return status;
+    const Status found =
+        OpenRuntimeDirectory(Missing::REFUSE, path, directory).Then([&] { return AppendName(resource, path); });
+    if (found.Failed()) {
+        return found;
     }
     snprintf(resource_.text, sizeof(resource_.text), "%s", resource);
     socket_ = AboveStandard(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-    if (!socket_) {
-        return {errno, "a socket cannot be made"};
-    }
-    status = ConnectSocket(socket_, path, deadline);
-    if (!status.Failed()) {
-        status = CheckPeerUser(socket_, pid);
-    }
-    if (!status.Failed()) {
-        status = SendMessage(socket_, Compose(MessageType::HELLO, 0, static_cast<uint32_t>(role), 0));
-    }
+    const Message hello = Compose(MessageType::HELLO, 0, static_cast<uint32_t>(role), 0);
+    Status status = Check(socket_.Get() >= 0, "a socket cannot be made")
+                        .Then([&] { return ConnectSocket(socket_, path, deadline); })
+                        .Then([&] { return CheckPeerUser(socket_, pid); })
+                        .Then([&] { return SendMessage(socket_, hello); });
     while (!status.Failed() && !connected_) {  // three messages at most: each type is sound once
-        status = WaitForMessage(socket_, deadline);
-        if (!status.Failed()) {
-            status = HearMessage();
-        }
+        status = WaitForMessage(socket_, deadline).Then([&] { return HearMessage(); });
     }
     return status.error == EPIPE ? Status{ECONNREFUSED, "the service has hung up"} : status;
 }
@@ -178,8 +149,7 @@ Status ResourceFile::Connect(const char* resource, Role role)
 Status ResourceFile::HearMessage()
 {
     ReceivedMessage received;
-    const Status status = ReceiveMessage(socket_, received);
-    return status.Failed() ? status : Take(received);
+    return ReceiveMessage(socket_, received).Then([&] { return Take(received); });
 }
 
 Status ResourceFile::Take(const ReceivedMessage& received)
@@ -201,15 +171,12 @@ Status ResourceFile::TakeRing(const ReceivedMessage& received)
 {
     Mapping service;
     Mapping own;
-    Status status = MapSharedMemory(received.descriptors[0], received.message.bytes, Writer::SERVICE, service);
-    if (!status.Failed()) {
-        status = MapSharedMemory(received.descriptors[1], READER_WORDS_BYTES, Writer::READER, own);
-    }
-    if (status.Failed()) {
-        return status;
-    }
-    ring_ = RingReader(std::move(service), std::move(own), received.message.count);
-    return SendMessage(socket_, Compose(MessageType::READY, 0, 0, 0));
+    return MapSharedMemory(received.descriptors[0], received.message.bytes, Writer::SERVICE, service)
+        .Then([&] { return MapSharedMemory(received.descriptors[1], READER_WORDS_BYTES, Writer::READER, own); })
+        .Then([&] {
+            ring_ = RingReader(std::move(service), std::move(own), received.message.count);
+            return SendMessage(socket_, Compose(MessageType::READY, 0, 0, 0));
+        });
 }
 
 Status ResourceFile::TakePool(const ReceivedMessage& received)

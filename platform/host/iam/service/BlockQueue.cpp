@@ -10,14 +10,14 @@ Status BlockQueue::Create(uint32_t entries, Memories& memories)
 {
     Mapping own;
     Mapping readers;
-    Status status = CreateSharedMemory("iam-ring", RingBytes(entries), Writer::SERVICE, memories.service, own);
-    if (!status.Failed()) {
-        status = CreateSharedMemory("iam-reader", READER_WORDS_BYTES, Writer::READER, memories.reader, readers);
-    }
-    if (!status.Failed()) {
+    const Status made =
+        CreateSharedMemory("iam-ring", RingBytes(entries), Writer::SERVICE, memories.service, own).Then([&] {
+            return CreateSharedMemory("iam-reader", READER_WORDS_BYTES, Writer::READER, memories.reader, readers);
+        });
+    if (!made.Failed()) {
         ring_ = RingWriter(std::move(own), std::move(readers), entries);
     }
-    return status;
+    return made;
 }
 
 BlockQueue::Appended BlockQueue::Append(uint32_t block, BlockPool& pool)

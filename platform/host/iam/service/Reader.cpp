@@ -6,8 +6,6 @@
 #include <new>
 #include <utility>
 
-#include "platform/host/iam/wire/Messages.h"
-
 namespace host_platform::iam {
 namespace {
 
@@ -30,10 +28,10 @@ Status Reader::Offer()
 {
     const uint32_t entries = role == Role::READER ? RING_ENTRIES : OBSERVER_BLOCKS;
     BlockQueue::Memories memories;
-    const Status made = queue.Create(entries, memories);
-    return made.Failed() ? made
-                         : SendMessage(socket, Compose(MessageType::RING, RingBytes(entries), entries, 0),
-                                       {memories.service.Get(), memories.reader.Get()});
+    return queue.Create(entries, memories).Then([&] {
+        return SendMessage(socket, Compose(MessageType::RING, RingBytes(entries), entries, 0),
+                           {memories.service.Get(), memories.reader.Get()});
+    });
 }
 
 Status Reader::Introduce(const BlockPool& pool)

@@ -6,7 +6,6 @@
 #define REPORT_EVENT_PLATFORM_HOST_IAM_SERVICE_READER_H
 
 #include <atomic>
-#include <chrono>
 #include <cstdint>
 #include <memory>
 
@@ -16,10 +15,9 @@
 #include "platform/host/iam/RuntimeDirectory.h"
 #include "platform/host/iam/service/BlockPool.h"
 #include "platform/host/iam/service/BlockQueue.h"
+#include "platform/host/iam/wire/Messages.h"
 
 namespace host_platform::iam {
-
-using Clock = std::chrono::steady_clock;
 
 struct Reader {
     Reader(UniqueFd connection, int process);

@@ -63,29 +63,20 @@ Status Service::Serve(const char* name, const IAMFileOperations& operations)
         operations_ = operations;
         snprintf(name_.text, sizeof(name_.text), "%s", name);
     }
-    Status status = Start(name, *endpoint);
+    const Status prepared = endpoint->Create(name).Then([&] { return thread_.Start(); }).Then([&] {
+        // At every start: what was built since the last one, and is destroyed earlier, must not hear of a reader any
+        // more.
+        return std::atexit([] { Instance().EndAtExit(); }) == 0 ? Status{}
+                                                                : Status{ENOMEM, "no exit handler can be registered"};
+    });
     const MutexLock lock(mutex_);
-    if (!status.Failed()) {
-        status = thread_.Watch(*endpoint);  // a system call, so that the first reader finds all of it
-    }
-    if (!status.Failed()) {
+    // A system call under the lock, so that the first reader finds all of it.
+    const Status watched = prepared.Then([&] { return thread_.Watch(*endpoint); });
+    if (!watched.Failed()) {
         endpoint_ = std::move(endpoint);
     }
-    life_ = status.Failed() ? Life::IDLE : Life::SERVING;
-    return status;
-}
-
-Status Service::Start(const char* name, Endpoint& endpoint)
-{
-    Status status = endpoint.Create(name);
-    if (!status.Failed()) {
-        status = thread_.Start();
-    }
-    // At every start: what was built since the last one, and is destroyed earlier, must not hear of a reader any more.
-    if (!status.Failed() && std::atexit([] { Instance().EndAtExit(); }) != 0) {
-        return {ENOMEM, "no exit handler can be registered"};
-    }
-    return status;
+    life_ = watched.Failed() ? Life::IDLE : Life::SERVING;
+    return watched;
 }
 
 int Service::End(uint64_t poolGeneration)

@@ -61,8 +61,6 @@ private:
 
     Service() = default;
 
-    Status BeginServing(const char* name, const IAMFileOperations& operations) HOST_EXCLUDES(mutex_);
-    Status Start(const char* name, Endpoint& endpoint);
     void BeginEnd(bool quiet) HOST_REQUIRES(mutex_);
     void WaitForEnd(uint32_t endsBefore) const;
     void EndAtExit() HOST_EXCLUDES(mutex_);

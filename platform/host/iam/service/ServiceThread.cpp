@@ -91,10 +91,8 @@ Status ServiceThread::Watch(const Endpoint& endpoint)
     if (notice_) {
         endpoint.Watch(notice_.Get());
     }
-    if (Control(epoll_, EPOLL_CTL_ADD, endpoint.Listener(), EPOLLIN, LISTENER_KEY) != 0) {
-        return {errno, "its socket cannot be watched"};
-    }
-    return {};
+    return Check(Control(epoll_, EPOLL_CTL_ADD, endpoint.Listener(), EPOLLIN, LISTENER_KEY) == 0,
+                 "its socket cannot be watched");
 }
 
 void ServiceThread::Wake() const
@@ -191,12 +189,12 @@ void ServiceThread::Admit(UniqueFd socket)
 {
     int pid = 0;
     const int fd = socket.Get();
-    Status status = CheckPeerUser(socket, pid);
+    const Status peer = CheckPeerUser(socket, pid);
     std::unique_ptr<Reader> reader(new (std::nothrow) Reader(std::move(socket), pid));
     Reader* const added = reader.get();
-    if (!status.Failed()) {
-        status = added != nullptr ? service_.Add(std::move(reader)) : Status{ENOMEM, "out of memory"};
-    }
+    const Status status = peer.Then([&] {
+        return added != nullptr ? service_.Add(std::move(reader)) : Status{ENOMEM, "out of memory"};
+    });
     if (status.Failed()) {
         IAM_LOG("%s: a connection of process %d was refused: %s", service_.Name(), pid, status.cause);
         return;

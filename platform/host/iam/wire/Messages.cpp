@@ -1,5 +1,6 @@
 #include "platform/host/iam/wire/Messages.h"
 
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -106,6 +107,20 @@ Status ReceiveMessage(const UniqueFd& socket, ReceivedMessage& received)
         return {EPROTO, "a message has missing or extra descriptors"};
     }
     return {};
+}
+
+Status WaitForMessage(const UniqueFd& socket, Clock::time_point deadline)
+{
+    pollfd waiting{socket.Get(), POLLIN, 0};
+    int ready = 0;
+    do {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
+        if (left <= 0) {
+            return {ETIMEDOUT, "the service does not answer"};
+        }
+        ready = poll(&waiting, 1, static_cast<int>(left));
+    } while (ready == 0 || (ready < 0 && errno == EINTR));
+    return Check(ready > 0, "the wait for the service failed");
 }
 
 Status CheckPeerUser(const UniqueFd& socket, int& pid)

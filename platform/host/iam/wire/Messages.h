@@ -3,6 +3,7 @@
 #define REPORT_EVENT_PLATFORM_HOST_IAM_WIRE_MESSAGES_H
 
 #include <array>
+#include <chrono>
 #include <initializer_list>
 
 #include "platform/host/common/Descriptor.h"
@@ -10,6 +11,8 @@
 #include "platform/host/iam/wire/Protocol.h"
 
 namespace host_platform::iam {
+
+using Clock = std::chrono::steady_clock;
 
 struct ReceivedMessage {
     MessageType type{};
@@ -24,6 +27,9 @@ Status SendMessage(const UniqueFd& socket, const Message& message, std::initiali
 // one sound message with the descriptors that belong to it (all that came with it are closed), EMFILE when the process
 // has no room for those.
 Status ReceiveMessage(const UniqueFd& socket, ReceivedMessage& received);
+
+// Waits until there is something to receive, a hang-up included. ETIMEDOUT at the deadline.
+Status WaitForMessage(const UniqueFd& socket, Clock::time_point deadline);
 
 // Tells the process at the other end; fails with EACCES unless it runs as this process's user.
 Status CheckPeerUser(const UniqueFd& socket, int& pid);

@@ -49,14 +49,9 @@ Status CreateSharedMemory(const char* name, uint64_t bytes, Writer writer, Uniqu
     if (error != 0) {
         return {error, "shared memory cannot be had"};
     }
-    const Status mapped = Map(fd, bytes, writer == Writer::SERVICE, mapping);
-    if (mapped.Failed()) {
-        return mapped;
-    }
-    if (fcntl(fd.Get(), F_ADD_SEALS, Seals(writer)) != 0) {
-        return {errno, "shared memory cannot be sealed"};
-    }
-    return {};
+    return Map(fd, bytes, writer == Writer::SERVICE, mapping).Then([&] {
+        return Check(fcntl(fd.Get(), F_ADD_SEALS, Seals(writer)) == 0, "shared memory cannot be sealed");
+    });
 }
 
 Status MapSharedMemory(const UniqueFd& fd, uint64_t bytes, Writer writer, Mapping& mapping)
