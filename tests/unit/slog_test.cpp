@@ -13,7 +13,7 @@
 
 #include "platform/host/slog/HostLog.h"
 #include "platform/host/slog/LineBudget.h"
-#include "tests/system/Ends.h"
+#include "tests/unit/Ends.h"
 #include "tests/unit/iam_support.h"
 
 namespace {
@@ -99,8 +99,8 @@ TEST(SlogHost, TakesAwayNoSigpipeLeavesNoneBehindAndStaysSilentAfterABrokenPipe)
 {
     for (const bool waiting : {false, true}) {
         const std::string state = waiting ? "^11$" : "^10$";
-        const auto logIntoPipe = [&] { LogIntoNothing<system_test::Pipe>(waiting); };
-        const auto logIntoSocket = [&] { LogIntoNothing<system_test::Socket>(waiting); };
+        const auto logIntoPipe = [&] { LogIntoNothing<host_test::Pipe>(waiting); };
+        const auto logIntoSocket = [&] { LogIntoNothing<host_test::Socket>(waiting); };
         ExpectErrorOutput("SLOG_LEVELS", nullptr, logIntoPipe, state);
         ExpectErrorOutput("SLOG_LEVELS", nullptr, logIntoSocket, state);
     }
@@ -245,11 +245,11 @@ void ExpectNoWaitAndEveryGapStated(int out, const Operation& letGo)
 
 TEST(SlogHost, NeverWaitsAndCountsTheLinesThatItLeavesOut)
 {
-    ExpectNoWaitAndEveryGapStated(Road<system_test::Socket>().ends.reading, [] {});
-    ExpectNoWaitAndEveryGapStated(Road<system_test::Pipe>().ends.reading, [] {});
+    ExpectNoWaitAndEveryGapStated(Road<host_test::Socket>().ends.reading, [] {});
+    ExpectNoWaitAndEveryGapStated(Road<host_test::Pipe>().ends.reading, [] {});
     // A terminal, with and without a descriptor left to open it once more.
     for (const rlim_t descriptors : {256, STDERR_FILENO + 1}) {
-        const Road<system_test::Terminal> terminal;
+        const Road<host_test::Terminal> terminal;
         tcflow(STDERR_FILENO, TCOOFF);  // as Ctrl-S does
         const Limit few(RLIMIT_NOFILE, descriptors);
         ExpectNoWaitAndEveryGapStated(terminal.ends.reading, [] { tcflow(STDERR_FILENO, TCOON); });

@@ -1,6 +1,6 @@
 // Two connected ends: a program under test writes into one, and the test reads from the other.
-#ifndef REPORT_EVENT_TESTS_SYSTEM_ENDS_H
-#define REPORT_EVENT_TESTS_SYSTEM_ENDS_H
+#ifndef REPORT_EVENT_TESTS_UNIT_ENDS_H
+#define REPORT_EVENT_TESTS_UNIT_ENDS_H
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -9,7 +9,7 @@
 
 #include <cstdlib>
 
-namespace system_test {
+namespace host_test {
 
 struct Ends {
     int reading = -1;
@@ -54,6 +54,6 @@ struct Terminal : Ends {
     }
 };
 
-}  // namespace system_test
+}  // namespace host_test
 
-#endif  // REPORT_EVENT_TESTS_SYSTEM_ENDS_H
+#endif  // REPORT_EVENT_TESTS_UNIT_ENDS_H
