@@ -10,7 +10,7 @@
 #include "report_event/EventRecord.h"
 #include "report_event/ResourceNames.h"
 #include "report_event/ResultCodes.h"
-#include "tests/system/Process.h"
+#include "tests/package/Support.h"
 
 // The interfaces of version 1.0: they change only together with the library's SOVERSION.
 class ReportEventClient {
@@ -42,7 +42,7 @@ constexpr const char* RESOURCE = "dp:/res/iam/sec_event";  // the one file that 
 uint32_t Received(std::promise<uint32_t>& promise)
 {
     auto future = promise.get_future();
-    return future.wait_for(system_test::PATIENCE) == std::future_status::ready ? future.get() : 0;
+    return future.wait_for(platform_test::options.patience) == std::future_status::ready ? future.get() : 0;
 }
 
 int Publish(ReportEvent::EventType family, uint32_t eventId)
@@ -62,7 +62,7 @@ bool NobodyReads()
 
 TEST(FrozenClient, ReachesEveryOperationThroughItsSlot)
 {
-    const system_test::RuntimeDirectory directory;
+    const package_test::RuntimeDirectory directory;
     ReportEventServer& subscriber = ReportEventServer::GetInstance();
     std::promise<uint32_t> device;
     std::promise<uint32_t> security;
@@ -80,13 +80,13 @@ TEST(FrozenClient, ReachesEveryOperationThroughItsSlot)
     EXPECT_EQ(Publish(ReportEvent::FAULT_EVENT, 11), 0);
     EXPECT_EQ(Received(device), 11U);
     EXPECT_EQ(subscriber.FmUnregisterReportEventImpl({"dp:/res/unknown", RESOURCE}), 0xF10206);
-    EXPECT_TRUE(system_test::Await(NobodyReads));
+    EXPECT_TRUE(package_test::Eventually(NobodyReads));
 
     ASSERT_EQ(subscriber.RegIDSEventReportHandlerImpl(onSecurity), 0);
     EXPECT_EQ(Publish(ReportEvent::SECURITY_EVENT, 12), 0);
     EXPECT_EQ(Received(security), 12U);
     EXPECT_EQ(subscriber.UnregIDSEventReportHandlerImpl(), 0);
-    EXPECT_TRUE(system_test::Await(NobodyReads));
+    EXPECT_TRUE(package_test::Eventually(NobodyReads));
 }
 
 TEST(FrozenClient, KnowsTheResultsAndTheResourcesOfToday)

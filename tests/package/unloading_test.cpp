@@ -13,7 +13,7 @@
 #include "fte.h"
 #include "report_event/ReportEventClient.h"
 #include "report_event/ReportEventServer.h"
-#include "tests/system/Process.h"
+#include "tests/package/Support.h"
 
 namespace {
 
@@ -39,16 +39,14 @@ void SubscribeOnce(void* library, const std::shared_ptr<int>& held)
     std::atomic<int> arrived{0};
     const auto callback = [held, &arrived](const auto&...) { ++arrived; };
     ASSERT_EQ(subscriber.FmRegisterMidReportEventImpl({RESOURCE}, callback, callback), 0);
-    EXPECT_TRUE(system_test::Await([&] { return arrived > 0; }));
+    EXPECT_TRUE(package_test::Eventually([&] { return arrived > 0; }));
     EXPECT_EQ(subscriber.FmUnregisterReportEventImpl({RESOURCE}), 0);
 }
 
 TEST(Unloading, RunsTheDestructorsAndLeavesNothingTwice)
 {
-    const system_test::RuntimeDirectory directory;
-    system_test::Process publisher(
-        {PUBLISHER, "--resource", RESOURCE, "--wait", "--count", "1000000", "--interval", "20"});
-    ASSERT_TRUE(publisher.WaitForOutput("serving")) << publisher.Transcript();
+    const package_test::RuntimeDirectory directory;
+    const package_test::Publisher publisher(RESOURCE, "--wait --quiet --count 1000000 --interval 20");
     // The platform keeps what it starts at its first use: a thread for deliveries, and one that follows open files.
     close(open(RESOURCE, O_RDWR));
     FTERegisterCallback([](const unsigned char*, unsigned) { return 0; });
@@ -68,7 +66,8 @@ TEST(Unloading, RunsTheDestructorsAndLeavesNothingTwice)
 
         EXPECT_EQ(held.use_count(), 1) << "the subscriber was not destroyed";
         EXPECT_EQ(dlopen(LIBRARY, RTLD_NOW | RTLD_NOLOAD), nullptr) << "the library is still there";
-        system_test::Await([&] { return CountEntries("/proc/self/task") == threads; });  // leaves /proc after its join
+        package_test::Eventually(
+            [&] { return CountEntries("/proc/self/task") == threads; });  // leaves /proc after its join
         EXPECT_EQ(CountEntries("/proc/self/task"), threads);
         EXPECT_EQ(CountEntries("/proc/self/fd"), descriptors);
     }

@@ -11,7 +11,7 @@
 #include "report_event/ReportEventClient.h"
 #include "report_event/ReportEventServer.h"
 #include "report_event/ResourceNames.h"
-#include "tests/system/Process.h"
+#include "tests/package/Support.h"
 
 namespace {
 
@@ -23,7 +23,7 @@ std::ptrdiff_t CountThreads()
 TEST(WithoutFaultReporting, AProcessPublishesAndSubscribesAndMeetsFailures)
 {
     ASSERT_EQ(dlsym(RTLD_DEFAULT, "FTERegisterCallback"), nullptr) << "this program was to lack it";
-    const system_test::RuntimeDirectory directory;
+    const package_test::RuntimeDirectory directory;
     testing::internal::CaptureStderr();
     ReportEventClient& publisher = ReportEventClient::GetInstance();
     ReportEventServer& subscriber = ReportEventServer::GetInstance();
@@ -35,15 +35,15 @@ TEST(WithoutFaultReporting, AProcessPublishesAndSubscribesAndMeetsFailures)
     EXPECT_EQ(publisher.ReportEvent(serializedFault, sizeof(serializedFault)), 0);
     const auto record = ReportEvent::MakeRawRecord(ReportEvent::SECURITY_EVENT, false, {});
     EXPECT_EQ(publisher.ReportEvent(reinterpret_cast<const char*>(record.bytes), sizeof(record.bytes)), 0);
-    EXPECT_EQ(arrived.get_future().wait_for(system_test::PATIENCE), std::future_status::ready);
+    EXPECT_EQ(arrived.get_future().wait_for(platform_test::options.patience), std::future_status::ready);
 
     const std::string resource = ReportEvent::PM_FAULT_RESOURCE;
-    system_test::Process manager({PUBLISHER, "--resource", resource, "--wait", "--serve"});
-    ASSERT_TRUE(manager.WaitForOutput("serving")) << manager.Transcript();
+    package_test::Publisher manager(resource, "--wait --serve");
     EXPECT_EQ(subscriber.FmRegisterMidReportEventImpl({resource}, nullptr, nullptr), 0);
     const auto threads = CountThreads();
-    manager.Stop(SIGKILL);
-    EXPECT_TRUE(system_test::Await([&] { return CountThreads() < threads; }));  // the read thread has reported the loss
+    manager.Kill();
+    EXPECT_TRUE(
+        package_test::Eventually([&] { return CountThreads() < threads; }));  // the read thread has reported the loss
     EXPECT_EQ(subscriber.FmUnregisterReportEventImpl({resource}), 0);
     EXPECT_EQ(subscriber.UnregIDSEventReportHandlerImpl(), 0);
 
