@@ -143,65 +143,40 @@ TEST_F(IamHostTest, PathsFitToTheLastCharacter)
     unsetenv("XDG_RUNTIME_DIR");
 }
 
-// Serves while its socket's file gets lost in this way; then the service has heard of it.
-void ServeAndLose(const fs::path& socket, const std::function<void()>& lose)
+// Another mode; the directory is moved away, twice; the socket is removed and somebody else's file has its name.
+TEST_F(IamHostTest, TheLossOfTheSocketIsSaidOnceAndAForeignFileIsNotReplaced)
 {
-    Publisher publisher(4);
-    std::deque<Reader> leaving(2);
-    const Reader reader;
-    EXPECT_EQ(0, chmod(socket.c_str(), 0600));  // is no loss
-    for (size_t gone = 1; gone <= 2; ++gone) {
-        lose();
-        leaving.pop_back();
-        EXPECT_TRUE(Eventually([&] { return receiver->closed == gone; }));
+    const std::string said = "its socket " + SocketPath() + " is gone";
+    const std::function<void()> leave = [&] { fs::rename(directory, directory + "-away"); };
+    const std::function<void()> comeBack = [&] { fs::rename(directory + "-away", directory); };
+    const std::pair<bool, std::vector<std::function<void()>>> rows[] = {
+        {false, {[&] { EXPECT_EQ(0, chmod(SocketPath().c_str(), 0600)); }}},
+        {true, {leave, comeBack, leave, comeBack}},
+        {true, {[&] { fs::remove(SocketPath()); }, [&] { std::ofstream(SocketPath()).close(); }}},
+    };
+    for (const auto& [isLoss, steps] : rows) {
+        testing::internal::CaptureStderr();
+        {
+            Publisher publisher(4);
+            std::deque<Reader> leaving(steps.size());
+            const Reader reader;
+            size_t left = 0;
+            for (const auto& step : steps) {
+                step();
+                leaving.pop_back();
+                ++left;
+                EXPECT_TRUE(Eventually([&] { return receiver->closed == left; }));
+            }
+            ExpectDelivery(publisher, reader);
+        }
+        const std::string errors = testing::internal::GetCapturedStderr();
+        EXPECT_EQ(isLoss, errors.find(said) != std::string::npos) << errors;
+        EXPECT_EQ(errors.find(said), errors.rfind(said)) << errors;
     }
-    ExpectDelivery(publisher, reader);
-}
-
-TEST(Role, DISABLED_LosesItsDirectoryAndLaterItsSocket)
-{
-    const fs::path directory = getenv("IAM_RUNTIME_DIR");
-    const fs::path away = directory.string() + "-away";
-    const fs::path socket = directory / "dp%3A%2Fres%2Funit%2Fevents";
-    ServeAndLose(socket, [&] {
-        const bool isThere = fs::exists(directory);
-        fs::rename(isThere ? directory : away, isThere ? away : directory);
-    });
-    ServeAndLose(socket, [&] {
-        EXPECT_TRUE(fs::remove(socket));
-        std::ofstream(socket).close();  // somebody else's by now
-    });
-}
-
-// Ends with 1 if it may not serve the name.
-TEST(Role, DISABLED_Serves)
-{
-    if (Publisher().Serve() != 0) {
-        _exit(1);
-    }
-}
-
-TEST_F(IamHostTest, ALiveSocketAndAForeignFileAreNotReplacedAndTheLossOfTheSocketIsSaidOnce)
-{
-    const std::string errors = ErrorsOf("LosesItsDirectoryAndLaterItsSocket");
-    const std::string loss = "its socket " + SocketPath() + " is gone";
-    const size_t first = errors.find(loss);
-    const size_t last = errors.rfind(loss);
-    EXPECT_LT(first, last) << errors;
-    EXPECT_EQ(last, errors.find(loss, first + 1)) << errors;
     EXPECT_TRUE(fs::is_regular_file(SocketPath()));
     EXPECT_EQ(-EEXIST, Publisher().Serve());
     EXPECT_TRUE(fs::remove(SocketPath()));
     Publisher publisher(4);  // a second try
-    // It is asked, however busy it is.
-    std::atomic<bool> busy{true};
-    receiver->whenOpened = [&] { EXPECT_TRUE(Eventually([&] { return !busy; })); };
-    std::thread opening([] { Reader(); });
-    EXPECT_TRUE(Eventually([] { return receiver->opened == 1; }));
-    EXPECT_EQ(1, StatusOf(StartRole("Serves")));
-    busy = false;
-    opening.join();
-    EXPECT_TRUE(Eventually([] { return receiver->closed == 1; }));
     ExpectDelivery(publisher, Reader());
 }
 
@@ -363,26 +338,6 @@ TEST_F(IamHostTest, WithoutMemoryCallsFailReadersReadAndLeaveAndLaterAllIsWell)
     ExpectDelivery(publisher, leaving);
 }
 
-// The signal that comes with the limit would end this process.
-TEST(Role, DISABLED_HasALimitOfFileSizes)
-{
-    Publisher publisher;
-    ASSERT_EQ(0, publisher.Serve());
-    {
-        const Limit files(RLIMIT_FSIZE, 4 * 4032 - 1);
-        EXPECT_EQ(-EFBIG, publisher.MakePool(4));
-    }
-    {
-        const Limit files(RLIMIT_FSIZE, 4 * 4032);
-        EXPECT_EQ(0, publisher.MakePool(4));
-    }
-    {
-        const Limit files(RLIMIT_FSIZE, 1000);
-        EXPECT_EQ(ECONNREFUSED, Reader().error);  // there is no ring for it
-    }
-    ExpectDelivery(publisher, Reader());
-}
-
 // As if the system had no room for their stacks.
 TEST(Role, DISABLED_CannotStartThreads)
 {
@@ -440,7 +395,6 @@ TEST(Role, DISABLED_HasNoStandardStreams)
 TEST_F(IamHostTest, AProcessThatLacksSomethingIsToldWhatAndRecovers)
 {
     const std::pair<const char*, const char*> rolesAndCauses[] = {
-        {"HasALimitOfFileSizes", "larger than the limit of file sizes"},
         {"CannotStartThreads", "no thread can be started"},
         {"CannotStartThreads", "FTERegisterCallback failed: Resource"},
         {"HasNoStandardStreams", ""},
@@ -454,24 +408,15 @@ TEST_F(IamHostTest, AProcessThatLacksSomethingIsToldWhatAndRecovers)
 // ---------------------------------------------------------------------------------------------------------------------
 // Other processes and threads
 
-TEST_F(IamHostTest, AProcessServesOneName)
+TEST_F(IamHostTest, SignalsForkAndExecLeaveItsThreadsServiceAndFilesAlone)
 {
     Publisher publisher(4);
-    Publisher other(0, "dp:/res/unit/another");
-    EXPECT_EQ(-EEXIST, other.Serve());
-    EXPECT_LT(other.MakePool(4), 0);
-    EXPECT_EQ(-1, IAMHostReaderCount("dp:/res/unit/another"));
-    ExpectDelivery(publisher, Reader());
-    ASSERT_EQ(0, IAMShmDestroyPool(&publisher.pool));
-    EXPECT_EQ(-1, IAMHostReaderCount(NAME));
-    EXPECT_EQ(0, other.Serve());
-    EXPECT_EQ(0, other.MakePool(4));
-}
-
-TEST_F(IamHostTest, AChildOfForkLeavesItsParentsServiceAndFilesAlone)
-{
-    Publisher publisher(4);
+    sigset_t blocked{};
+    receiver->whenOpened = [&] { pthread_sigmask(SIG_BLOCK, nullptr, &blocked); };
     const Reader reader;
+    for (const int signal : {SIGTERM, SIGPIPE, SIGUSR1}) {
+        EXPECT_EQ(1, sigismember(&blocked, signal)) << signal;
+    }
     const pid_t child = fork();
     if (child == 0) {
         const bool refused = publisher.Serve() == -ENOTSUP && publisher.MakePool(4) == -ENOTSUP &&
@@ -491,40 +436,6 @@ TEST_F(IamHostTest, AChildOfForkLeavesItsParentsServiceAndFilesAlone)
     }
 }
 
-TEST_F(IamHostTest, ItsThreadsTakeNoSignal)
-{
-    const uint64_t signals = 1ULL << (SIGTERM - 1) | 1ULL << (SIGPIPE - 1) | 1ULL << (SIGUSR1 - 1);
-    size_t threads = 0;
-    for (const auto& task : fs::directory_iterator("/proc/self/task")) {
-        std::string status;
-        std::getline(std::ifstream(task.path() / "status"), status, '\0');
-        if (status.find("Name:\tiam-") != std::string::npos) {
-            const uint64_t blocked = std::stoull(status.substr(status.find("SigBlk:") + 8, 16), nullptr, 16);
-            EXPECT_EQ(signals, blocked & signals);
-            ++threads;
-        }
-    }
-    EXPECT_EQ(2U, threads);
-}
-
-// The first exit handler was registered before the service, so it runs when libiam has fallen silent.
-TEST(Role, DISABLED_ExitsDuringANotification)
-{
-    static std::atomic<bool> exiting{false};
-    static std::atomic<bool> returned{false};
-    std::atexit([] { _exit(returned ? 0 : 7); });
-    new Publisher(4);
-    receiver->whenOpened = [] {
-        EXPECT_TRUE(Eventually([] { return exiting.load(); }));
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));  // it is waited for
-        returned = true;
-    };
-    std::thread([] { open(NAME, O_RDWR); }).detach();
-    ASSERT_TRUE(Eventually([] { return receiver->opened == 1; }));
-    std::atexit([] { exiting = true; });  // just before libiam's own handler
-    exit(9);
-}
-
 TEST(Role, DISABLED_ExitsInsideANotification)
 {
     [[maybe_unused]] static const auto& publisher = *new Publisher(4);
@@ -533,12 +444,10 @@ TEST(Role, DISABLED_ExitsInsideANotification)
     pause();  // what this thread uses is being destroyed
 }
 
-TEST_F(IamHostTest, NothingIsDeliveredOnceTheExitHandlersHaveBegun)
+TEST_F(IamHostTest, AnExitInsideANotificationWaitsForNobodyAndLeavesNothingBehind)
 {
-    for (const char* const role : {"ExitsDuringANotification", "ExitsInsideANotification"}) {
-        EXPECT_EQ(0, StatusOf(StartRole(role))) << role;
-        EXPECT_TRUE(fs::is_empty(directory)) << role;
-    }
+    EXPECT_EQ(0, StatusOf(StartRole("ExitsInsideANotification")));
+    EXPECT_TRUE(fs::is_empty(directory));
 }
 
 // ---------------------------------------------------------------------------------------------------------------------

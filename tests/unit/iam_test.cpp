@@ -10,15 +10,28 @@ namespace {
 
 TEST_F(IamTest, WhatIsOutOfTurnOrOutOfBoundsFailsAndChangesNothing)
 {
+    Publisher other(0, "dp:/res/unit/another");
     Publisher publisher;
     EXPECT_LT(publisher.MakePool(4), 0);  // no service yet
     EXPECT_EQ(ENOENT, Reader().error);
     ASSERT_EQ(0, publisher.Serve());
     const Reader reader;
+    EXPECT_LT(other.MakePool(4), 0);  // of another name
     EXPECT_LT(publisher.MakePool(0), 0);
     EXPECT_LT(publisher.MakePool(1025), 0);
     EXPECT_LT(publisher.MakePool(10, 63), 0);
-    ASSERT_EQ(0, publisher.MakePool(4));  // a retry after failures
+    {
+        const Limit files(RLIMIT_FSIZE, 4 * 4032 - 1);  // the signal that comes with it would end this process
+        EXPECT_EQ(-EFBIG, publisher.MakePool(4));
+    }
+    {
+        const Limit files(RLIMIT_FSIZE, 4 * 4032);
+        EXPECT_EQ(0, publisher.MakePool(4));  // a retry after failures
+    }
+    {
+        const Limit files(RLIMIT_FSIZE, 1000);
+        EXPECT_EQ(ECONNREFUSED, Reader().error);  // there is no ring for it
+    }
     EXPECT_LT(publisher.MakePool(4), 0);  // not twice
     ASSERT_EQ(0, publisher.Publish("at last"));
     EXPECT_EQ("!EMSGSIZE", reader.Read(6));
@@ -27,8 +40,16 @@ TEST_F(IamTest, WhatIsOutOfTurnOrOutOfBoundsFailsAndChangesNothing)
     EXPECT_EQ("at last", reader.Read(7));
     // A second registration replaces the notifications.
     EXPECT_EQ(0, publisher.Serve([](IAMRTFSMgrFile*) { return static_cast<int>(receiver->opened += 10); }, nullptr));
-    const Reader other;
+    const Reader second;
     EXPECT_EQ(11U, receiver->opened);
+    // A process serves one name at a time.
+    EXPECT_EQ(-EEXIST, other.Serve());
+    EXPECT_EQ(-1, IAMHostReaderCount("dp:/res/unit/another"));
+    EXPECT_EQ(2, IAMHostReaderCount(NAME));
+    ASSERT_EQ(0, IAMShmDestroyPool(&publisher.pool));
+    EXPECT_EQ(-1, IAMHostReaderCount(NAME));
+    EXPECT_EQ(0, other.Serve());
+    EXPECT_EQ(0, other.MakePool(4));
 }
 
 TEST_F(IamTest, AHandleThatIsNotGoodMakesTheCallFailAndChangesNothing)
