@@ -2,7 +2,9 @@
 // been called, there is a failure with its message, and the process goes on.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 
+#include <cstdio>
 #include <filesystem>
 #include <future>
 #include <iterator>
@@ -14,6 +16,35 @@
 #include "tests/package/Support.h"
 
 namespace {
+
+// Serves a resource in a process of its own, until it is killed.
+class Publisher {
+public:
+    explicit Publisher(const std::string& resource)
+        : output_(popen(
+              ("echo $$; exec " TEST_EMULATOR " '" PUBLISHER "' --resource " + resource + " --wait --serve").c_str(),
+              "re"))
+    {
+        char served[256] = {};
+        EXPECT_EQ(std::fscanf(output_, "%d serving %255s", &pid_, served), 2);
+        EXPECT_EQ(served, resource);
+    }
+    ~Publisher()
+    {
+        Kill();
+        pclose(output_);
+    }
+    Publisher(const Publisher&) = delete;
+
+    void Kill()
+    {
+        kill(pid_, SIGKILL);
+    }
+
+private:
+    FILE* const output_;
+    pid_t pid_ = 0;
+};
 
 std::ptrdiff_t CountThreads()
 {
@@ -38,7 +69,7 @@ TEST(WithoutFaultReporting, AProcessPublishesAndSubscribesAndMeetsFailures)
     EXPECT_EQ(arrived.get_future().wait_for(platform_test::options.patience), std::future_status::ready);
 
     const std::string resource = ReportEvent::PM_FAULT_RESOURCE;
-    package_test::Publisher manager(resource, "--wait --serve");
+    Publisher manager(resource);
     EXPECT_EQ(subscriber.FmRegisterMidReportEventImpl({resource}, nullptr, nullptr), 0);
     const auto threads = CountThreads();
     manager.Kill();
