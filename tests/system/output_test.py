@@ -34,10 +34,11 @@ class Output(ProgramsTest):
         self.assertTrue(happens(lambda: any(path.is_socket() for path in pathlib.Path(self.directory).iterdir())))
         publisher.expect_stop(signal.SIGINT, 130)
 
-        with self.serve(PM, "--quiet --count 100000 --name " + 128 * "n") as source:
-            monitor = self.start(MONITOR, stdout=writing)
-            source.await_error("0xF10209")  # the monitor takes nothing any more
-            monitor.expect_stop(signal.SIGTERM)
+        source = self.serve(PM, "--quiet --count 100000 --name " + 128 * "n")
+        monitor = self.start(MONITOR, stdout=writing)
+        source.await_error("0xF10209")  # the monitor takes nothing any more
+        monitor.expect_stop(signal.SIGTERM)
+        source.expect_stop(signal.SIGTERM)  # in order: nothing looks served afterwards
 
     def test_a_stop_signal_ends_a_program_that_waits_for_its_output(self):
         self.expect_that_signals_end_both_programs(stopped_terminal()[1])
