@@ -1,7 +1,9 @@
 // slog: what this host adds to slog.h: where lines go, how they look, and that nobody waits for that.
 #include "slog.h"
 
+#include <fcntl.h>
 #include <poll.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <termios.h>
 
@@ -13,7 +15,6 @@
 
 #include "platform/host/slog/HostLog.h"
 #include "platform/host/slog/LineBudget.h"
-#include "tests/unit/Ends.h"
 #include "tests/unit/iam_support.h"
 
 namespace {
@@ -53,6 +54,50 @@ void ExpectErrorOutput(const char* name, const char* value, const Operation& ope
     EXPECT_EXIT((operation(), _exit(0)), testing::ExitedWithCode(0), expected) << (value == nullptr ? "" : value);
     unsetenv(name);
 }
+
+// Two connected ends.
+struct Ends {
+    int reading = -1;
+    int writing = -1;
+
+    Ends() = default;
+    Ends(const Ends&) = delete;
+    ~Ends()
+    {
+        close(reading);
+        close(writing);
+    }
+};
+
+struct Pipe : Ends {
+    Pipe()
+    {
+        int ends[2];
+        EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0);
+        reading = ends[0];
+        writing = ends[1];
+    }
+};
+
+struct Socket : Ends {
+    Socket()
+    {
+        int ends[2];
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+        reading = ends[0];
+        writing = ends[1];
+    }
+};
+
+struct Terminal : Ends {
+    Terminal()
+    {
+        reading = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+        EXPECT_EQ(grantpt(reading), 0);
+        EXPECT_EQ(unlockpt(reading), 0);
+        writing = open(ptsname(reading), O_RDWR | O_NOCTTY | O_CLOEXEC);
+    }
+};
 
 // In the place of standard error as long as it lives: lines come out at its other end.
 template <typename Ends>
@@ -99,8 +144,8 @@ TEST(SlogHost, TakesAwayNoSigpipeLeavesNoneBehindAndStaysSilentAfterABrokenPipe)
 {
     for (const bool waiting : {false, true}) {
         const std::string state = waiting ? "^11$" : "^10$";
-        const auto logIntoPipe = [&] { LogIntoNothing<host_test::Pipe>(waiting); };
-        const auto logIntoSocket = [&] { LogIntoNothing<host_test::Socket>(waiting); };
+        const auto logIntoPipe = [&] { LogIntoNothing<Pipe>(waiting); };
+        const auto logIntoSocket = [&] { LogIntoNothing<Socket>(waiting); };
         ExpectErrorOutput("SLOG_LEVELS", nullptr, logIntoPipe, state);
         ExpectErrorOutput("SLOG_LEVELS", nullptr, logIntoSocket, state);
     }
@@ -245,11 +290,11 @@ void ExpectNoWaitAndEveryGapStated(int out, const Operation& letGo)
 
 TEST(SlogHost, NeverWaitsAndCountsTheLinesThatItLeavesOut)
 {
-    ExpectNoWaitAndEveryGapStated(Road<host_test::Socket>().ends.reading, [] {});
-    ExpectNoWaitAndEveryGapStated(Road<host_test::Pipe>().ends.reading, [] {});
+    ExpectNoWaitAndEveryGapStated(Road<Socket>().ends.reading, [] {});
+    ExpectNoWaitAndEveryGapStated(Road<Pipe>().ends.reading, [] {});
     // A terminal, with and without a descriptor left to open it once more.
     for (const rlim_t descriptors : {256, STDERR_FILENO + 1}) {
-        const Road<host_test::Terminal> terminal;
+        const Road<Terminal> terminal;
         tcflow(STDERR_FILENO, TCOOFF);  // as Ctrl-S does
         const Limit few(RLIMIT_NOFILE, descriptors);
         ExpectNoWaitAndEveryGapStated(terminal.ends.reading, [] { tcflow(STDERR_FILENO, TCOON); });
