@@ -9,8 +9,6 @@ import sqlite3
 
 from programs import FORWARDER, ProgramsTest
 
-EVENTS = "report_event/+/+/+"
-
 
 def free_port():
     """A port of the loopback that nobody listens on."""
@@ -26,13 +24,18 @@ def number_in(path, query):
 
 
 def in_order(lines):
-    """The events in the order of their first receipt, which is that of the outbox, without a gap; and the repeats."""
-    events, repeats = [], 0
-    for event in map(json.loads, lines):
-        if events and event["seq"] <= events[-1]["seq"]:
+    """The events in the order of their first receipt, which is that of each outbox, without a gap; and the repeats."""
+    events, repeats, last = [], 0, {}
+    for line in lines:
+        brace = line.index("{")
+        event = json.loads(line[brace:])
+        event["received"] = float(line[:brace])  # in seconds
+        ahead = event["seq"] - last.get(event["outbox"], event["seq"] - 1)
+        if ahead <= 0:
             repeats += 1
             continue
-        assert not events or event["seq"] == events[-1]["seq"] + 1, f"a gap before {event}"
+        assert ahead == 1, f"a gap before {event}"
+        last[event["outbox"]] = event["seq"]
         events.append(event)
     return events, repeats
 
@@ -71,12 +74,11 @@ class BrokerTest(ProgramsTest):
     def subscriber(self, arguments):
         return self.start("stdbuf", f"-oL mosquitto_sub -h 127.0.0.1 -p {self.port} {arguments}")
 
-    def expect_events(self):
-        """From now on the collector gets all events, also those that come while it does not run."""
-        self.subscriber(f"-i collector -c -q 1 -t {EVENTS} -E").expect_end()
-
-    def collect(self, arguments=""):
-        return self.subscriber(f"-i collector -c -q 1 -t {EVENTS} {arguments}")
+    def collect(self):
+        """A collector that has subscribed to all events; each line of it begins with the time of receipt."""
+        collector = "-i collector -c -q 1 -t report_event/+/+/+"
+        self.subscriber(f"{collector} -E").expect_end()
+        return self.subscriber(f"{collector} -F %U%p")
 
     def forwarder(self, arguments):
         return self.start(FORWARDER, f"--broker {self.address} --outbox {self.outbox} {arguments}")
