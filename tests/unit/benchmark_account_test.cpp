@@ -4,7 +4,6 @@
 
 #include <cstdint>
 #include <cstring>
-#include <utility>
 #include <vector>
 
 #include "benchmarks/common/Arrivals.h"
@@ -26,33 +25,30 @@ struct Arriving {
     size_t size = SIZE;
 };
 
-struct AccountCase {
-    const char* name;
-    std::vector<Arriving> records;
-    uint64_t lost;
-    bool complete;
-};
-
-const AccountCase ACCOUNT_CASES[] = {
-    {"all in order", {{0}, {1}, {2}, {3}, {4}}, 0, true},
-    {"one missing", {{0}, {1}, {3}, {4}}, 1, true},
-    {"the last missing", {{0}, {1}, {2}, {3}}, 1, false},
-    {"one repeated", {{0}, {1}, {1}, {2}, {3}, {4}}, 1, true},
-    {"two swapped", {{0}, {2}, {1}, {3}, {4}}, 2, true},
-    {"damaged in the pattern", {{0}, {1, 100}, {2}, {3}, {4}}, 1, true},
-    {"damaged in the first number", {{0}, {1, 0}, {2}, {3}, {4}}, 1, true},
-    {"too short for a time", {{0}, {1, -1, 15}, {2}, {3}, {4}}, 1, true},
-    {"one byte short", {{0}, {1, -1, SIZE - 1}, {2}, {3}, {4}}, 1, true},
-    {"one byte too long", {{0}, {1, -1, SIZE + 1}, {2}, {3}, {4}}, 1, true},
-};
-
 TEST(Account, CountsEveryRecordThatDidNotArriveOnceInPlaceAndWhole)
 {
-    for (const AccountCase& account : ACCOUNT_CASES) {
-        SCOPED_TRACE(account.name);
+    const struct {
+        const char* name;
+        std::vector<Arriving> records;
+        uint64_t lost;
+        bool complete;
+    } cases[] = {
+        {"all in order", {{0}, {1}, {2}, {3}, {4}}, 0, true},
+        {"one missing", {{0}, {1}, {3}, {4}}, 1, true},
+        {"the last missing", {{0}, {1}, {2}, {3}}, 1, false},
+        {"one repeated", {{0}, {1}, {1}, {2}, {3}, {4}}, 1, true},
+        {"two swapped", {{0}, {2}, {1}, {3}, {4}}, 2, true},
+        {"damaged in the pattern", {{0}, {1, 100}, {2}, {3}, {4}}, 1, true},
+        {"damaged in the first number", {{0}, {1, 0}, {2}, {3}, {4}}, 1, true},
+        {"too short for a time", {{0}, {1, -1, 15}, {2}, {3}, {4}}, 1, true},
+        {"one byte short", {{0}, {1, -1, SIZE - 1}, {2}, {3}, {4}}, 1, true},
+        {"one byte too long", {{0}, {1, -1, SIZE + 1}, {2}, {3}, {4}}, 1, true},
+    };
+    for (const auto& [name, records, lost, complete] : cases) {
+        SCOPED_TRACE(name);
         Arrivals arrivals({Mode::LATENCY, SIZE, COUNT, 0});
         BytesCheck check(StampedRecord::Plain(SIZE));
-        for (const Arriving& arriving : account.records) {
+        for (const Arriving& arriving : records) {
             StampedRecord sent = StampedRecord::Plain(SIZE);
             sent.Stamp(arriving.number);
             sent.StampTime(SENT);
@@ -65,9 +61,9 @@ TEST(Account, CountsEveryRecordThatDidNotArriveOnceInPlaceAndWhole)
         }
 
         pollfd done{arrivals.DoneFd(), POLLIN, 0};
-        EXPECT_EQ(poll(&done, 1, 0) == 1, account.complete);
-        EXPECT_EQ(arrivals.Lost(), account.lost);
-        EXPECT_EQ(arrivals.Taken(), account.records.size());
+        EXPECT_EQ(poll(&done, 1, 0), complete ? 1 : 0);
+        EXPECT_EQ(arrivals.Lost(), lost);
+        EXPECT_EQ(arrivals.Taken(), records.size());
         EXPECT_EQ(arrivals.Latencies().Max(), 2000u);
     }
 }
