@@ -17,35 +17,6 @@
 
 namespace {
 
-// Serves a resource in a process of its own, until it is killed.
-class Publisher {
-public:
-    explicit Publisher(const std::string& resource)
-        : output_(popen(
-              ("echo $$; exec " TEST_EMULATOR " '" PUBLISHER "' --resource " + resource + " --wait --serve").c_str(),
-              "re"))
-    {
-        char served[256] = {};
-        EXPECT_EQ(std::fscanf(output_, "%d serving %255s", &pid_, served), 2);
-        EXPECT_EQ(served, resource);
-    }
-    ~Publisher()
-    {
-        Kill();
-        pclose(output_);
-    }
-    Publisher(const Publisher&) = delete;
-
-    void Kill()
-    {
-        kill(pid_, SIGKILL);
-    }
-
-private:
-    FILE* const output_;
-    pid_t pid_ = 0;
-};
-
 std::ptrdiff_t CountThreads()
 {
     return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
@@ -69,14 +40,18 @@ TEST(WithoutFaultReporting, AProcessPublishesAndSubscribesAndMeetsFailures)
     EXPECT_EQ(arrived.get_future().wait_for(platform_test::options.patience), std::future_status::ready);
 
     const std::string resource = ReportEvent::PM_FAULT_RESOURCE;
-    Publisher manager(resource);
+    FILE* const manager =
+        popen(("echo $$; exec " TEST_EMULATOR " '" PUBLISHER "' --wait --serve --resource " + resource).c_str(), "re");
+    pid_t pid = 0;
+    ASSERT_EQ(std::fscanf(manager, "%d serving %*s", &pid), 1);
     EXPECT_EQ(subscriber.FmRegisterMidReportEventImpl({resource}, nullptr, nullptr), 0);
     const auto threads = CountThreads();
-    manager.Kill();
+    kill(pid, SIGKILL);
     EXPECT_TRUE(
         package_test::Eventually([&] { return CountThreads() < threads; }));  // the read thread has reported the loss
     EXPECT_EQ(subscriber.FmUnregisterReportEventImpl({resource}), 0);
     EXPECT_EQ(subscriber.UnregIDSEventReportHandlerImpl(), 0);
+    pclose(manager);
 
     const std::string log = testing::internal::GetCapturedStderr();
     for (const char* failure :
